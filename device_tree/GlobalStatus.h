@@ -1,0 +1,56 @@
+/// The overall health of one device: a grade and a free text that explains it.
+///
+/// A plain value that owns its text: const operations may run on several threads at once, changes
+/// need the caller's exclusion. An operation declared noexcept that runs out of memory ends the
+/// process, here as everywhere in this library.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "device_tree/Export.h"
+#include "proto/monitoring/device_tree.pb.h"
+
+namespace orv::device_tree {
+
+class ORV_DEVICE_TREE_EXPORT GlobalStatus {
+ public:
+  /// Any 32-bit number may be held. One outside the enumeration counts as an error in texts and in
+  /// messages, and as itself in comparisons.
+  enum Level : std::int32_t { LEVEL_OK = 0, LEVEL_WARNING = 1, LEVEL_ERROR = 2 };
+
+  /// `LEVEL_OK` without a text.
+  GlobalStatus() noexcept = default;
+
+  GlobalStatus(Level healthLevel, std::string text) noexcept
+      : level(healthLevel), message(std::move(text)) {}
+
+  /// Takes the level and the text of the message. An absent level reads as `LEVEL_OK`, a number
+  /// outside the message's enumeration as `LEVEL_ERROR`, an absent text as the empty one.
+  explicit GlobalStatus(const orv::proto::monitoring::GlobalStatus& healthMessage) noexcept;
+
+  /// Whether the levels differ as numbers or the texts in any byte.
+  bool operator!=(const GlobalStatus& other) const noexcept;
+  /// Exactly the negation of `operator!=`.
+  bool operator==(const GlobalStatus& other) const noexcept;
+
+  /// One line: "OK", "Warning" or "Error", followed by ": " and the text unless that is empty.
+  std::string debugString() const noexcept;
+
+  /// A message with the level always present, the text only when it is not empty.
+  orv::proto::monitoring::GlobalStatus toProtoBuf() const noexcept;
+  /// Makes `target` that message, whatever it held, and reuses the memory it has.
+  void toProtoBuf(orv::proto::monitoring::GlobalStatus& target) const noexcept;
+
+  Level level = LEVEL_OK;
+  /// Empty when there is nothing to explain.
+  std::string message;
+
+ private:
+  friend class DeviceNode;
+
+  void read(const orv::proto::monitoring::GlobalStatus& source);
+};
+
+}  // namespace orv::device_tree

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that are missing for the purposes named, and says which.
+#
+#   ./scripts/dependencies.sh PURPOSE...     purposes: build test check bench docs package fuzz
+set -euo pipefail
+
+packages_for() {
+  case $1 in
+    build) echo g++ cmake ninja-build libboost-dev libprotobuf-dev protobuf-compiler ;;
+    test) echo libgtest-dev python3 python3-protobuf pkg-config binutils locales ;;
+    check) echo clang clang-format clang-tidy cppcheck libclang-rt-14-dev ;;
+    bench) echo libbenchmark-dev nlohmann-json3-dev python3 ;;
+    docs) echo doxygen python3 ;;
+    package) echo dpkg-dev file lintian pkg-config devscripts ;;
+    fuzz) echo clang libclang-rt-14-dev llvm ;;
+    *)
+      echo "dependencies.sh: unknown purpose '$1'" >&2
+      exit 2
+      ;;
+  esac
+}
+
+missing=()
+for purpose in "$@"; do
+  for package in $(packages_for "$purpose"); do
+    if ! dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed'; then
+      missing+=("$package")
+    fi
+  done
+done
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+  as_root=(sudo)
+fi
+echo "Installing Debian packages: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
