@@ -1,0 +1,91 @@
+/// One named, typed piece of a device's changing state.
+///
+/// The type is fixed when the status is made; the value may be unknown ("not set"). A status copies
+/// with its value and owns its strings. A plain value: const operations may run on several threads
+/// at once, changes need the caller's exclusion.
+///
+/// The kind of the value that is set should be the one that belongs to the type:
+///
+///     TYPE_STRING  std::string         TYPE_UINT    unsigned long
+///     TYPE_INT     long                TYPE_DOUBLE  double
+///
+/// That is the caller's duty and not checked. A status without a value holds the integer 0.
+#pragma once
+
+#include <boost/variant/get.hpp>
+#include <boost/variant/variant.hpp>
+#include <cstdint>
+#include <string>
+
+#include "device_tree/Export.h"
+#include "proto/monitoring/device_tree.pb.h"
+
+namespace orv::device_tree {
+
+class ORV_DEVICE_TREE_EXPORT NamedStatus {
+ public:
+  /// Any 32-bit number may be held; one outside the enumeration is an unknown type.
+  enum Type : std::int32_t { TYPE_STRING = 0, TYPE_INT = 1, TYPE_UINT = 2, TYPE_DOUBLE = 3 };
+
+  using Value = boost::variant<long, unsigned long, double, std::string>;
+
+  /// A status whose value is not known.
+  NamedStatus(const std::string& name, Type type) noexcept;
+
+  /// A status whose value is set, whatever its kind.
+  NamedStatus(const std::string& name, Type type, const Value& value) noexcept;
+
+  /// Takes name, type and the value field that belongs to the type, if it is present; other value
+  /// fields are ignored. An absent type reads as `TYPE_STRING`; a number outside the message's
+  /// enumeration gives a `TYPE_INT` without a value.
+  explicit NamedStatus(const orv::proto::monitoring::NamedStatus& message) noexcept;
+
+  const std::string& getName() const noexcept { return name; }
+  Type getType() const noexcept { return type; }
+  bool isValueSet() const noexcept { return valueSet; }
+  /// The value held; the integer 0 when none is set.
+  const Value& getValue() const noexcept { return value; }
+
+  /// Sets the value, of whatever kind; the type stays. Throws std::bad_alloc when there is no
+  /// memory for a string: then `isValueSet` stays as it was, and so does the value unless its kind
+  /// was to change.
+  void setValue(const Value& newValue);
+
+  /// Forgets the value; the type stays.
+  void unsetValue() noexcept;
+
+  /// Whether names, types or values differ, the values read as the kind that belongs to the type:
+  /// numbers without tolerance (a NaN differs from itself), strings byte by byte. Whether a value
+  /// is set is not compared: an integer that is not set equals 0. Two statuses of one unknown type
+  /// always differ.
+  ///
+  /// Throws boost::bad_get when names and types are equal and either value is not of that kind. A
+  /// status without a value holds an integer, so that is so for every one that is not a `TYPE_INT`.
+  bool operator!=(const NamedStatus& other) const;
+  /// Exactly the negation of `operator!=`; throws as it does.
+  bool operator==(const NamedStatus& other) const;
+
+  /// One line: "temp (double 21.500000)", "mode (string not set)". Numbers are written in full and
+  /// the same in every locale. An unknown type, and a value whose kind disagrees with the type,
+  /// show as "?".
+  std::string debugString() const noexcept;
+
+  /// A message with the name, the type unless that is unknown, and the value field that belongs to
+  /// the type if a value of that kind is set.
+  orv::proto::monitoring::NamedStatus toProtoBuf() const noexcept;
+  /// Makes `target` that message, whatever it held, and reuses the memory it has.
+  void toProtoBuf(orv::proto::monitoring::NamedStatus& target) const noexcept;
+
+ private:
+  friend class DeviceNode;
+
+  NamedStatus() = default;
+  void read(const orv::proto::monitoring::NamedStatus& source);
+
+  std::string name;
+  Type type = TYPE_INT;
+  bool valueSet = false;
+  Value value = 0L;
+};
+
+}  // namespace orv::device_tree
