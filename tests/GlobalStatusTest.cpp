@@ -1,8 +1,5 @@
-#include <gtest/gtest.h>
-
-#include <limits>
-
 #include "device_tree/GlobalStatus.h"
+#include "tests/Trees.h"
 
 namespace {
 

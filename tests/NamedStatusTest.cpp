@@ -1,9 +1,7 @@
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <limits>
 
 #include "device_tree/NamedStatus.h"
+#include "tests/Trees.h"
 
 namespace {
 
@@ -83,6 +81,16 @@ TEST(NamedStatus, ValueOfAnotherKindIsShownAsUnknownAndNotWritten) {
     EXPECT_NE(wrong.debugString().find(" ?)"), std::string::npos) << wrong.debugString();
     EXPECT_FALSE(NamedStatus(wrong.toProtoBuf()).isValueSet());
     EXPECT_EQ(NamedStatus(wrong.toProtoBuf()).getType(), type);
+  }
+}
+
+TEST(NamedStatus, SurvivesItsMessageSetOrUnset) {
+  trees::Random random(1);
+  for (int i = 0; i < 100; ++i) {
+    const NamedStatus status = random.status(random.text());
+    const NamedStatus read(status.toProtoBuf());
+    EXPECT_EQ(read.debugString(), status.debugString());
+    EXPECT_EQ(read.getValue(), status.getValue());
   }
 }
 

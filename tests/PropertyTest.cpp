@@ -1,6 +1,5 @@
-#include <gtest/gtest.h>
-
 #include "device_tree/Property.h"
+#include "tests/Trees.h"
 
 namespace {
 

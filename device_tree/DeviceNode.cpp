@@ -1,0 +1,236 @@
+#include "device_tree/DeviceNode.h"
+
+#include <typeinfo>
+#include <utility>
+
+#include "device_tree/Walk.h"
+
+namespace orv::device_tree {
+
+namespace {
+
+// The nodes that this thread is about to release. A map in which all keys are equal is a queue that
+// takes over the entries of another map without allocating; see the destructor.
+struct AllEqual {
+  bool operator()(const std::string&, const std::string&) const noexcept { return false; }
+};
+using ReleaseQueue = std::multimap<std::string, std::shared_ptr<DeviceNode>, AllEqual>;
+thread_local ReleaseQueue* releaseQueue = nullptr;
+
+template <typename Visit>
+void forEachSubDevice(const DeviceNode& node, bool recursive, Visit visit) {
+  Walk walk(node);
+  while (const auto* subDevice = walk.next()) {
+    visit(*subDevice);
+    if (!recursive) walk.skipBelow();
+  }
+}
+
+DeviceNode* findNode(DeviceNode& root, const std::string& deviceId) {
+  if (root.getDeviceId() == deviceId) return &root;
+  Walk walk(root);
+  while (const auto* node = walk.next()) {
+    if ((*node)->getDeviceId() == deviceId) return node->get();
+  }
+  return nullptr;
+}
+
+// Files a copy of `value` unless its name is taken; `what` names the kind of entry in the refusal.
+template <typename Value>
+bool file(std::map<std::string, std::shared_ptr<Value>>& entries, const std::string& name,
+          const Value& value, const char* what, const DeviceNode& node, std::string& errorMessage) {
+  errorMessage.clear();
+  const auto place = entries.lower_bound(name);
+  if (place != entries.end() && place->first == name) {
+    errorMessage = node.formatMessage(what + (" " + name) + " already exists");
+    return false;
+  }
+  entries.emplace_hint(place, name, std::make_shared<Value>(value));
+  return true;
+}
+
+}  // namespace
+
+std::string GetIndent(unsigned int level) noexcept {
+  return std::string(std::size_t{2} * level, ' ');
+}
+
+DeviceNode::DeviceNode() noexcept = default;
+
+DeviceNode::DeviceNode(const std::string& nodeId, const std::string& nodeName,
+                       DeviceClass nodeClass) noexcept
+    : deviceId(nodeId), name(nodeName), deviceClass(nodeClass) {}
+
+std::string DeviceNode::messageHeader() const { return "Device " + deviceId + " - " + name; }
+
+// A sub-device released here runs this destructor in turn. So that a deep tree does not nest as
+// many calls, only the outermost of them releases; the others hand it their sub-devices.
+DeviceNode::~DeviceNode() {
+  if (subDevices.empty()) return;
+  ReleaseQueue own;
+  const bool outermost = releaseQueue == nullptr;
+  if (outermost) releaseQueue = &own;
+  while (!subDevices.empty()) {
+    releaseQueue->insert(releaseQueue->cend(), subDevices.extract(subDevices.cbegin()));
+  }
+  if (!outermost) return;
+  while (!own.empty()) own.extract(own.cbegin());
+  releaseQueue = nullptr;
+}
+
+std::string DeviceNode::debugString(unsigned int indent) const noexcept {
+  std::string text;
+  appendOwnText(text, indent);
+  Walk walk(*this);
+  while (const auto* subDevice = walk.next()) {
+    const DeviceNode& node = **subDevice;
+    const unsigned int level = indent + 2 * static_cast<unsigned int>(walk.depth());
+    if (typeid(node) == typeid(DeviceNode)) {
+      node.appendOwnText(text, level);
+    } else {
+      text += node.debugString(level);
+      walk.skipBelow();
+    }
+  }
+  return text;
+}
+
+void DeviceNode::appendOwnText(std::string& text, unsigned int indent) const {
+  const std::string header = GetIndent(indent);
+  const std::string counts = GetIndent(indent + 1);
+  text += header + "Device: name " + name + " - id " + deviceId + "\n";
+  text += header + "Status: " + globalStatus.debugString() + "\n";
+  text += header + "Class: " + std::to_string(static_cast<int>(deviceClass)) + "\n";
+  const auto appendEntries = [&](const auto& entries, const char* what) {
+    text += counts + std::to_string(entries.size()) + what;
+    for (const auto& [key, value] : entries) {
+      if (value) text += "[" + value->debugString() + "] ";
+    }
+    text += "\n";
+  };
+  appendEntries(properties, " property(ies): ");
+  appendEntries(statuses, " status(es): ");
+  text += counts + std::to_string(subDevices.size()) + " child(ren):\n";
+}
+
+void DeviceNode::setName(std::string newName) noexcept { name = std::move(newName); }
+
+void DeviceNode::setDeviceClass(DeviceClass newClass) noexcept { deviceClass = newClass; }
+
+void DeviceNode::setGlobalStatus(GlobalStatus newStatus) noexcept {
+  globalStatus = std::move(newStatus);
+}
+
+bool DeviceNode::setDeviceId(const std::string& newDeviceId, std::string& errorMessage) noexcept {
+  errorMessage.clear();
+  if (!deviceId.empty()) {
+    errorMessage = formatMessage("Cannot change a device ID");
+    return false;
+  }
+  deviceId = newDeviceId;
+  return true;
+}
+
+bool DeviceNode::addProperty(const Property& property, std::string& errorMessage) noexcept {
+  return file(properties, property.name, property, "Property", *this, errorMessage);
+}
+
+bool DeviceNode::addStatus(const NamedStatus& status, std::string& errorMessage) noexcept {
+  return file(statuses, status.name, status, "Status", *this, errorMessage);
+}
+
+bool DeviceNode::addSubDevice(std::shared_ptr<DeviceNode> subDevice, bool replace,
+                              std::string& errorMessage) noexcept {
+  return attach(std::move(subDevice), replace, errorMessage);
+}
+
+bool DeviceNode::attach(std::shared_ptr<DeviceNode> subDevice, bool replace,
+                        std::string& errorMessage) {
+  errorMessage.clear();
+  if (!subDevice) {
+    errorMessage = formatMessage("Trying to add an invalid (null) sub-device");
+    return false;
+  }
+  if (findNode(*subDevice, deviceId) != nullptr) {
+    errorMessage = formatMessage("Sub-device has same ID as parent: " + deviceId);
+    return false;
+  }
+  const std::string& key = subDevice->deviceId;
+  const auto place = subDevices.lower_bound(key);
+  if (place == subDevices.end() || place->first != key) {
+    subDevices.emplace_hint(place, key, std::move(subDevice));
+  } else if (replace) {
+    place->second = std::move(subDevice);
+  } else {
+    errorMessage = formatMessage("Sub-device already exists: " + key);
+    return false;
+  }
+  return true;
+}
+
+bool DeviceNode::removeSubDevice(const std::string& key, bool recursive,
+                                 std::string& errorMessage) noexcept {
+  errorMessage.clear();
+  if (subDevices.erase(key) != 0) return true;
+  if (recursive) {
+    Walk walk(*this);
+    while (const auto* node = walk.next()) {
+      if ((*node)->subDevices.erase(key) != 0) return true;
+    }
+  }
+  errorMessage = formatMessage(key + " not found");
+  return false;
+}
+
+std::shared_ptr<DeviceNode> DeviceNode::getDeviceById(const std::string& soughtId) noexcept {
+  DeviceNode* const node = findNode(*this, soughtId);
+  return node != nullptr ? node->weak_from_this().lock() : nullptr;
+}
+
+std::shared_ptr<NamedStatus> DeviceNode::getStatus(const std::string& statusName) const noexcept {
+  const auto entry = statuses.find(statusName);
+  return entry != statuses.end() ? entry->second : nullptr;
+}
+
+std::list<std::string> DeviceNode::getTreeDeviceIds() const noexcept {
+  std::list<std::string> ids = getSubDeviceIds(true);
+  ids.push_front(deviceId);
+  return ids;
+}
+
+std::list<std::string> DeviceNode::getSubDeviceIds(bool recursive) const noexcept {
+  std::list<std::string> ids;
+  forEachSubDevice(*this, recursive, [&](const auto& node) { ids.push_back(node->deviceId); });
+  return ids;
+}
+
+std::list<std::shared_ptr<DeviceNode>> DeviceNode::getSubDevicesByName(
+    const std::string& soughtName, bool recursive) noexcept {
+  std::list<std::shared_ptr<DeviceNode>> found;
+  forEachSubDevice(*this, recursive, [&](const auto& node) {
+    if (node->name == soughtName) found.push_back(node);
+  });
+  return found;
+}
+
+std::list<std::shared_ptr<DeviceNode>> DeviceNode::getSubDevicesByProperty(
+    const std::string& propertyName, const std::string& value, bool recursive) noexcept {
+  std::list<std::shared_ptr<DeviceNode>> found;
+  forEachSubDevice(*this, recursive, [&](const auto& node) {
+    const auto entry = node->properties.find(propertyName);
+    if (entry != node->properties.end() && entry->second &&
+        boost::get<std::string>(entry->second->value) == value) {
+      found.push_back(node);
+    }
+  });
+  return found;
+}
+
+std::map<std::string, DeviceNode::Statuses> DeviceNode::getAllStatuses() const noexcept {
+  std::map<std::string, Statuses> all{{deviceId, statuses}};
+  forEachSubDevice(*this, true,
+                   [&](const auto& node) { all.try_emplace(node->deviceId, node->statuses); });
+  return all;
+}
+
+}  // namespace orv::device_tree

@@ -1,0 +1,170 @@
+/// One device of a monitored installation and, through its sub-devices, the root of a tree.
+///
+/// A node carries the device's identity (identifier, display name, class), its overall health, its
+/// configuration (properties), its typed status values and its sub-devices.
+///
+/// Ownership. A node owns its properties, statuses and sub-devices through shared pointers and
+/// knows nothing of its parent. Every node of a tree is owned by a std::shared_ptr. What the
+/// queries hand out are the tree's own objects, never copies: a change made through them is a
+/// change of the tree, and they stay alive after they have left it. The copy constructor is the one
+/// way to a tree that shares nothing with its source.
+///
+/// Order. The three maps order their keys by unsigned bytes. Everything that walks a tree walks it
+/// depth first, a node before the nodes below it, sub-devices in the order of the keys they are
+/// filed under. The key of a sub-device is the identifier it had when it was attached: its
+/// identifier or, when that was set later, the empty string. The key decides the order and what
+/// `removeSubDevice` removes; the identifier of the node itself is what is found, listed, compared
+/// and written.
+///
+/// Refusals. An editing operation returns whether it was carried out; a refused one changes
+/// nothing. Its `errorMessage` is emptied first and, on refusal, receives `formatMessage` of the
+/// node that the operation was called on, applied to the text named here. It must not be the same
+/// object as another argument.
+///
+/// Memory. An operation declared noexcept that runs out of memory ends the process. The copy and
+/// the construction from a message pass std::bad_alloc on and leave nothing behind.
+///
+/// Threads. A tree is used by one thread at a time; trees that share no node are independent.
+/// Objects that queries handed out may be released on any thread.
+///
+/// Cost. n is the number of nodes of the subtree, a node that is filed in several places counted
+/// once for each. No operation uses stack in proportion to the depth of the tree, destruction
+/// included.
+#pragma once
+
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "device_tree/Export.h"
+#include "device_tree/GlobalStatus.h"
+#include "device_tree/NamedStatus.h"
+#include "device_tree/Property.h"
+#include "platform/IMessageFormatter.h"
+#include "proto/monitoring/device_tree.pb.h"
+
+namespace orv::device_tree {
+
+/// Two blanks for each level.
+ORV_DEVICE_TREE_EXPORT std::string GetIndent(unsigned int level) noexcept;
+
+class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
+                                          public std::enable_shared_from_this<DeviceNode> {
+ public:
+  /// Kind of device. Any 32-bit number is carried through unchanged.
+  using DeviceClass = orv::proto::monitoring::DeviceNode_DeviceClass;
+  using Properties = std::map<std::string, std::shared_ptr<Property>>;
+  using Statuses = std::map<std::string, std::shared_ptr<NamedStatus>>;
+  using SubDevices = std::map<std::string, std::shared_ptr<DeviceNode>>;
+
+  /// No identifier, no name, class 0, health OK, nothing filed.
+  DeviceNode() noexcept;
+
+  DeviceNode(const std::string& deviceId, const std::string& name,
+             DeviceClass deviceClass) noexcept;
+
+  DeviceNode(const DeviceNode&) = delete;
+  DeviceNode& operator=(const DeviceNode&) = delete;
+
+  /// "Device ", the identifier, " - ", the name.
+  std::string messageHeader() const override;
+
+  /// Releases what the node files; an object that somebody else holds lives on, its subtree with
+  /// it. Allocates nothing. O(n) of the nodes released.
+  ~DeviceNode() override;
+
+  /// The node and its subtree as indented lines for logs, each block `indent` levels deep at least.
+  /// Every sub-device of a derived class contributes the text of its own override. O(length of the
+  /// text), in which the indentation grows with the depth: a chain of 10,000 levels takes 1.2 GB.
+  virtual std::string debugString(unsigned int indent = 0) const noexcept;
+
+  const std::string& getDeviceId() const noexcept { return deviceId; }
+  const std::string& getName() const noexcept { return name; }
+  DeviceClass getDeviceClass() const noexcept { return deviceClass; }
+  const GlobalStatus& getGlobalStatus() const noexcept { return globalStatus; }
+  const Properties& getProperties() const noexcept { return properties; }
+  const Statuses& getStatuses() const noexcept { return statuses; }
+  const SubDevices& getSubDevices() const noexcept { return subDevices; }
+
+  void setName(std::string newName) noexcept;
+  void setDeviceClass(DeviceClass newClass) noexcept;
+  void setGlobalStatus(GlobalStatus newStatus) noexcept;
+
+  /// Sets the identifier of a node that has none; the empty string leaves it without one. Refused,
+  /// "Cannot change a device ID", once the identifier is not empty, even by the same one. A parent
+  /// goes on filing the node under its old key.
+  bool setDeviceId(const std::string& newDeviceId, std::string& errorMessage) noexcept;
+
+  /// Files a copy of the property under its name. Refused, "Property " + name + " already exists",
+  /// when the name is taken. O(log of the number of properties).
+  bool addProperty(const Property& property, std::string& errorMessage) noexcept;
+
+  /// Files a copy of the status under its name. Refused, "Status " + name + " already exists", when
+  /// the name is taken. O(log of the number of statuses).
+  bool addStatus(const NamedStatus& status, std::string& errorMessage) noexcept;
+
+  /// Files the caller's node itself, with its subtree, under its identifier; with `replace` it
+  /// takes the place of the one filed there.
+  ///
+  /// Refused in this order: "Trying to add an invalid (null) sub-device"; "Sub-device has same ID
+  /// as parent: " + this node's identifier, when the sub-device or a node below it has that;
+  /// "Sub-device already exists: " + the sub-device's identifier, when that is taken and `replace`
+  /// is false. Only this node's own identifier is looked for: identifiers may repeat in a tree
+  /// otherwise.
+  ///
+  /// O(n) comparisons of identifiers, n of the new subtree.
+  bool addSubDevice(std::shared_ptr<DeviceNode> subDevice, bool replace,
+                    std::string& errorMessage) noexcept;
+
+  /// Removes the sub-device filed under `key`, with its subtree; with `recursive` the first one
+  /// that a walk finds which looks at a node's own sub-devices before it goes below them. Refused,
+  /// key + " not found". O(log of the number of sub-devices), for every node below with
+  /// `recursive`.
+  bool removeSubDevice(const std::string& key, bool recursive, std::string& errorMessage) noexcept;
+
+  /// The first node of the walk, this one included, that has the identifier; empty when there is
+  /// none and when the node found is owned by no shared pointer. O(n).
+  std::shared_ptr<DeviceNode> getDeviceById(const std::string& soughtId) noexcept;
+
+  /// This node's own status of that name; empty when there is none. O(log of their number).
+  std::shared_ptr<NamedStatus> getStatus(const std::string& statusName) const noexcept;
+
+  /// The identifiers of this node and of every node below it, in walk order, repeated ones
+  /// repeated. O(n).
+  std::list<std::string> getTreeDeviceIds() const noexcept;
+
+  /// The identifiers of the direct sub-devices, with `recursive` of every node below. O(n).
+  std::list<std::string> getSubDeviceIds(bool recursive) const noexcept;
+
+  /// The direct sub-devices, with `recursive` every node below, that have the display name. O(n).
+  std::list<std::shared_ptr<DeviceNode>> getSubDevicesByName(const std::string& soughtName,
+                                                             bool recursive) noexcept;
+
+  /// The direct sub-devices, with `recursive` every node below, that file a property of that name
+  /// and value; its type is not looked at. O(n log of the number of properties).
+  std::list<std::shared_ptr<DeviceNode>> getSubDevicesByProperty(const std::string& propertyName,
+                                                                 const std::string& value,
+                                                                 bool recursive) noexcept;
+
+  /// The statuses of this node and of every node below it by identifier: an entry for each, also
+  /// for one without statuses. Of nodes that share an identifier the first of the walk has the
+  /// entry. O(n log n).
+  std::map<std::string, Statuses> getAllStatuses() const noexcept;
+
+ private:
+  bool attach(std::shared_ptr<DeviceNode> subDevice, bool replace, std::string& errorMessage);
+  void appendOwnText(std::string& text, unsigned int indent) const;
+
+  friend struct DeviceNodePeer;  // of the tests
+
+  std::string deviceId;
+  std::string name;
+  DeviceClass deviceClass = static_cast<DeviceClass>(0);
+  GlobalStatus globalStatus;
+  Properties properties;
+  Statuses statuses;
+  SubDevices subDevices;
+};
+
+}  // namespace orv::device_tree
