@@ -49,6 +49,14 @@ bool file(std::map<std::string, std::shared_ptr<Value>>& entries, const std::str
   return true;
 }
 
+template <typename Value>
+void copyEntries(const std::map<std::string, std::shared_ptr<Value>>& source,
+                 std::map<std::string, std::shared_ptr<Value>>& target) {
+  for (const auto& [key, value] : source) {
+    target.emplace_hint(target.end(), key, value ? std::make_shared<Value>(*value) : nullptr);
+  }
+}
+
 }  // namespace
 
 std::string GetIndent(unsigned int level) noexcept {
@@ -60,6 +68,36 @@ DeviceNode::DeviceNode() noexcept = default;
 DeviceNode::DeviceNode(const std::string& nodeId, const std::string& nodeName,
                        DeviceClass nodeClass) noexcept
     : deviceId(nodeId), name(nodeName), deviceClass(nodeClass) {}
+
+DeviceNode::DeviceNode(const DeviceNode& other) : DeviceNode() {
+  copyOwn(other);
+  // Both walks take the same steps: what is copied below a node is entered by the next step.
+  Walk sources(other);
+  Walk copies(*this);
+  const DeviceNode* source = &other;
+  DeviceNode* copy = this;
+  while (source != nullptr) {
+    for (const auto& [key, subDevice] : source->subDevices) {
+      const auto entry = copy->subDevices.emplace_hint(copy->subDevices.end(), key, nullptr);
+      if (!subDevice) continue;
+      entry->second = std::make_shared<DeviceNode>();
+      entry->second->copyOwn(*subDevice);
+    }
+    const auto* nextSource = sources.next();
+    const auto* nextCopy = copies.next();
+    source = nextSource ? nextSource->get() : nullptr;
+    copy = nextCopy ? nextCopy->get() : nullptr;
+  }
+}
+
+void DeviceNode::copyOwn(const DeviceNode& other) {
+  deviceId = other.deviceId;
+  name = other.name;
+  deviceClass = other.deviceClass;
+  globalStatus = other.globalStatus;
+  copyEntries(other.properties, properties);
+  copyEntries(other.statuses, statuses);
+}
 
 std::string DeviceNode::messageHeader() const { return "Device " + deviceId + " - " + name; }
 

@@ -64,7 +64,10 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   DeviceNode(const std::string& deviceId, const std::string& name,
              DeviceClass deviceClass) noexcept;
 
-  DeviceNode(const DeviceNode&) = delete;
+  /// A deep copy: every property, status and sub-device is a new object under the same key. The new
+  /// node has no owner yet, its sub-devices have. Throws std::bad_alloc. O(n).
+  DeviceNode(const DeviceNode& other);
+
   DeviceNode& operator=(const DeviceNode&) = delete;
 
   /// "Device ", the identifier, " - ", the name.
@@ -153,6 +156,7 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   std::map<std::string, Statuses> getAllStatuses() const noexcept;
 
  private:
+  void copyOwn(const DeviceNode& other);
   bool attach(std::shared_ptr<DeviceNode> subDevice, bool replace, std::string& errorMessage);
   void appendOwnText(std::string& text, unsigned int indent) const;
 

@@ -148,6 +148,9 @@ TEST(DeviceNode, EmptyEntriesAreEntriesButNotNodes) {
             "    1 property(ies): \n    1 status(es): \n    2 child(ren):\n"
             "      Device: name name of a - id a\n      Status: OK\n      Class: 0\n"
             "        0 property(ies): \n        0 status(es): \n        0 child(ren):\n");
+  DeviceNode copy(*root);
+  EXPECT_EQ(copy.debugString(), root->debugString());
+  EXPECT_EQ(DeviceNodePeer::subDevices(copy).count("b"), 1U);
   EXPECT_TRUE(root->removeSubDevice("b", false, error));
 }
 
@@ -195,6 +198,41 @@ TEST(DeviceNode, CollectsTheTreesOwnStatusesTheFirstOfAnIdentifierWinning) {
   ASSERT_EQ(all.at("x").size(), 1U);
   all.at("x").at("s")->setValue(7L);
   EXPECT_EQ(root->getDeviceById("x")->getStatus("s")->debugString(), "s (int 7)");
+}
+
+TEST(DeviceNode, CopyIsEqualAndSharesNothing) {
+  for (unsigned int seed = 0; seed < 50; ++seed) {
+    Random random(seed);
+    const auto source = seed % 2 == 0 ? random.tree(30) : random.tangledTree(30);
+    const auto copy = std::make_shared<DeviceNode>(*source);
+    EXPECT_EQ(copy->debugString(), source->debugString());
+    const auto sourceNodes = allNodes(source);
+    const auto copyNodes = allNodes(copy);
+    ASSERT_EQ(copyNodes.size(), sourceNodes.size());
+    for (std::size_t i = 0; i < sourceNodes.size(); ++i) {
+      const DeviceNode& from = *sourceNodes[i];
+      const DeviceNode& to = *copyNodes[i];
+      EXPECT_NE(&from, &to);
+      EXPECT_EQ(copyNodes[i]->shared_from_this(), copyNodes[i]);
+      const auto shareNothing = [](const auto& left, const auto& right) {
+        return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                          [](const auto& l, const auto& r) {
+                            return l.first == r.first && l.second != r.second;
+                          });
+      };
+      EXPECT_TRUE(shareNothing(from.getProperties(), to.getProperties()));
+      EXPECT_TRUE(shareNothing(from.getStatuses(), to.getStatuses()));
+      EXPECT_TRUE(shareNothing(from.getSubDevices(), to.getSubDevices()));
+    }
+  }
+}
+
+TEST(DeviceNode, CopyOfANodeFiledTwiceIsTwoNodes) {
+  const auto shared = node("x");
+  const auto root = node("root", {node("a", {shared}), node("b", {shared})});
+  const auto copy = std::make_shared<DeviceNode>(*root);
+  EXPECT_NE(copy->getDeviceById("a")->getDeviceById("x"),
+            copy->getDeviceById("b")->getDeviceById("x"));
 }
 
 TEST(DeviceNode, TextOfAWholeTree) {
