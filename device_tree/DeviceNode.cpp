@@ -1,11 +1,15 @@
 #include "device_tree/DeviceNode.h"
 
+#include <stdexcept>
 #include <typeinfo>
 #include <utility>
+#include <vector>
 
 #include "device_tree/Walk.h"
 
 namespace orv::device_tree {
+
+namespace proto = orv::proto::monitoring;
 
 namespace {
 
@@ -97,6 +101,59 @@ void DeviceNode::copyOwn(const DeviceNode& other) {
   globalStatus = other.globalStatus;
   copyEntries(other.properties, properties);
   copyEntries(other.statuses, statuses);
+}
+
+DeviceNode::DeviceNode(const proto::DeviceNode& message) : DeviceNode() {
+  // A level of the message that is being built: its node is complete, its sub-devices are not.
+  struct Level {
+    const proto::DeviceNode* message;
+    DeviceNode* node;
+    std::shared_ptr<DeviceNode> owner;  // empty for this node
+    int nextSubDevice = 0;
+  };
+  readOwn(message);
+  std::vector<Level> levels;
+  levels.push_back({&message, this, nullptr});
+  while (true) {
+    Level& level = levels.back();
+    if (level.nextSubDevice < level.message->sub_devices_size()) {
+      const proto::DeviceNode& subMessage = level.message->sub_devices(level.nextSubDevice++);
+      auto subDevice = std::make_shared<DeviceNode>();
+      subDevice->readOwn(subMessage);
+      DeviceNode* const node = subDevice.get();
+      levels.push_back({&subMessage, node, std::move(subDevice)});
+      continue;
+    }
+    const std::shared_ptr<DeviceNode> complete = std::move(level.owner);
+    levels.pop_back();
+    if (levels.empty()) return;
+    DeviceNode& parent = *levels.back().node;
+    std::string error;
+    if (!parent.attach(complete, true, error))
+      throw std::runtime_error(parent.formatMessage(error));
+  }
+}
+
+void DeviceNode::readOwn(const proto::DeviceNode& message) {
+  deviceId = message.id();
+  name = message.name();
+  deviceClass = message.device_class();
+  std::string error;
+  for (const auto& element : message.properties()) {
+    Property property;
+    property.read(element);
+    if (!file(properties, property.name, property, "Property", *this, error)) {
+      throw std::runtime_error(formatMessage(error));
+    }
+  }
+  globalStatus.read(message.global_status());
+  for (const auto& element : message.statuses()) {
+    NamedStatus status;
+    status.read(element);
+    if (!file(statuses, status.name, status, "Status", *this, error)) {
+      throw std::runtime_error(formatMessage(error));
+    }
+  }
 }
 
 std::string DeviceNode::messageHeader() const { return "Device " + deviceId + " - " + name; }
@@ -269,6 +326,42 @@ std::map<std::string, DeviceNode::Statuses> DeviceNode::getAllStatuses() const n
   forEachSubDevice(*this, true,
                    [&](const auto& node) { all.try_emplace(node->deviceId, node->statuses); });
   return all;
+}
+
+proto::DeviceNode DeviceNode::toProtoBuf() const noexcept {
+  proto::DeviceNode target;
+  toProtoBuf(target);
+  return target;
+}
+
+void DeviceNode::toProtoBuf(proto::DeviceNode& target) const noexcept {
+  target.Clear();
+  writeOwn(target);
+  std::vector<proto::DeviceNode*> open{&target};  // one for each level above the node met
+  Walk walk(*this);
+  while (const auto* subDevice = walk.next()) {
+    const DeviceNode& node = **subDevice;
+    if (node.deviceId.empty()) {
+      walk.skipBelow();
+      continue;
+    }
+    open.resize(walk.depth());
+    open.push_back(open.back()->add_sub_devices());
+    node.writeOwn(*open.back());
+  }
+}
+
+void DeviceNode::writeOwn(proto::DeviceNode& target) const {
+  target.set_id(deviceId);
+  target.set_name(name);
+  target.set_device_class(deviceClass);
+  globalStatus.toProtoBuf(*target.mutable_global_status());
+  for (const auto& [key, property] : properties) {
+    if (property) property->toProtoBuf(*target.add_properties());
+  }
+  for (const auto& [key, status] : statuses) {
+    if (status) status->toProtoBuf(*target.add_statuses());
+  }
 }
 
 }  // namespace orv::device_tree

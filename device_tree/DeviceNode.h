@@ -68,6 +68,15 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   /// node has no owner yet, its sub-devices have. Throws std::bad_alloc. O(n).
   DeviceNode(const DeviceNode& other);
 
+  /// Builds the tree that the message describes with the editing operations below, in message
+  /// order; of two sub-devices of one identifier the later takes the place of the earlier.
+  ///
+  /// Throws std::runtime_error when the message repeats a property or status name within a device
+  /// or puts a device below one of the same identifier; its text is the refusal of the editing
+  /// operation, formatted once more by the node at that depth. Throws std::bad_alloc. O(n), and one
+  /// comparison of identifiers for each pair of a node and one of the nodes above it.
+  explicit DeviceNode(const orv::proto::monitoring::DeviceNode& message);
+
   DeviceNode& operator=(const DeviceNode&) = delete;
 
   /// "Device ", the identifier, " - ", the name.
@@ -155,8 +164,16 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   /// entry. O(n log n).
   std::map<std::string, Statuses> getAllStatuses() const noexcept;
 
+  /// A message with the node and its subtree; repeated fields come in ascending order of the keys.
+  /// A sub-device whose own identifier is empty is left out, its subtree with it. O(n).
+  orv::proto::monitoring::DeviceNode toProtoBuf() const noexcept;
+  /// Makes `target` that message, whatever it held, and reuses the memory it has.
+  void toProtoBuf(orv::proto::monitoring::DeviceNode& target) const noexcept;
+
  private:
   void copyOwn(const DeviceNode& other);
+  void readOwn(const orv::proto::monitoring::DeviceNode& message);
+  void writeOwn(orv::proto::monitoring::DeviceNode& target) const;
   bool attach(std::shared_ptr<DeviceNode> subDevice, bool replace, std::string& errorMessage);
   void appendOwnText(std::string& text, unsigned int indent) const;
 

@@ -148,6 +148,9 @@ TEST(DeviceNode, EmptyEntriesAreEntriesButNotNodes) {
             "    1 property(ies): \n    1 status(es): \n    2 child(ren):\n"
             "      Device: name name of a - id a\n      Status: OK\n      Class: 0\n"
             "        0 property(ies): \n        0 status(es): \n        0 child(ren):\n");
+  const auto message = root->toProtoBuf();
+  EXPECT_EQ(message.properties_size() + message.statuses_size(), 0);
+  EXPECT_EQ(message.sub_devices_size(), 1);
   DeviceNode copy(*root);
   EXPECT_EQ(copy.debugString(), root->debugString());
   EXPECT_EQ(DeviceNodePeer::subDevices(copy).count("b"), 1U);
