@@ -1,0 +1,334 @@
+#include "device_tree/Comparison.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <map>
+#include <string>
+#include <tuple>
+#include <utility>
+
+#include "device_tree/Walk.h"
+
+// The plain definition. A pair of nodes is compared; then, for each sub-device of the old node, the
+// pair of nodes that its identifier stands for: the first nodes with that identifier at or below
+// the old node and at or below the new node. The configuration is the same when every pair agrees;
+// the differences are those of all pairs, in the order in which they are met.
+//
+// Two ways lead there. Trees in step are walked side by side (compareInStep): as long as both walks
+// meet the same identifiers at the same depth, and no identifier occurs between a parent and its
+// sub-device, each sub-device is what its identifier stands for. Whatever is not decided that way
+// is done by the definition, with an index in place of each search (compareByIndex).
+
+namespace orv::device_tree {
+
+namespace {
+
+// What is asked for: the configuration, the differences (unless null), or both in one go.
+struct Question {
+  bool configuration;
+  std::vector<Difference>* differences;
+};
+
+enum class Answer { SAME, DIFFERENT, NOT_IN_STEP };
+
+template <typename Value, typename Same>
+bool sameEntries(const std::map<std::string, std::shared_ptr<Value>>& oldEntries,
+                 const std::map<std::string, std::shared_ptr<Value>>& newEntries, Same same) {
+  return std::equal(oldEntries.begin(), oldEntries.end(), newEntries.begin(), newEntries.end(),
+                    [&](const auto& oldEntry, const auto& newEntry) {
+                      if (oldEntry.first != newEntry.first) return false;
+                      if (!oldEntry.second || !newEntry.second) {
+                        return oldEntry.second == newEntry.second;
+                      }
+                      return same(*oldEntry.second, *newEntry.second);
+                    });
+}
+
+// The configuration of the two devices themselves, without their sub-devices.
+bool sameDevice(const DeviceNode& oldNode, const DeviceNode& newNode) {
+  return oldNode.getDeviceId() == newNode.getDeviceId() && oldNode.getName() == newNode.getName() &&
+         sameEntries(oldNode.getProperties(), newNode.getProperties(),
+                     [](Property& o, Property& n) { return !(o != n); }) &&
+         sameEntries(oldNode.getStatuses(), newNode.getStatuses(),
+                     [](const NamedStatus& o, const NamedStatus& n) {
+                       return o.getType() == n.getType() && o.getName() == n.getName();
+                     });
+}
+
+bool valueChanged(const NamedStatus& oldStatus, const NamedStatus& newStatus) {
+  switch (oldStatus.getType()) {
+    case NamedStatus::TYPE_STRING:
+    case NamedStatus::TYPE_INT:
+    case NamedStatus::TYPE_UINT:
+    case NamedStatus::TYPE_DOUBLE:
+      return !(oldStatus.getValue() == newStatus.getValue());  // another kind is another value
+  }
+  return false;
+}
+
+void appendDifferences(const DeviceNode& oldNode, const DeviceNode& newNode,
+                       std::vector<Difference>& differences) {
+  if (oldNode.getGlobalStatus() != newNode.getGlobalStatus()) {
+    differences.push_back({&newNode, nullptr});
+  }
+  auto newEntry = newNode.getStatuses().begin();
+  const auto newEnd = newNode.getStatuses().end();
+  for (const auto& [name, oldStatus] : oldNode.getStatuses()) {
+    int order = -1;
+    while (newEntry != newEnd && (order = newEntry->first.compare(name)) < 0) ++newEntry;
+    if (newEntry == newEnd) return;
+    if (order != 0) continue;
+    const auto& newStatus = newEntry->second;
+    if (oldStatus && newStatus && valueChanged(*oldStatus, *newStatus)) {
+      differences.push_back({&newNode, &newStatus});
+    }
+  }
+}
+
+// Whether a pair of devices leaves the configuration the same; appends its differences.
+bool compareDevice(const DeviceNode& oldNode, const DeviceNode& newNode, const Question& question) {
+  if (question.configuration && !sameDevice(oldNode, newNode)) return false;
+  if (question.differences != nullptr) appendDifferences(oldNode, newNode, *question.differences);
+  return true;
+}
+
+// Whether a direct sub-device carries the identifier. It is filed under that, or under the empty
+// key if it got the identifier later.
+bool hasSubDevice(const DeviceNode& node, const std::string& deviceId) {
+  const auto carries = [&](const std::string& key) {
+    const auto entry = node.getSubDevices().find(key);
+    return entry != node.getSubDevices().end() && entry->second &&
+           entry->second->getDeviceId() == deviceId;
+  };
+  return carries(deviceId) || carries(std::string());
+}
+
+std::uint64_t hashOf(const DeviceNode& node) {
+  return std::hash<std::string>()(node.getDeviceId());
+}
+
+// A node met by both walks: places in the walk, of the node and of its parent.
+struct Met {
+  std::uint64_t hash;
+  std::uint32_t place;
+  std::uint32_t parentPlace;
+};
+
+// Whether each node met is the first with its identifier at or below its parent. Equal hashes of
+// different identifiers may make the answer false, never true.
+bool eachStandsForItself(std::vector<Met>& met) {
+  std::sort(met.begin(), met.end(), [](const Met& left, const Met& right) {
+    return std::tie(left.hash, left.place) < std::tie(right.hash, right.place);
+  });
+  return std::adjacent_find(met.begin(), met.end(), [](const Met& earlier, const Met& later) {
+           return earlier.hash == later.hash && earlier.place >= later.parentPlace;
+         }) == met.end();
+}
+
+Answer compareInStep(const DeviceNode& oldTree, const DeviceNode& newTree,
+                     const Question& question) {
+  if (oldTree.getDeviceId() != newTree.getDeviceId()) {
+    return question.configuration ? Answer::DIFFERENT : Answer::NOT_IN_STEP;
+  }
+  Walk oldWalk(oldTree);
+  Walk newWalk(newTree);
+  std::vector<Met> met{{hashOf(oldTree), 0, 0}};
+  bool same = compareDevice(oldTree, newTree, question);
+  while (same) {
+    const auto* oldEntry = oldWalk.next();
+    const auto* newEntry = newWalk.next();
+    if (oldWalk.depth() != newWalk.depth()) {  // one of the nodes at hand has more sub-devices
+      if (!question.configuration) return Answer::NOT_IN_STEP;
+      same = false;
+      break;
+    }
+    if (oldEntry == nullptr) break;
+    const DeviceNode& oldNode = **oldEntry;
+    const DeviceNode& newNode = **newEntry;
+    if (oldNode.getDeviceId() != newNode.getDeviceId()) {
+      if (!question.configuration || hasSubDevice(newWalk.parent(), oldNode.getDeviceId())) {
+        return Answer::NOT_IN_STEP;
+      }
+      same = false;
+      break;
+    }
+    if (oldWalk.position() > std::numeric_limits<std::uint32_t>::max()) return Answer::NOT_IN_STEP;
+    met.push_back({hashOf(oldNode), static_cast<std::uint32_t>(oldWalk.position()),
+                   static_cast<std::uint32_t>(oldWalk.parentPosition())});
+    same = compareDevice(oldNode, newNode, question);
+  }
+  // A difference counts only if the definition leads to it as well.
+  if (!eachStandsForItself(met)) return Answer::NOT_IN_STEP;
+  return same ? Answer::SAME : Answer::DIFFERENT;
+}
+
+// The nodes of a tree by their places in the walk. What lies below a node follows it directly, so
+// its subtree is a range of places.
+class Index {
+ public:
+  static constexpr std::size_t NONE = std::numeric_limits<std::size_t>::max();
+
+  explicit Index(const DeviceNode& tree) : nodes_{&tree} {
+    std::vector<std::size_t> parents{0};
+    Walk walk(tree);
+    while (const auto* node = walk.next()) {
+      nodes_.push_back(node->get());
+      parents.push_back(walk.parentPosition());
+    }
+    ends_.resize(nodes_.size());
+    for (std::size_t place = nodes_.size(); place-- > 0;) {
+      ends_[place] = std::max(ends_[place], place + 1);
+      ends_[parents[place]] = std::max(ends_[parents[place]], ends_[place]);
+    }
+    byIdentifier_.reserve(nodes_.size());
+    for (std::size_t place = 0; place < nodes_.size(); ++place) {
+      byIdentifier_.push_back({hashOf(*nodes_[place]), place});
+    }
+    std::sort(byIdentifier_.begin(), byIdentifier_.end(),
+              [this](const Entry& left, const Entry& right) {
+                return before(left, right.hash, node(right.place).getDeviceId(), right.place);
+              });
+    repeats_.resize(nodes_.size());
+    for (std::size_t i = 1; i < byIdentifier_.size(); ++i) {
+      const std::size_t earlier = byIdentifier_[i - 1].place;
+      const std::size_t later = byIdentifier_[i].place;
+      if (node(earlier).getDeviceId() == node(later).getDeviceId()) {
+        repeats_[earlier] = repeats_[later] = true;
+      }
+    }
+  }
+
+  const DeviceNode& node(std::size_t place) const { return *nodes_[place]; }
+  // One past the last place of the node's subtree; the place of its next sibling, if it has one.
+  std::size_t end(std::size_t place) const { return ends_[place]; }
+  // Whether the node's identifier occurs elsewhere in the tree.
+  bool repeats(std::size_t place) const { return repeats_[place]; }
+
+  // The first node with the identifier at or below the one at `place`, or NONE.
+  std::size_t first(std::size_t place, const std::string& deviceId) const {
+    const std::uint64_t hash = std::hash<std::string>()(deviceId);
+    const auto found = std::lower_bound(
+        byIdentifier_.begin(), byIdentifier_.end(), place,
+        [&](const Entry& entry, std::size_t from) { return before(entry, hash, deviceId, from); });
+    const bool matches = found != byIdentifier_.end() && found->place < end(place) &&
+                         node(found->place).getDeviceId() == deviceId;
+    return matches ? found->place : NONE;
+  }
+
+ private:
+  struct Entry {
+    std::uint64_t hash;
+    std::size_t place;
+  };
+
+  bool before(const Entry& entry, std::uint64_t hash, const std::string& deviceId,
+              std::size_t place) const {
+    if (entry.hash != hash) return entry.hash < hash;
+    const int order = node(entry.place).getDeviceId().compare(deviceId);
+    return order != 0 ? order < 0 : entry.place < place;
+  }
+
+  std::vector<const DeviceNode*> nodes_;
+  std::vector<std::size_t> ends_;
+  std::vector<Entry> byIdentifier_;
+  std::vector<bool> repeats_;
+};
+
+bool compareByIndex(const DeviceNode& oldTree, const DeviceNode& newTree,
+                    const Question& question) {
+  const Index oldIndex(oldTree);
+  const Index newIndex(newTree);
+
+  // The differences that a pair found by a search has led to, itself and all pairs below it.
+  // Meeting it again leads to the same ones; while it is being compared there is no end yet, and a
+  // pair that stands for its own sub-device is not entered again.
+  struct Range {
+    std::size_t begin;
+    std::size_t end;
+  };
+  std::map<std::pair<std::size_t, std::size_t>, Range> searched;
+
+  struct Pair {
+    std::size_t oldPlace, newPlace;  // of the nodes
+    std::size_t oldNext, newNext;    // of the sub-devices to be paired next
+    Range* range;                    // empty for a pair in step, which is met only once
+  };
+  std::vector<Pair> open;
+
+  const auto listed = [&] { return question.differences ? question.differences->size() : 0; };
+  const auto enter = [&](std::size_t oldPlace, std::size_t newPlace, Range* range) {
+    open.push_back({oldPlace, newPlace, oldPlace + 1, newPlace + 1, range});
+    return compareDevice(oldIndex.node(oldPlace), newIndex.node(newPlace), question);
+  };
+  const auto enterSearched = [&](std::size_t oldPlace, std::size_t newPlace) {
+    const auto [entry, isNew] =
+        searched.try_emplace({oldPlace, newPlace}, Range{listed(), Index::NONE});
+    Range& range = entry->second;
+    if (isNew) return enter(oldPlace, newPlace, &range);
+    for (std::size_t i = range.begin; range.end != Index::NONE && i < range.end; ++i) {
+      const Difference again = (*question.differences)[i];
+      question.differences->push_back(again);
+    }
+    return true;
+  };
+
+  if (!enterSearched(0, 0)) return false;
+  while (!open.empty()) {
+    Pair& pair = open.back();
+    const bool oldDone = pair.oldNext == oldIndex.end(pair.oldPlace);
+    const bool newDone = pair.newNext == newIndex.end(pair.newPlace);
+    if (question.configuration && oldDone != newDone) return false;  // not as many sub-devices
+    if (oldDone) {
+      if (pair.range != nullptr) pair.range->end = listed();
+      open.pop_back();
+      continue;
+    }
+    const std::size_t oldNext = pair.oldNext;
+    const std::size_t newNext = pair.newNext;
+    pair.oldNext = oldIndex.end(oldNext);
+    if (!newDone) pair.newNext = newIndex.end(newNext);
+
+    const std::string& deviceId = oldIndex.node(oldNext).getDeviceId();
+    const bool inStep = !newDone && newIndex.node(newNext).getDeviceId() == deviceId;
+    if (inStep && !oldIndex.repeats(oldNext) && !newIndex.repeats(newNext)) {
+      if (!enter(oldNext, newNext, nullptr)) return false;
+      continue;
+    }
+    if (question.configuration && !inStep &&
+        !hasSubDevice(newIndex.node(pair.newPlace), deviceId)) {
+      return false;
+    }
+    const std::size_t newFound = newIndex.first(pair.newPlace, deviceId);
+    if (newFound == Index::NONE) continue;  // only in trees of another configuration
+    if (!enterSearched(oldIndex.first(pair.oldPlace, deviceId), newFound)) return false;
+  }
+  return true;
+}
+
+bool compare(const DeviceNode& oldTree, const DeviceNode& newTree, const Question& question) {
+  const Answer answer = compareInStep(oldTree, newTree, question);
+  if (answer != Answer::NOT_IN_STEP) return answer == Answer::SAME;
+  if (question.differences != nullptr) question.differences->clear();
+  return compareByIndex(oldTree, newTree, question);
+}
+
+}  // namespace
+
+bool sameConfiguration(const DeviceNode& oldTree, const DeviceNode& newTree) {
+  return compare(oldTree, newTree, {true, nullptr});
+}
+
+bool sameConfiguration(const DeviceNode& oldTree, const DeviceNode& newTree,
+                       std::vector<Difference>& differences) {
+  return compare(oldTree, newTree, {true, &differences});
+}
+
+std::vector<Difference> statusDifferences(const DeviceNode& oldTree, const DeviceNode& newTree) {
+  std::vector<Difference> differences;
+  compare(oldTree, newTree, {false, &differences});
+  return differences;
+}
+
+}  // namespace orv::device_tree

@@ -1,0 +1,60 @@
+/// Comparing two snapshots of a device tree: whether their configuration is the same, which
+/// statuses differ, and which one event message leads from the old one to the new one.
+///
+/// Configuration means the devices with their identifiers and names, their properties, and their
+/// statuses by name and type. Status values and overall health are state. The device class is
+/// neither.
+///
+/// An empty pointer stands for "no tree". The operations read the trees, keep nothing between calls
+/// and report no errors; the caller keeps both trees unchanged meanwhile. One call uses two trees
+/// on one thread.
+///
+/// Which devices are compared. A sub-device is compared with the one of the same identifier. Where
+/// an identifier occurs more than once in a tree, it stands for the node that `getDeviceById` of
+/// the device at hand finds first, and a device may be compared, and listed, once for each
+/// sub-device that carries its identifier. A device that stands for its own sub-device is not
+/// entered again.
+///
+/// Cost. n is the number of nodes of both trees. Where the trees are in step, sub-devices of one
+/// identifier in one place, a call costs one walk over both and 16 bytes for each node of one.
+/// Where they are not, or where an identifier stands for another node than the one that carries it,
+/// both are indexed, O(n log n) and about 32 bytes a node, and no two nodes are compared twice. A
+/// list of differences is never longer than the definition makes it, but repeated identifiers can
+/// make that exponential in n: do not compare trees of untrusted origin in which identifiers
+/// repeat.
+#pragma once
+
+#include <list>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "device_tree/DeviceNode.h"
+#include "device_tree/Export.h"
+#include "device_tree/GlobalStatus.h"
+#include "device_tree/NamedStatus.h"
+#include "proto/monitoring/device_events.pb.h"
+
+namespace orv::device_tree::utils {
+
+/// Whether both trees have the same configuration. Two absent trees have, an absent and a present
+/// one have not. Properties compare by their own operator, sub-devices by their identifiers: as
+/// many on both sides, and each of the old ones among the new ones. Stops at the first difference.
+ORV_DEVICE_TREE_EXPORT bool IsSameConfiguration(
+    const std::shared_ptr<DeviceNode>& oldTree,
+    const std::shared_ptr<DeviceNode>& newTree) noexcept;
+
+/// Appends what changed in the state of devices and statuses that both trees have, in walk order of
+/// the old tree: the identifier and new health of every device whose health differs, and the
+/// identifier and the new tree's own status object for every status whose value differs. Nothing
+/// when either tree is absent.
+///
+/// Values compare as the type of the old status says, a NaN always as changed, a value that is not
+/// set as the integer 0. Two values that are not both of that kind are listed exactly when the
+/// values held differ in kind or content. Statuses of an unknown type are never listed.
+ORV_DEVICE_TREE_EXPORT void GetStatusDifferences(
+    const std::shared_ptr<DeviceNode>& oldTree, const std::shared_ptr<DeviceNode>& newTree,
+    std::list<std::pair<std::string, GlobalStatus>>& globalStatusChanges,
+    std::list<std::pair<std::string, std::shared_ptr<NamedStatus>>>& namedStatusChanges) noexcept;
+
+}  // namespace orv::device_tree::utils
