@@ -57,4 +57,26 @@ ORV_DEVICE_TREE_EXPORT void GetStatusDifferences(
     std::list<std::pair<std::string, GlobalStatus>>& globalStatusChanges,
     std::list<std::pair<std::string, std::shared_ptr<NamedStatus>>>& namedStatusChanges) noexcept;
 
+class ORV_DEVICE_TREE_EXPORT EventHelper {
+ public:
+  EventHelper() = delete;
+
+  /// Makes `event` the message that leads from the old tree to the new one and returns whether
+  /// there is anything to report; if not, the message is empty. The first row that fits decides:
+  ///
+  ///     no old tree, no new one        false
+  ///     no old tree                    DEVICE_ADD, the whole new tree
+  ///     no new tree                    DEVICE_REMOVE, the identifier of the old root
+  ///     another configuration          CONFIGURATION_CHANGE, the whole new tree
+  ///     health or statuses changed     STATUS_CHANGE, each of them with its device's identifier
+  ///     otherwise                      false
+  ///
+  /// Whatever the message held is gone, but not its memory: a caller that keeps the message from
+  /// call to call saves most of the cost of filling it. O(n) for the message on top of the
+  /// comparison.
+  static bool ComputeEvent(const std::shared_ptr<DeviceNode>& oldTree,
+                           const std::shared_ptr<DeviceNode>& newTree,
+                           orv::proto::monitoring::DeviceToOrvServiceEvent& event) noexcept;
+};
+
 }  // namespace orv::device_tree::utils
