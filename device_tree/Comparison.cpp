@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <limits>
 #include <map>
 #include <string>
-#include <tuple>
 #include <utility>
 
 #include "device_tree/Walk.h"
@@ -42,19 +42,8 @@ bool sameEntries(const std::map<std::string, std::shared_ptr<Value>>& oldEntries
                       if (!oldEntry.second || !newEntry.second) {
                         return oldEntry.second == newEntry.second;
                       }
-                      return same(*oldEntry.second, *newEntry.second);
+                      return same(oldEntry.second, newEntry.second);
                     });
-}
-
-// The configuration of the two devices themselves, without their sub-devices.
-bool sameDevice(const DeviceNode& oldNode, const DeviceNode& newNode) {
-  return oldNode.getDeviceId() == newNode.getDeviceId() && oldNode.getName() == newNode.getName() &&
-         sameEntries(oldNode.getProperties(), newNode.getProperties(),
-                     [](Property& o, Property& n) { return !(o != n); }) &&
-         sameEntries(oldNode.getStatuses(), newNode.getStatuses(),
-                     [](const NamedStatus& o, const NamedStatus& n) {
-                       return o.getType() == n.getType() && o.getName() == n.getName();
-                     });
 }
 
 bool valueChanged(const NamedStatus& oldStatus, const NamedStatus& newStatus) {
@@ -68,11 +57,8 @@ bool valueChanged(const NamedStatus& oldStatus, const NamedStatus& newStatus) {
   return false;
 }
 
-void appendDifferences(const DeviceNode& oldNode, const DeviceNode& newNode,
-                       std::vector<Difference>& differences) {
-  if (oldNode.getGlobalStatus() != newNode.getGlobalStatus()) {
-    differences.push_back({&newNode, nullptr});
-  }
+void appendStatusDifferences(const DeviceNode& oldNode, const DeviceNode& newNode,
+                             std::vector<Difference>& differences) {
   auto newEntry = newNode.getStatuses().begin();
   const auto newEnd = newNode.getStatuses().end();
   for (const auto& [name, oldStatus] : oldNode.getStatuses()) {
@@ -87,11 +73,29 @@ void appendDifferences(const DeviceNode& oldNode, const DeviceNode& newNode,
   }
 }
 
-// Whether a pair of devices leaves the configuration the same; appends its differences.
+// Whether a pair of devices, without their sub-devices, leaves the configuration the same; appends
+// its differences. Where both are asked for, one pass over the statuses does.
 bool compareDevice(const DeviceNode& oldNode, const DeviceNode& newNode, const Question& question) {
-  if (question.configuration && !sameDevice(oldNode, newNode)) return false;
-  if (question.differences != nullptr) appendDifferences(oldNode, newNode, *question.differences);
-  return true;
+  std::vector<Difference>* const differences = question.differences;
+  if (differences != nullptr && oldNode.getGlobalStatus() != newNode.getGlobalStatus()) {
+    differences->push_back({&newNode, nullptr});
+  }
+  if (!question.configuration) {
+    appendStatusDifferences(oldNode, newNode, *differences);
+    return true;
+  }
+  return oldNode.getDeviceId() == newNode.getDeviceId() && oldNode.getName() == newNode.getName() &&
+         sameEntries(oldNode.getProperties(), newNode.getProperties(),
+                     [](const auto& o, const auto& n) { return !(*o != *n); }) &&
+         sameEntries(oldNode.getStatuses(), newNode.getStatuses(),
+                     [&](const auto& o, const auto& n) {
+                       if (o->getType() != n->getType() || o->getName() != n->getName())
+                         return false;
+                       if (differences != nullptr && valueChanged(*o, *n)) {
+                         differences->push_back({&newNode, &n});
+                       }
+                       return true;
+                     });
 }
 
 // Whether a direct sub-device carries the identifier. It is filed under that, or under the empty
@@ -105,36 +109,61 @@ bool hasSubDevice(const DeviceNode& node, const std::string& deviceId) {
   return carries(deviceId) || carries(std::string());
 }
 
+// Whether the new node has as many sub-devices as the old one and each of the old identifiers.
+bool sameSubDeviceIds(const DeviceNode& oldNode, const DeviceNode& newNode) {
+  const auto isNode = [](const auto& entry) { return entry.second != nullptr; };
+  const auto& oldEntries = oldNode.getSubDevices();
+  const auto& newEntries = newNode.getSubDevices();
+  return std::count_if(oldEntries.begin(), oldEntries.end(), isNode) ==
+             std::count_if(newEntries.begin(), newEntries.end(), isNode) &&
+         std::all_of(oldEntries.begin(), oldEntries.end(), [&](const auto& entry) {
+           return !isNode(entry) || hasSubDevice(newNode, entry.second->getDeviceId());
+         });
+}
+
 std::uint64_t hashOf(const DeviceNode& node) {
   return std::hash<std::string>()(node.getDeviceId());
 }
 
-// A node met by both walks: places in the walk, of the node and of its parent.
+// The nodes met by both walks, by their places in the walk.
 struct Met {
-  std::uint64_t hash;
-  std::uint32_t place;
-  std::uint32_t parentPlace;
+  std::deque<std::uint64_t> hashes;  // of the identifiers
+  std::deque<std::uint32_t> parentPlaces;
 };
 
 // Whether each node met is the first with its identifier at or below its parent. Equal hashes of
 // different identifiers may make the answer false, never true.
-bool eachStandsForItself(std::vector<Met>& met) {
-  std::sort(met.begin(), met.end(), [](const Met& left, const Met& right) {
-    return std::tie(left.hash, left.place) < std::tie(right.hash, right.place);
-  });
-  return std::adjacent_find(met.begin(), met.end(), [](const Met& earlier, const Met& later) {
-           return earlier.hash == later.hash && earlier.place >= later.parentPlace;
-         }) == met.end();
+bool eachIsFirstBelowItsParent(const Met& met) {
+  // A few bits of the hash tell most nodes apart; only the others have to be sorted.
+  std::size_t bits = 1;
+  while (bits < 8 * met.hashes.size()) bits *= 2;
+  std::vector<bool> once(bits);
+  std::vector<bool> again(bits);
+  for (const std::uint64_t hash : met.hashes) {
+    if (once[hash % bits]) again[hash % bits] = true;
+    once[hash % bits] = true;
+  }
+  std::vector<std::pair<std::uint64_t, std::size_t>> alike;  // hash and place
+  for (std::size_t place = 0; place < met.hashes.size(); ++place) {
+    if (again[met.hashes[place] % bits]) alike.emplace_back(met.hashes[place], place);
+  }
+  std::sort(alike.begin(), alike.end());
+  // Of several earlier nodes of one identifier the last is the one to look at.
+  return std::adjacent_find(alike.begin(), alike.end(),
+                            [&](const auto& earlier, const auto& later) {
+                              return earlier.first == later.first &&
+                                     earlier.second >= met.parentPlaces[later.second];
+                            }) == alike.end();
 }
 
 Answer compareInStep(const DeviceNode& oldTree, const DeviceNode& newTree,
                      const Question& question) {
-  if (oldTree.getDeviceId() != newTree.getDeviceId()) {
+  if (oldTree.getDeviceId() != newTree.getDeviceId()) {  // what is met stands for both trees
     return question.configuration ? Answer::DIFFERENT : Answer::NOT_IN_STEP;
   }
   Walk oldWalk(oldTree);
   Walk newWalk(newTree);
-  std::vector<Met> met{{hashOf(oldTree), 0, 0}};
+  Met met{{hashOf(oldTree)}, {0}};
   bool same = compareDevice(oldTree, newTree, question);
   while (same) {
     const auto* oldEntry = oldWalk.next();
@@ -148,19 +177,19 @@ Answer compareInStep(const DeviceNode& oldTree, const DeviceNode& newTree,
     const DeviceNode& oldNode = **oldEntry;
     const DeviceNode& newNode = **newEntry;
     if (oldNode.getDeviceId() != newNode.getDeviceId()) {
-      if (!question.configuration || hasSubDevice(newWalk.parent(), oldNode.getDeviceId())) {
+      if (!question.configuration || sameSubDeviceIds(oldWalk.parent(), newWalk.parent())) {
         return Answer::NOT_IN_STEP;
       }
       same = false;
       break;
     }
     if (oldWalk.position() > std::numeric_limits<std::uint32_t>::max()) return Answer::NOT_IN_STEP;
-    met.push_back({hashOf(oldNode), static_cast<std::uint32_t>(oldWalk.position()),
-                   static_cast<std::uint32_t>(oldWalk.parentPosition())});
+    met.hashes.push_back(hashOf(oldNode));
+    met.parentPlaces.push_back(static_cast<std::uint32_t>(oldWalk.parentPosition()));
     same = compareDevice(oldNode, newNode, question);
   }
   // A difference counts only if the definition leads to it as well.
-  if (!eachStandsForItself(met)) return Answer::NOT_IN_STEP;
+  if (!eachIsFirstBelowItsParent(met)) return Answer::NOT_IN_STEP;
   return same ? Answer::SAME : Answer::DIFFERENT;
 }
 
@@ -242,8 +271,8 @@ bool compareByIndex(const DeviceNode& oldTree, const DeviceNode& newTree,
   const Index newIndex(newTree);
 
   // The differences that a pair found by a search has led to, itself and all pairs below it.
-  // Meeting it again leads to the same ones; while it is being compared there is no end yet, and a
-  // pair that stands for its own sub-device is not entered again.
+  // Meeting it again leads to the same ones. While it is being compared it has no end yet: then it
+  // stands for its own sub-device and is not entered again.
   struct Range {
     std::size_t begin;
     std::size_t end;
@@ -252,8 +281,8 @@ bool compareByIndex(const DeviceNode& oldTree, const DeviceNode& newTree,
 
   struct Pair {
     std::size_t oldPlace, newPlace;  // of the nodes
-    std::size_t oldNext, newNext;    // of the sub-devices to be paired next
-    Range* range;                    // empty for a pair in step, which is met only once
+    std::size_t oldNext, newNext;    // of the sub-devices to be paired next; the node's end: none
+    Range* range;                    // empty for a pair in step: that way it is met once
   };
   std::vector<Pair> open;
 
@@ -267,7 +296,8 @@ bool compareByIndex(const DeviceNode& oldTree, const DeviceNode& newTree,
         searched.try_emplace({oldPlace, newPlace}, Range{listed(), Index::NONE});
     Range& range = entry->second;
     if (isNew) return enter(oldPlace, newPlace, &range);
-    for (std::size_t i = range.begin; range.end != Index::NONE && i < range.end; ++i) {
+    if (range.end == Index::NONE) return true;
+    for (std::size_t i = range.begin; i < range.end; ++i) {
       const Difference again = (*question.differences)[i];
       question.differences->push_back(again);
     }

@@ -10,18 +10,19 @@
 /// on one thread.
 ///
 /// Which devices are compared. A sub-device is compared with the one of the same identifier. Where
-/// an identifier occurs more than once in a tree, it stands for the node that `getDeviceById` of
-/// the device at hand finds first, and a device may be compared, and listed, once for each
-/// sub-device that carries its identifier. A device that stands for its own sub-device is not
-/// entered again.
+/// an identifier occurs more than once in a tree, it stands, in each tree, for the node that
+/// `getDeviceById` of the device at hand finds first, and a device may be compared, and listed,
+/// once for each sub-device that carries its identifier. A device that stands for its own
+/// sub-device is not entered again.
 ///
-/// Cost. n is the number of nodes of both trees. Where the trees are in step, sub-devices of one
-/// identifier in one place, a call costs one walk over both and 16 bytes for each node of one.
-/// Where they are not, or where an identifier stands for another node than the one that carries it,
-/// both are indexed, O(n log n) and about 32 bytes a node, and no two nodes are compared twice. A
-/// list of differences is never longer than the definition makes it, but repeated identifiers can
-/// make that exponential in n: do not compare trees of untrusted origin in which identifiers
-/// repeat.
+/// Cost. n is the number of nodes of both trees, a node that is filed in several places counted
+/// once for each. Where the trees are in step, sub-devices of one identifier in one place, a call
+/// costs one walk over both and 16 bytes for each node of one. Otherwise, and where an identifier
+/// stands for another node than the one that carries it, both are indexed, O(n log n) and about 50
+/// bytes a node; each pair of nodes that a repeated identifier leads to costs O(log n) and about 90
+/// bytes, once, but there can be as many as the product of both sizes. A list of differences is no
+/// longer than the definition makes it, but where identifiers repeat that can be exponential in n.
+/// So do not compare trees of untrusted origin in which identifiers repeat.
 #pragma once
 
 #include <list>
@@ -39,7 +40,8 @@ namespace orv::device_tree::utils {
 
 /// Whether both trees have the same configuration. Two absent trees have, an absent and a present
 /// one have not. Properties compare by their own operator, sub-devices by their identifiers: as
-/// many on both sides, and each of the old ones among the new ones. Stops at the first difference.
+/// many on both sides, and each of the old ones among the new ones. Stops at the first
+/// difference it meets.
 ORV_DEVICE_TREE_EXPORT bool IsSameConfiguration(
     const std::shared_ptr<DeviceNode>& oldTree,
     const std::shared_ptr<DeviceNode>& newTree) noexcept;

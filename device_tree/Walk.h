@@ -6,7 +6,9 @@
 // called.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <memory>
 #include <vector>
 
@@ -17,25 +19,33 @@ namespace orv::device_tree {
 class Walk {
  public:
   // Walks the nodes below `root`; the root itself is not met.
-  explicit Walk(const DeviceNode& root) : met_(&root) {}
+  explicit Walk(const DeviceNode& root) : met_(&root), parent_(&root) {}
 
   // The entry of the next node, nullptr at the end.
   const std::shared_ptr<DeviceNode>* next() {
     if (met_ != nullptr && !met_->getSubDevices().empty()) {
       const auto& subDevices = met_->getSubDevices();
-      levels_.push_back({met_, position_, subDevices.begin(), subDevices.end()});
+      levels_.push_back({met_, position_, depth_ + 1, subDevices.begin(), subDevices.end()});
     }
-    for (; !levels_.empty(); levels_.pop_back()) {
+    while (!levels_.empty()) {
       Level& level = levels_.back();
-      while (level.next != level.end) {
-        const std::shared_ptr<DeviceNode>& entry = (level.next++)->second;
-        if (!entry) continue;
-        met_ = entry.get();
-        ++position_;
-        return &entry;
+      const auto entry = std::find_if(level.next, level.end,
+                                      [](const auto& candidate) { return candidate.second; });
+      if (entry == level.end) {
+        levels_.pop_back();
+        continue;
       }
+      met_ = entry->second.get();
+      parent_ = level.parent;
+      parentPosition_ = level.parentPosition;
+      depth_ = level.depth;
+      ++position_;
+      level.next = std::next(entry);
+      if (level.next == level.end) levels_.pop_back();  // so a chain keeps no level open
+      return &entry->second;
     }
     met_ = nullptr;
+    depth_ = 0;
     return nullptr;
   }
 
@@ -44,21 +54,25 @@ class Walk {
 
   // Of the node met last: how many levels below the root, its place in the walk (the root's is 0),
   // its parent and the parent's place. At the end the depth is 0.
-  std::size_t depth() const { return levels_.size(); }
+  std::size_t depth() const { return depth_; }
   std::size_t position() const { return position_; }
-  const DeviceNode& parent() const { return *levels_.back().parent; }
-  std::size_t parentPosition() const { return levels_.back().parentPosition; }
+  const DeviceNode& parent() const { return *parent_; }
+  std::size_t parentPosition() const { return parentPosition_; }
 
  private:
   struct Level {
     const DeviceNode* parent;
     std::size_t parentPosition;
+    std::size_t depth;
     DeviceNode::SubDevices::const_iterator next;
     DeviceNode::SubDevices::const_iterator end;
   };
 
   const DeviceNode* met_;
+  const DeviceNode* parent_;
+  std::size_t parentPosition_ = 0;
   std::size_t position_ = 0;
+  std::size_t depth_ = 0;
   std::vector<Level> levels_;
 };
 

@@ -131,7 +131,9 @@ TEST(Configuration, SubDeviceThatCarriesItsParentsIdentifierEnds) {
     return root;
   };
   EXPECT_TRUE(IsSameConfiguration(build("x"), build("y"))) << "it stands for the root";
-  EXPECT_TRUE(differences(build("x"), build("y")).globals.empty());
+  const auto unwell = build("x");
+  unwell->getSubDevices().at("")->setGlobalStatus({GlobalStatus::LEVEL_ERROR, ""});
+  EXPECT_TRUE(differences(build("x"), unwell).globals.empty());
 }
 
 TEST(StatusDifferences, AreAppendedInWalkOrder) {
@@ -229,6 +231,7 @@ TEST(Comparison, IsWhatThePlainDefinitionSays) {
     NodePtr newTree = random.tangledTree(size);
     if (!random.oneIn(8)) {  // a copy with a few edits is closer to what happens
       newTree = std::make_shared<DeviceNode>(*oldTree);
+      if (random.oneIn(3)) random.fileLate(newTree);
       std::string error;
       for (std::size_t edits = random.below(3); edits > 0; --edits) {
         const auto nodes = allNodes(newTree);

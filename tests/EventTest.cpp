@@ -151,14 +151,28 @@ TEST(Event, AgreesWithThePlainDefinitionWhereIdentifiersRepeat) {
     Random random(seed);
     const auto oldTree = random.tangledTree(10);
     const auto newTree = std::make_shared<DeviceNode>(*oldTree);
-    random.pick(allNodes(newTree))->getStatus("s")->setValue(7L);
+    const auto nodes = allNodes(newTree);
+    random.pick(nodes)->getStatus("s")->setValue(7L);
+    random.pick(nodes)->setGlobalStatus({GlobalStatus::LEVEL_ERROR, "7"});
     plain::GlobalChanges globals;
     plain::NamedChanges named;
     plain::getStatusDifferences(oldTree, newTree, globals, named);
+    proto::StatusChangeEvent expected;
+    for (const auto& [id, health] : globals) {
+      auto& change = *expected.add_global_status_changes();
+      change.set_device_id(id);
+      *change.mutable_status() = health.toProtoBuf();
+    }
+    for (const auto& [id, status] : named) {
+      auto& change = *expected.add_named_status_changes();
+      change.set_device_id(id);
+      *change.mutable_status() = status->toProtoBuf();
+    }
     Event event = usedEvent();
-    ASSERT_EQ(EventHelper::ComputeEvent(oldTree, newTree, event), !named.empty());
-    const auto& changes = event.GetExtension(proto::StatusChangeEvent::base);
-    EXPECT_EQ(changes.named_status_changes_size(), static_cast<int>(named.size()));
+    ASSERT_EQ(EventHelper::ComputeEvent(oldTree, newTree, event),
+              !globals.empty() || !named.empty());
+    EXPECT_EQ(event.GetExtension(proto::StatusChangeEvent::base).SerializeAsString(),
+              expected.SerializeAsString());
   }
 }
 

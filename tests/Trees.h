@@ -3,9 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <limits>
+#include <cstddef>
+#include <iterator>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <string>
 #include <utility>
@@ -149,15 +150,29 @@ class Random {
     static const std::vector<std::string> IDS{"", "a", "b", "c", "d"};
     std::vector<NodePtr> nodes{plainDevice(oneIn(8) ? "b" : "a")};
     std::string error;
-    while (nodes.size() < size) {
+    for (std::size_t attempt = 1; attempt < size; ++attempt) {
       const NodePtr parent = pick(nodes);
       const bool late = oneIn(3);
       const NodePtr made = plainDevice(late ? "" : pick(IDS));
       if (parent->addSubDevice(made, oneIn(8), error)) nodes.push_back(made);
       if (late) made->setDeviceId(oneIn(3) ? parent->getDeviceId() : pick(IDS), error);
-      --size;
+      if (oneIn(12)) parent->addSubDevice(pick(nodes), false, error);  // in a second place
+      if (oneIn(12)) DeviceNodePeer::subDevices(*parent)["empty"] = nullptr;
     }
     return nodes.front();
+  }
+
+  /// Files one sub-device of some nodes under the empty key, as if its identifier had been set
+  /// late.
+  void fileLate(const NodePtr& root) {
+    for (const NodePtr& node : allNodes(root)) {
+      auto& subDevices = DeviceNodePeer::subDevices(*node);
+      if (subDevices.empty() || subDevices.count("") != 0 || oneIn(2)) continue;
+      auto entry = subDevices.extract(
+          std::next(subDevices.begin(), static_cast<std::ptrdiff_t>(below(subDevices.size()))));
+      entry.key() = "";
+      subDevices.insert(std::move(entry));
+    }
   }
 
  private:
