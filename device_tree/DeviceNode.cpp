@@ -1,5 +1,7 @@
 #include "device_tree/DeviceNode.h"
 
+#include <boost/variant/get.hpp>
+#include <cstddef>
 #include <stdexcept>
 #include <typeinfo>
 #include <utility>
@@ -13,13 +15,17 @@ namespace proto = orv::proto::monitoring;
 
 namespace {
 
-// The nodes that this thread is about to release. A map in which all keys are equal is a queue that
-// takes over the entries of another map without allocating; see the destructor.
+// A release of many nodes, see the destructor: those still to be released, and the one at hand. A
+// map in which all keys are equal is a queue that takes over the entries of another map and
+// allocates nothing.
 struct AllEqual {
   bool operator()(const std::string&, const std::string&) const noexcept { return false; }
 };
-using ReleaseQueue = std::multimap<std::string, std::shared_ptr<DeviceNode>, AllEqual>;
-thread_local ReleaseQueue* releaseQueue = nullptr;
+struct Release {
+  std::multimap<std::string, std::shared_ptr<DeviceNode>, AllEqual> queue;
+  const DeviceNode* node = nullptr;
+};
+thread_local Release* release = nullptr;  // the innermost one that this thread is carrying out
 
 template <typename Visit>
 void forEachSubDevice(const DeviceNode& node, bool recursive, Visit visit) {
@@ -75,22 +81,15 @@ DeviceNode::DeviceNode(const std::string& nodeId, const std::string& nodeName,
 
 DeviceNode::DeviceNode(const DeviceNode& other) : DeviceNode() {
   copyOwn(other);
+  copySubDevices(other);
   // Both walks take the same steps: what is copied below a node is entered by the next step.
   Walk sources(other);
   Walk copies(*this);
-  const DeviceNode* source = &other;
-  DeviceNode* copy = this;
-  while (source != nullptr) {
-    for (const auto& [key, subDevice] : source->subDevices) {
-      const auto entry = copy->subDevices.emplace_hint(copy->subDevices.end(), key, nullptr);
-      if (!subDevice) continue;
-      entry->second = std::make_shared<DeviceNode>();
-      entry->second->copyOwn(*subDevice);
-    }
-    const auto* nextSource = sources.next();
-    const auto* nextCopy = copies.next();
-    source = nextSource ? nextSource->get() : nullptr;
-    copy = nextCopy ? nextCopy->get() : nullptr;
+  while (true) {
+    const auto* source = sources.next();
+    const auto* copy = copies.next();
+    if (source == nullptr || copy == nullptr) return;
+    (*copy)->copySubDevices(**source);
   }
 }
 
@@ -101,6 +100,16 @@ void DeviceNode::copyOwn(const DeviceNode& other) {
   globalStatus = other.globalStatus;
   copyEntries(other.properties, properties);
   copyEntries(other.statuses, statuses);
+}
+
+// One level; the nodes below the sub-devices are not copied.
+void DeviceNode::copySubDevices(const DeviceNode& other) {
+  for (const auto& [key, subDevice] : other.subDevices) {
+    const auto entry = subDevices.emplace_hint(subDevices.end(), key, nullptr);
+    if (!subDevice) continue;
+    entry->second = std::make_shared<DeviceNode>();
+    entry->second->copyOwn(*subDevice);
+  }
 }
 
 DeviceNode::DeviceNode(const proto::DeviceNode& message) : DeviceNode() {
@@ -124,7 +133,7 @@ DeviceNode::DeviceNode(const proto::DeviceNode& message) : DeviceNode() {
       levels.push_back({&subMessage, node, std::move(subDevice)});
       continue;
     }
-    const std::shared_ptr<DeviceNode> complete = std::move(level.owner);
+    std::shared_ptr<DeviceNode> complete = std::move(level.owner);
     levels.pop_back();
     if (levels.empty()) return;
     DeviceNode& parent = *levels.back().node;
@@ -159,18 +168,21 @@ void DeviceNode::readOwn(const proto::DeviceNode& message) {
 std::string DeviceNode::messageHeader() const { return "Device " + deviceId + " - " + name; }
 
 // A sub-device released here runs this destructor in turn. So that a deep tree does not nest as
-// many calls, only the outermost of them releases; the others hand it their sub-devices.
+// many calls, a node that is being released hands its sub-devices to that release.
 DeviceNode::~DeviceNode() {
   if (subDevices.empty()) return;
-  ReleaseQueue own;
-  const bool outermost = releaseQueue == nullptr;
-  if (outermost) releaseQueue = &own;
+  Release own;
+  Release& current = release != nullptr && release->node == this ? *release : own;
   while (!subDevices.empty()) {
-    releaseQueue->insert(releaseQueue->cend(), subDevices.extract(subDevices.cbegin()));
+    current.queue.insert(current.queue.cend(), subDevices.extract(subDevices.cbegin()));
   }
-  if (!outermost) return;
-  while (!own.empty()) own.extract(own.cbegin());
-  releaseQueue = nullptr;
+  if (&current != &own) return;
+  Release* const outer = std::exchange(release, &own);
+  while (!own.queue.empty()) {
+    const auto entry = own.queue.extract(own.queue.cbegin());
+    own.node = entry.mapped().get();
+  }
+  release = outer;
 }
 
 std::string DeviceNode::debugString(unsigned int indent) const noexcept {

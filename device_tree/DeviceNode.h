@@ -28,8 +28,9 @@
 /// Objects that queries handed out may be released on any thread.
 ///
 /// Cost. n is the number of nodes of the subtree, a node that is filed in several places counted
-/// once for each. No operation uses stack in proportion to the depth of the tree, destruction
-/// included.
+/// once for each. No operation on nodes uses stack in proportion to the depth of the tree,
+/// destruction included. The generated messages do: clearing, copying and destroying one of 50,000
+/// levels takes 8 MiB in a release build.
 #pragma once
 
 #include <list>
@@ -61,8 +62,8 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   /// No identifier, no name, class 0, health OK, nothing filed.
   DeviceNode() noexcept;
 
-  DeviceNode(const std::string& deviceId, const std::string& name,
-             DeviceClass deviceClass) noexcept;
+  DeviceNode(const std::string& nodeId, const std::string& nodeName,
+             DeviceClass nodeClass) noexcept;
 
   /// A deep copy: every property, status and sub-device is a new object under the same key. The new
   /// node has no owner yet, its sub-devices have. Throws std::bad_alloc. O(n).
@@ -74,7 +75,7 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   /// Throws std::runtime_error when the message repeats a property or status name within a device
   /// or puts a device below one of the same identifier; its text is the refusal of the editing
   /// operation, formatted once more by the node at that depth. Throws std::bad_alloc. O(n), and one
-  /// comparison of identifiers for each pair of a node and one of the nodes above it.
+  /// comparison of identifiers for each node and level above it.
   explicit DeviceNode(const orv::proto::monitoring::DeviceNode& message);
 
   DeviceNode& operator=(const DeviceNode&) = delete;
@@ -83,14 +84,16 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   std::string messageHeader() const override;
 
   /// Releases what the node files; an object that somebody else holds lives on, its subtree with
-  /// it. Allocates nothing. O(n) of the nodes released.
+  /// it. Allocates nothing. O(number of nodes released), as wherever nodes are released.
   ~DeviceNode() override;
 
-  /// The node and its subtree as indented lines for logs, each block `indent` levels deep at least.
-  /// Every sub-device of a derived class contributes the text of its own override. O(length of the
-  /// text), in which the indentation grows with the depth: a chain of 10,000 levels takes 1.2 GB.
+  /// The node and its subtree as indented lines for logs, the node's own header `indent` levels
+  /// deep. O(length of the text), in which the indentation grows with the depth: a chain of 10,000
+  /// levels takes 1.2 GB. A sub-device of a derived class contributes what its own override
+  /// returns, which costs a nested call and its text once more.
   virtual std::string debugString(unsigned int indent = 0) const noexcept;
 
+  /// What the node holds. A reference is good until the node is edited or destroyed.
   const std::string& getDeviceId() const noexcept { return deviceId; }
   const std::string& getName() const noexcept { return name; }
   DeviceClass getDeviceClass() const noexcept { return deviceClass; }
@@ -99,6 +102,7 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   const Statuses& getStatuses() const noexcept { return statuses; }
   const SubDevices& getSubDevices() const noexcept { return subDevices; }
 
+  /// Changes of a live node; none of them can be refused.
   void setName(std::string newName) noexcept;
   void setDeviceClass(DeviceClass newClass) noexcept;
   void setGlobalStatus(GlobalStatus newStatus) noexcept;
@@ -172,12 +176,13 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
 
  private:
   void copyOwn(const DeviceNode& other);
+  void copySubDevices(const DeviceNode& other);
   void readOwn(const orv::proto::monitoring::DeviceNode& message);
   void writeOwn(orv::proto::monitoring::DeviceNode& target) const;
   bool attach(std::shared_ptr<DeviceNode> subDevice, bool replace, std::string& errorMessage);
   void appendOwnText(std::string& text, unsigned int indent) const;
 
-  friend struct DeviceNodePeer;  // of the tests
+  friend struct DeviceNodePeer;  // lets tests file entries without an object
 
   std::string deviceId;
   std::string name;

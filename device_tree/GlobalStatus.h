@@ -2,12 +2,11 @@
 ///
 /// A plain value that owns its text: const operations may run on several threads at once, changes
 /// need the caller's exclusion. An operation declared noexcept that runs out of memory ends the
-/// process, here as everywhere in this library.
+/// process.
 #pragma once
 
 #include <cstdint>
 #include <string>
-#include <utility>
 
 #include "device_tree/Export.h"
 #include "proto/monitoring/device_tree.pb.h"
@@ -23,11 +22,12 @@ class ORV_DEVICE_TREE_EXPORT GlobalStatus {
   /// `LEVEL_OK` without a text.
   GlobalStatus() noexcept = default;
 
-  GlobalStatus(Level healthLevel, std::string text) noexcept
-      : level(healthLevel), message(std::move(text)) {}
+  GlobalStatus(Level healthLevel, const std::string& text) noexcept
+      : level(healthLevel), message(text) {}
 
   /// Takes the level and the text of the message. An absent level reads as `LEVEL_OK`, a number
-  /// outside the message's enumeration as `LEVEL_ERROR`, an absent text as the empty one.
+  /// outside the message's enumeration, which a parser leaves absent, as `LEVEL_ERROR`, an absent
+  /// text as the empty one.
   explicit GlobalStatus(const orv::proto::monitoring::GlobalStatus& healthMessage) noexcept;
 
   /// Whether the levels differ as numbers or the texts in any byte.

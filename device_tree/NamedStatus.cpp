@@ -11,9 +11,9 @@ static_assert(sizeof(long) == sizeof(std::int64_t), "integer values are 64 bits 
 
 namespace {
 
-/// The digits of the format "%f", in every locale.
+// The digits of the format "%f", in every locale.
 std::string fixedText(double number) {
-  std::array<char, 320> digits;  // the longest finite double takes 317
+  std::array<char, 320> digits{};  // the longest finite double takes 317
   const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number,
                                  std::chars_format::fixed, 6);
   return std::string(digits.data(), end.ptr);
@@ -32,11 +32,14 @@ NamedStatus::NamedStatus(const proto::NamedStatus& message) noexcept { read(mess
 
 void NamedStatus::read(const proto::NamedStatus& source) {
   name = source.name();
-  unsetValue();
   switch (source.type()) {
     case proto::NamedStatus::STRING:
       type = TYPE_STRING;
       if (source.has_string_value()) setValue(source.string_value());
+      break;
+    case proto::NamedStatus::INT:
+      type = TYPE_INT;
+      if (source.has_int_value()) setValue(static_cast<long>(source.int_value()));
       break;
     case proto::NamedStatus::UINT:
       type = TYPE_UINT;
@@ -45,10 +48,6 @@ void NamedStatus::read(const proto::NamedStatus& source) {
     case proto::NamedStatus::DOUBLE:
       type = TYPE_DOUBLE;
       if (source.has_double_value()) setValue(source.double_value());
-      break;
-    case proto::NamedStatus::INT:
-      type = TYPE_INT;
-      if (source.has_int_value()) setValue(static_cast<long>(source.int_value()));
       break;
     default:
       type = TYPE_INT;

@@ -10,6 +10,8 @@
 ///     TYPE_INT     long                TYPE_DOUBLE  double
 ///
 /// That is the caller's duty and not checked. A status without a value holds the integer 0.
+///
+/// An operation declared noexcept that runs out of memory ends the process.
 #pragma once
 
 #include <boost/variant/get.hpp>
@@ -30,14 +32,14 @@ class ORV_DEVICE_TREE_EXPORT NamedStatus {
   using Value = boost::variant<long, unsigned long, double, std::string>;
 
   /// A status whose value is not known.
-  NamedStatus(const std::string& name, Type type) noexcept;
+  NamedStatus(const std::string& statusName, Type statusType) noexcept;
 
   /// A status whose value is set, whatever its kind.
-  NamedStatus(const std::string& name, Type type, const Value& value) noexcept;
+  NamedStatus(const std::string& statusName, Type statusType, const Value& statusValue) noexcept;
 
   /// Takes name, type and the value field that belongs to the type, if it is present; other value
   /// fields are ignored. An absent type reads as `TYPE_STRING`; a number outside the message's
-  /// enumeration gives a `TYPE_INT` without a value.
+  /// enumeration, which a parser leaves absent, gives a `TYPE_INT` without a value.
   explicit NamedStatus(const orv::proto::monitoring::NamedStatus& message) noexcept;
 
   const std::string& getName() const noexcept { return name; }

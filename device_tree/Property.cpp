@@ -1,7 +1,5 @@
 #include "device_tree/Property.h"
 
-#include <boost/variant/get.hpp>
-
 namespace orv::device_tree {
 
 namespace proto = orv::proto::monitoring;
@@ -44,7 +42,6 @@ proto::Property Property::toProtoBuf() const noexcept {
 }
 
 void Property::toProtoBuf(proto::Property& target) const noexcept {
-  target.Clear();
   target.set_name(name);
   target.set_type(proto::Property::STRING);
   target.set_value(boost::get<std::string>(value));

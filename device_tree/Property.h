@@ -3,8 +3,11 @@
 /// A plain value that owns its strings: const operations may run on several threads at once,
 /// changes need the caller's exclusion. The comparison operators are not const members, so whoever
 /// compares holds the left property as a modifiable object; they change nothing.
+///
+/// An operation declared noexcept that runs out of memory ends the process.
 #pragma once
 
+#include <boost/variant/get.hpp>
 #include <boost/variant/variant.hpp>
 #include <cstdint>
 #include <string>
@@ -23,7 +26,7 @@ class ORV_DEVICE_TREE_EXPORT Property {
   using Value = boost::variant<std::string>;
 
   /// Copies the three arguments; the type is not compared with the value.
-  Property(const std::string& name, Type type, const Value& value) noexcept;
+  Property(const std::string& propertyName, Type propertyType, const Value& propertyValue) noexcept;
 
   /// Takes name and value of the message, an absent one as the empty string. The type is always
   /// `TYPE_STRING`; the message's own is not read.
@@ -54,9 +57,19 @@ class ORV_DEVICE_TREE_EXPORT Property {
   void read(const orv::proto::monitoring::Property& source);
 };
 
-/// The same comparison for two modifiable properties. Without these an operator that is not const
-/// is ambiguous with its own mirror image in C++20.
+/// The same comparison for two modifiable properties, lasting or temporary. Without these an
+/// operator that is not const is ambiguous with its own mirror image in C++20.
 inline bool operator!=(Property& left, Property& right) noexcept { return left.operator!=(right); }
+inline bool operator!=(Property& left, Property&& right) noexcept { return left.operator!=(right); }
+inline bool operator!=(Property&& left, Property& right) noexcept { return left.operator!=(right); }
+inline bool operator!=(Property&& left, Property&& right) noexcept {
+  return left.operator!=(right);
+}
 inline bool operator==(Property& left, Property& right) noexcept { return left.operator==(right); }
+inline bool operator==(Property& left, Property&& right) noexcept { return left.operator==(right); }
+inline bool operator==(Property&& left, Property& right) noexcept { return left.operator==(right); }
+inline bool operator==(Property&& left, Property&& right) noexcept {
+  return left.operator==(right);
+}
 
 }  // namespace orv::device_tree

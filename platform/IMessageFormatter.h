@@ -1,8 +1,7 @@
 /// How a failure becomes the text that a caller reads: the bare text behind a header that names the
 /// object which refused.
 ///
-/// The interface holds no data. Const use of one object from several threads is as safe as the
-/// header that the deriving class composes.
+/// The interface holds no data and may be used from as many threads as the deriving class allows.
 #pragma once
 
 #include <string>
@@ -19,13 +18,13 @@ class ORV_DEVICE_TREE_EXPORT IMessageFormatter {
   virtual ~IMessageFormatter();
 
   /// The text that a failing operation of this object hands to its caller:
-  /// `messageHeader() + ": " + text`. Throws only what composing a string throws, std::bad_alloc.
+  /// `messageHeader() + ": " + text`. Throws what `messageHeader` throws, and std::bad_alloc.
   std::string formatMessage(const std::string& text) const;
 
  protected:
   IMessageFormatter() = default;
   IMessageFormatter(const IMessageFormatter&) = default;
-  IMessageFormatter& operator=(const IMessageFormatter&) = default;
+  IMessageFormatter& operator=(const IMessageFormatter&) = delete;
 };
 
 }  // namespace orv::utils

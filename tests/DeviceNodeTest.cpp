@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <list>
+
 #include "device_tree/DeviceNode.h"
 #include "tests/Trees.h"
 
@@ -84,8 +87,9 @@ TEST(DeviceNode, LooksOnlyForItsOwnIdentifierInANewSubtree) {
 TEST(DeviceNode, ReplacesASubDeviceOnRequest) {
   const auto root = node("root", {node("a", {node("below")})});
   const auto later = node("a");
-  std::string error;
+  std::string error = "old";
   EXPECT_TRUE(root->addSubDevice(later, true, error));
+  EXPECT_EQ(error, "");
   EXPECT_EQ(root->getDeviceById("a"), later);
   EXPECT_EQ(root->getDeviceById("below"), nullptr);
 }
@@ -117,7 +121,7 @@ TEST(DeviceNode, RemovalLooksAtItsOwnSubDevicesBeforeItGoesBelow) {
   const auto root = node("root", {node("a", {node("z")}), node("z")});
   std::string error;
   EXPECT_TRUE(root->removeSubDevice("z", true, error));
-  EXPECT_EQ(root->getTreeDeviceIds(), (Ids{"root", "a", "z"}));
+  EXPECT_EQ(root->getSubDeviceIds(false), (Ids{"a"}));
 }
 
 TEST(DeviceNode, LateIdentifierLeavesTheKeyEmpty) {
@@ -142,7 +146,9 @@ TEST(DeviceNode, EmptyEntriesAreEntriesButNotNodes) {
   EXPECT_EQ(root->getSubDeviceIds(true), (Ids{"a"}));
   EXPECT_EQ(root->getStatus("s"), nullptr);
   EXPECT_EQ(root->getAllStatuses().at("root").count("s"), 1U);
+  DeviceNodePeer::properties(*root->getDeviceById("a"))["p"];
   EXPECT_TRUE(root->getSubDevicesByProperty("p", "", true).empty());
+  DeviceNodePeer::properties(*root->getDeviceById("a")).clear();
   EXPECT_EQ(root->debugString(1),
             "  Device: name name of root - id root\n  Status: OK\n  Class: 0\n"
             "    1 property(ies): \n    1 status(es): \n    2 child(ren):\n"
@@ -186,7 +192,8 @@ TEST(DeviceNode, SelectsSubDevicesByNameAndByProperty) {
   using Nodes = std::list<NodePtr>;
   EXPECT_EQ(root->getSubDevicesByName("same", true), (Nodes{a, b, c}));
   EXPECT_EQ(root->getSubDevicesByName("same", false), (Nodes{a, c}));
-  EXPECT_EQ(root->getSubDevicesByName("other", true), Nodes{});
+  EXPECT_EQ(root->getSubDevicesByName("a", true), Nodes{});
+  c->getProperties().at("p")->type = static_cast<Property::Type>(7);  // is not looked at
   EXPECT_EQ(root->getSubDevicesByProperty("p", "1", true), (Nodes{b, c}));
   EXPECT_EQ(root->getSubDevicesByProperty("p", "1", false), (Nodes{c}));
   EXPECT_EQ(root->getSubDevicesByProperty("p", "2", true), Nodes{});
@@ -201,6 +208,23 @@ TEST(DeviceNode, CollectsTheTreesOwnStatusesTheFirstOfAnIdentifierWinning) {
   ASSERT_EQ(all.at("x").size(), 1U);
   all.at("x").at("s")->setValue(7L);
   EXPECT_EQ(root->getDeviceById("x")->getStatus("s")->debugString(), "s (int 7)");
+}
+
+TEST(DeviceNode, ReleasesWhatADerivedDestructorDropsBeforeThatReturns) {
+  struct Counted : DeviceNode {
+    explicit Counted(int& count) : alive(++count) {}
+    ~Counted() override { --alive; }
+    int& alive;
+  };
+  struct Scratch : DeviceNode {
+    using DeviceNode::DeviceNode;
+    ~Scratch() override {
+      int alive = 0;
+      trees::attach(*trees::node("scratch"), std::make_shared<Counted>(alive));
+      EXPECT_EQ(alive, 0);
+    }
+  };
+  node("root", {std::make_shared<Scratch>("a", "", UNKNOWN)});
 }
 
 TEST(DeviceNode, CopyIsEqualAndSharesNothing) {
@@ -220,7 +244,7 @@ TEST(DeviceNode, CopyIsEqualAndSharesNothing) {
       const auto shareNothing = [](const auto& left, const auto& right) {
         return std::equal(left.begin(), left.end(), right.begin(), right.end(),
                           [](const auto& l, const auto& r) {
-                            return l.first == r.first && l.second != r.second;
+                            return l.first == r.first && (l.second != r.second || !l.second);
                           });
       };
       EXPECT_TRUE(shareNothing(from.getProperties(), to.getProperties()));

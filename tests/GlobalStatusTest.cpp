@@ -1,3 +1,5 @@
+#include <limits>
+
 #include "device_tree/GlobalStatus.h"
 #include "tests/Trees.h"
 
@@ -48,6 +50,13 @@ TEST(GlobalStatus, SurvivesItsMessage) {
     }
   }
   EXPECT_EQ(GlobalStatus(proto::GlobalStatus()), GlobalStatus());
+#ifdef NDEBUG  // the setter asserts otherwise
+  for (const int number : {0, 4, -1}) {
+    proto::GlobalStatus message;
+    message.set_level(static_cast<proto::GlobalStatus::Level>(number));
+    EXPECT_EQ(GlobalStatus(message).level, GlobalStatus::LEVEL_ERROR);
+  }
+#endif
 }
 
 TEST(GlobalStatus, WritesOverWhateverAMessageHeld) {

@@ -35,6 +35,11 @@ TEST(Property, MessageIsAlwaysACompleteString) {
             R"(name: "" type: STRING value: "")");
   EXPECT_TRUE(Property(property("a", "1").toProtoBuf()) == property("a", "1"));
   EXPECT_TRUE(Property(proto::Property()) == property("", ""));
+#ifdef NDEBUG  // the setter asserts otherwise
+  proto::Property message;
+  message.set_type(static_cast<proto::Property::Type>(7));
+  EXPECT_EQ(Property(message).type, Property::TYPE_STRING);
+#endif
 }
 
 }  // namespace
