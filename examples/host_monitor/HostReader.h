@@ -1,0 +1,17 @@
+// A Linux machine as a device tree: the host and, below it, its memory, processors, block devices,
+// network interfaces, filesystems and temperature sensors.
+//
+// `root` is the directory that has the machine's proc and sys. A property that cannot be read is
+// "unknown", a status that cannot be read is not set.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+
+#include "device_tree/DeviceNode.h"
+
+// The host without parts. Throws std::runtime_error when there is no machine to be read.
+std::shared_ptr<orv::device_tree::DeviceNode> makeHost(const std::filesystem::path& root);
+
+// Brings the host up to date: its own values in place, its parts anew.
+void updateHost(const std::filesystem::path& root, orv::device_tree::DeviceNode& host);

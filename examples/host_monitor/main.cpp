@@ -1,0 +1,173 @@
+// Watches the machine it runs on and prints, reading by reading, the event that leads from what it
+// reported last to what it finds now.
+#include <getopt.h>
+
+#include <array>
+#include <charconv>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include "HostReader.h"
+#include "device_tree/Utils.h"
+
+namespace proto = orv::proto::monitoring;
+namespace utils = orv::device_tree::utils;
+using orv::device_tree::DeviceNode;
+using orv::device_tree::GlobalStatus;
+using orv::device_tree::NamedStatus;
+using Event = proto::DeviceToOrvServiceEvent;
+
+namespace {
+
+constexpr const char* usage = R"(Usage: host_monitor [OPTION]...
+
+Reads this machine from /proc and /sys into a device tree, again and again, and prints what changed
+since the last report. The first report adds the machine itself.
+
+  --interval SECONDS  time between two readings, 0.01 to 86400 (default 5)
+  --count N           end after N readings, the first included; 0 = when interrupted (default)
+  --format FORMAT     summary = a line for each change, headed by the reading's number (default)
+                      text = the event messages in Protocol Buffers text form
+  --tree              print the device tree before the first report
+  --root DIR          read DIR/proc and DIR/sys, say of a recorded machine, instead of /proc and /sys
+  --help              print this text
+
+A reading that finds no change counts, but prints nothing. Ctrl-C ends the program with status 0,
+a bad option or an unreadable DIR with status 2.
+)";
+
+struct Options {
+  double interval = 5;
+  unsigned long count = 0;
+  std::string format = "summary";
+  bool tree = false;
+  std::string root = "/";
+};
+
+// Sets the number that is written there, and returns whether one is.
+template <typename Number>
+bool parse(const std::string& text, Number& number) {
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  return error == std::errc() && rest == end;
+}
+
+void print(const std::string& text) {
+  if (!(std::cout << text << std::flush)) throw std::runtime_error("cannot write the output");
+}
+
+Options parse(int argc, char** argv) {
+  const std::array<option, 7> known = {{{"interval", required_argument, nullptr, 'i'},
+                                        {"count", required_argument, nullptr, 'c'},
+                                        {"format", required_argument, nullptr, 'f'},
+                                        {"tree", no_argument, nullptr, 't'},
+                                        {"root", required_argument, nullptr, 'r'},
+                                        {"help", no_argument, nullptr, 'h'},
+                                        {}}};
+  Options options;
+  const auto require = [](bool good, const std::string& fault) {
+    if (!good) throw std::runtime_error(fault + " '" + optarg + "'");
+  };
+  for (int code = 0; (code = getopt_long(argc, argv, "", known.data(), nullptr)) != -1;) {
+    if (code == '?') std::exit(2);  // getopt_long has named the fault
+    if (code == 'h') {
+      print(usage);
+      std::exit(0);
+    }
+    if (code == 't') options.tree = true;
+    if (code == 'r') options.root = optarg;
+    if (code == 'f') {
+      options.format = optarg;
+      require(options.format == "summary" || options.format == "text",
+              "--format must be summary or text, not");
+    }
+    if (code == 'c') {
+      require(parse(optarg, options.count), "--count must be a whole number, not");
+    }
+    if (code == 'i') {
+      require(
+          parse(optarg, options.interval) && options.interval >= 0.01 && options.interval <= 86400,
+          "--interval must be a number from 0.01 to 86400, not");
+    }
+  }
+  if (optind == argc) return options;
+  throw std::runtime_error(std::string("unexpected argument '") + argv[optind] + "'");
+}
+
+// The new configuration comes as a whole tree; what is new in it follows from the snapshot.
+void printSummary(const std::string& heading, const Event& event,
+                  const std::shared_ptr<DeviceNode>& snapshot,
+                  const std::shared_ptr<DeviceNode>& live) {
+  const auto printChange = [&](const std::string& deviceId, const std::string& change) {
+    print(heading + deviceId + ": " + change + "\n");
+  };
+  if (event.event_type() == Event::STATUS_CHANGE) {
+    const auto& changes = event.GetExtension(proto::StatusChangeEvent::base);
+    for (const auto& change : changes.global_status_changes()) {
+      printChange(change.device_id(), GlobalStatus(change.status()).debugString());
+    }
+    for (const auto& change : changes.named_status_changes()) {
+      printChange(change.device_id(), NamedStatus(change.status()).debugString());
+    }
+    return;
+  }
+  const std::string size = std::to_string(live->getTreeDeviceIds().size()) + " devices, ";
+  printChange(live->getDeviceId(), (snapshot ? "reconfigured, " : "added, ") + size +
+                                       live->getGlobalStatus().debugString());
+  if (!snapshot) return;
+  for (const auto& [id, part] : live->getSubDevices()) {
+    const std::shared_ptr<DeviceNode> old = snapshot->getDeviceById(id);
+    if (!utils::IsSameConfiguration(old, part)) printChange(id, old ? "reconfigured" : "added");
+  }
+  for (const std::string& id : snapshot->getSubDeviceIds(false)) {
+    if (!live->getDeviceById(id)) printChange(id, "removed");
+  }
+}
+
+void monitor(const Options& options) {
+  // The signals wait until the program does, so that no report is cut short.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  const auto seconds = static_cast<std::time_t>(options.interval);
+  const auto rest = options.interval - static_cast<double>(seconds);
+  const timespec interval = {seconds, static_cast<long>(rest * 1e9)};
+
+  const std::shared_ptr<DeviceNode> live = makeHost(options.root);
+  std::shared_ptr<DeviceNode> snapshot;  // the tree as it was reported last
+  Event event;
+  for (unsigned long reading = 1;; ++reading) {
+    updateHost(options.root, *live);
+    if (reading == 1 && options.tree) print(live->debugString() + "\n");
+    if (utils::EventHelper::ComputeEvent(snapshot, live, event)) {
+      const std::string number = std::to_string(reading);
+      if (options.format == "text") {
+        print("# reading " + number + "\n" + event.Utf8DebugString());
+      } else {
+        printSummary(number + " ", event, snapshot, live);
+      }
+      snapshot = std::make_shared<DeviceNode>(*live);
+    }
+    if (reading == options.count || sigtimedwait(&signals, nullptr, &interval) > 0) return;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    monitor(parse(argc, argv));
+    return 0;
+  } catch (const std::exception& fault) {
+    std::cerr << argv[0] << ": " << fault.what() << "\n";
+    return 2;
+  }
+}
