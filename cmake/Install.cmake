@@ -1,0 +1,40 @@
+# What `cmake --install` puts beside the two libraries, their headers and schemas: the package config
+# and the pkg-config file. Everything follows the prefix that is chosen when installing,
+# but for a CMAKE_INSTALL_LIBDIR that is absolute.
+include(CMakePackageConfigHelpers)
+
+set(proto_install_dir ${CMAKE_INSTALL_DATADIR}/${PROJECT_NAME}/proto)
+set(config_install_dir ${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME})
+set(pc_install_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+configure_package_config_file(
+  ${CMAKE_CURRENT_LIST_DIR}/${PROJECT_NAME}-config.cmake.in ${PROJECT_NAME}-config.cmake
+  INSTALL_DESTINATION ${config_install_dir}
+  PATH_VARS proto_install_dir)
+write_basic_package_version_file(${PROJECT_NAME}-config-version.cmake
+  COMPATIBILITY SameMajorVersion)
+
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
+  set(pc_prefix ${CMAKE_INSTALL_PREFIX})
+else()
+  file(RELATIVE_PATH up /${pc_install_dir} /)
+  string(REGEX REPLACE "/$" "" pc_prefix "\${pcfiledir}/${up}")
+endif()
+cmake_path(APPEND pc_libdir "\${prefix}" ${CMAKE_INSTALL_LIBDIR})
+cmake_path(APPEND pc_includedir "\${prefix}" ${CMAKE_INSTALL_INCLUDEDIR} orv)
+cmake_path(APPEND pc_protodir "\${prefix}" ${proto_install_dir})
+configure_file(${CMAKE_CURRENT_LIST_DIR}/${PROJECT_NAME}.pc.in ${PROJECT_NAME}.pc @ONLY)
+
+install(FILES
+  ${PROJECT_BINARY_DIR}/${PROJECT_NAME}-config.cmake
+  ${PROJECT_BINARY_DIR}/${PROJECT_NAME}-config-version.cmake
+  DESTINATION ${config_install_dir}
+  COMPONENT development)
+install(EXPORT ${PROJECT_NAME}
+  FILE ${PROJECT_NAME}-targets.cmake
+  NAMESPACE orv::
+  DESTINATION ${config_install_dir}
+  COMPONENT development)
+install(FILES ${PROJECT_BINARY_DIR}/${PROJECT_NAME}.pc
+  DESTINATION ${pc_install_dir}
+  COMPONENT development)
