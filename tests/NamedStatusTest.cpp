@@ -1,4 +1,6 @@
 #include <clocale>
+#include <cmath>
+#include <limits>
 
 #include "device_tree/NamedStatus.h"
 #include "tests/Trees.h"
@@ -27,9 +29,9 @@ TEST(NamedStatus, TextShowsTypeAndValue) {
 }
 
 TEST(NamedStatus, DoublesAreWrittenInFullAndTheSameInEveryLocale) {
-  const char* const previous = std::setlocale(LC_ALL, nullptr);
-  const std::string restore = previous;
-  std::setlocale(LC_ALL, "de_DE.UTF-8");  // where there is none, the texts hold all the same
+  const std::string previous = std::setlocale(LC_ALL, nullptr);
+  ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr);
+  ASSERT_EQ(*std::localeconv()->decimal_point, ',');
   const auto text = [](double number) { return NamedStatus("", DOUBLE, number).debugString(); };
   EXPECT_EQ(text(21.5), " (double 21.500000)");
   EXPECT_EQ(text(1e20), " (double 100000000000000000000.000000)");
@@ -38,7 +40,7 @@ TEST(NamedStatus, DoublesAreWrittenInFullAndTheSameInEveryLocale) {
   const std::string longest = text(std::numeric_limits<double>::lowest());
   EXPECT_EQ(longest.size(), std::string(" (double )").size() + 317);
   EXPECT_EQ(longest.substr(0, 18), " (double -17976931");
-  std::setlocale(LC_ALL, restore.c_str());
+  std::setlocale(LC_ALL, previous.c_str());
 }
 
 TEST(NamedStatus, UnsetStatusHoldsTheIntegerZero) {
@@ -58,6 +60,7 @@ TEST(NamedStatus, ComparesValuesAsTheTypeSaysAndNotWhetherTheyAreSet) {
   EXPECT_NE(NamedStatus("s", UINT, 0UL), NamedStatus("s", INT, 0L));
   EXPECT_NE(NamedStatus("s", UINT, 1UL), NamedStatus("s", UINT, 2UL));
   EXPECT_NE(NamedStatus("s", STRING, std::string("a")), NamedStatus("s", STRING, std::string("A")));
+  EXPECT_NE(NamedStatus("s", DOUBLE, 1.0), NamedStatus("s", DOUBLE, std::nextafter(1.0, 2.0)));
   EXPECT_EQ(NamedStatus("s", DOUBLE, 0.0), NamedStatus("s", DOUBLE, -0.0));
   const NamedStatus nan("s", DOUBLE, std::numeric_limits<double>::quiet_NaN());
   EXPECT_TRUE(nan != nan);
@@ -65,10 +68,12 @@ TEST(NamedStatus, ComparesValuesAsTheTypeSaysAndNotWhetherTheyAreSet) {
 }
 
 TEST(NamedStatus, ComparisonThrowsOnAValueOfAnotherKindUnlessNameOrTypeDecide) {
-  const NamedStatus unset("s", STRING);
-  EXPECT_THROW((void)(unset == unset), boost::bad_get);
-  EXPECT_NE(unset, NamedStatus("t", STRING));
-  EXPECT_NE(unset, NamedStatus("s", INT));
+  for (const auto type : {STRING, UINT, DOUBLE}) {
+    const NamedStatus unset("s", type);
+    EXPECT_THROW((void)(unset == unset), boost::bad_get);
+    EXPECT_NE(unset, NamedStatus("t", type));
+    EXPECT_NE(unset, NamedStatus("s", INT));
+  }
   NamedStatus wrong("s", INT);
   wrong.setValue(std::string("text"));
   EXPECT_THROW((void)(wrong != NamedStatus("s", INT, 1L)), boost::bad_get);
@@ -107,11 +112,23 @@ TEST(NamedStatus, ReadsOnlyTheFieldOfTheTypeByItsPresence) {
   message.set_string_value("ignored");
   message.set_type(proto::NamedStatus::UINT);
   EXPECT_EQ(NamedStatus(message).debugString(), " (uint not set)");
+  message.set_uint_value(0);
+  EXPECT_EQ(NamedStatus(message).debugString(), " (uint 0)");
   message.set_type(proto::NamedStatus::INT);
   message.set_int_value(0);
   EXPECT_TRUE(NamedStatus(message).isValueSet());
   message.clear_type();
   EXPECT_EQ(NamedStatus(message).debugString(), " (string ignored)");
+#ifdef NDEBUG  // the setter asserts otherwise
+  message.set_type(static_cast<proto::NamedStatus::Type>(9));
+  EXPECT_EQ(NamedStatus(message).debugString(), " (int not set)");
+#endif
+}
+
+TEST(NamedStatus, WritesOverWhateverAMessageHeld) {
+  auto message = NamedStatus("old", STRING, std::string("text")).toProtoBuf();
+  NamedStatus("s", ODD).toProtoBuf(message);
+  EXPECT_EQ(message.ShortDebugString(), R"(name: "s")");
 }
 
 }  // namespace
