@@ -7,6 +7,7 @@
 #include <limits>
 #include <map>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include "device_tree/Walk.h"
@@ -73,8 +74,8 @@ void appendStatusDifferences(const DeviceNode& oldNode, const DeviceNode& newNod
   }
 }
 
-// Whether a pair of devices, without their sub-devices, leaves the configuration the same; appends
-// its differences. Where both are asked for, one pass over the statuses does.
+// Whether two devices of one identifier, without their sub-devices, have the same configuration;
+// appends their differences. Where both are asked for, one pass over the statuses does.
 bool compareDevice(const DeviceNode& oldNode, const DeviceNode& newNode, const Question& question) {
   std::vector<Difference>* const differences = question.differences;
   if (differences != nullptr && oldNode.getGlobalStatus() != newNode.getGlobalStatus()) {
@@ -84,7 +85,7 @@ bool compareDevice(const DeviceNode& oldNode, const DeviceNode& newNode, const Q
     appendStatusDifferences(oldNode, newNode, *differences);
     return true;
   }
-  return oldNode.getDeviceId() == newNode.getDeviceId() && oldNode.getName() == newNode.getName() &&
+  return oldNode.getName() == newNode.getName() &&
          sameEntries(oldNode.getProperties(), newNode.getProperties(),
                      [](const auto& o, const auto& n) { return !(*o != *n); }) &&
          sameEntries(oldNode.getStatuses(), newNode.getStatuses(),
@@ -135,24 +136,29 @@ struct Met {
 // different identifiers may make the answer false, never true.
 bool eachIsFirstBelowItsParent(const Met& met) {
   // A few bits of the hash tell most nodes apart; only the others have to be sorted.
-  std::size_t bits = 1;
-  while (bits < 8 * met.hashes.size()) bits *= 2;
-  std::vector<bool> once(bits);
-  std::vector<bool> again(bits);
+  std::size_t values = 1;
+  while (values < 4 * met.hashes.size()) values *= 2;
+  const auto fewBits = [&](std::uint64_t hash) { return hash & (values - 1); };
+  std::vector<bool> once(values);
+  std::vector<bool> again(values);
   for (const std::uint64_t hash : met.hashes) {
-    if (once[hash % bits]) again[hash % bits] = true;
-    once[hash % bits] = true;
+    if (once[fewBits(hash)]) again[fewBits(hash)] = true;
+    once[fewBits(hash)] = true;
   }
-  std::vector<std::pair<std::uint64_t, std::size_t>> alike;  // hash and place
-  for (std::size_t place = 0; place < met.hashes.size(); ++place) {
-    if (again[met.hashes[place] % bits]) alike.emplace_back(met.hashes[place], place);
+  std::deque<std::uint32_t> alike;  // places
+  std::uint32_t place = 0;
+  for (const std::uint64_t hash : met.hashes) {
+    if (again[fewBits(hash)]) alike.push_back(place);
+    ++place;
   }
-  std::sort(alike.begin(), alike.end());
+  std::sort(alike.begin(), alike.end(), [&](std::uint32_t left, std::uint32_t right) {
+    return std::tie(met.hashes[left], left) < std::tie(met.hashes[right], right);
+  });
   // Of several earlier nodes of one identifier the last is the one to look at.
   return std::adjacent_find(alike.begin(), alike.end(),
-                            [&](const auto& earlier, const auto& later) {
-                              return earlier.first == later.first &&
-                                     earlier.second >= met.parentPlaces[later.second];
+                            [&](std::uint32_t earlier, std::uint32_t later) {
+                              return met.hashes[earlier] == met.hashes[later] &&
+                                     earlier >= met.parentPlaces[later];
                             }) == alike.end();
 }
 

@@ -1,17 +1,23 @@
 // What is promised when memory runs out. The global allocation functions are replaced here, so this
 // test is an executable of its own.
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <stdexcept>
 
+#include "device_tree/Utils.h"
 #include "tests/Trees.h"
 
 namespace {
 
 using namespace trees;
-namespace proto = orv::proto::monitoring;
 
 long liveAllocations = 0;
+std::size_t liveBytes = 0;
+std::size_t mostBytes = 0;
 long allocationsLeft = -1;  // until every further one fails; negative: none does
 
 // Runs the operation with so many allocations; whether it threw std::bad_alloc.
@@ -107,6 +113,30 @@ TEST(Allocation, FailedValueLeavesTheStatusUsable) {
   }
 }
 
+TEST(Allocation, ComparisonTakesSixteenBytesADeviceAndGivesThemBack) {
+  constexpr std::size_t DEVICES = 20000;
+  const auto root = node("root");
+  for (std::size_t i = 1; i < DEVICES; ++i) attach(*root, node("d" + std::to_string(i)));
+  const auto copy = std::make_shared<DeviceNode>(*root);
+  orv::proto::monitoring::DeviceToOrvServiceEvent event;
+  const std::size_t before = mostBytes = liveBytes;
+  EXPECT_FALSE(orv::device_tree::utils::EventHelper::ComputeEvent(root, copy, event));
+  EXPECT_LT(mostBytes - before, 16 * DEVICES);
+  EXPECT_EQ(liveBytes, before);
+
+  attach(*copy, node("a"));  // sorts before all others
+  mostBytes = liveBytes;
+  EXPECT_FALSE(orv::device_tree::utils::IsSameConfiguration(root, copy));
+  EXPECT_LT(mostBytes - liveBytes, DEVICES) << "no index for a wrong number of sub-devices";
+}
+
+void giveBack(void* memory) {
+  if (memory == nullptr) return;
+  --liveAllocations;
+  liveBytes -= malloc_usable_size(memory);
+  std::free(memory);
+}
+
 }  // namespace
 
 void* operator new(std::size_t size) {
@@ -115,12 +145,10 @@ void* operator new(std::size_t size) {
   void* const memory = std::malloc(size);
   if (memory == nullptr) throw std::bad_alloc();
   ++liveAllocations;
+  liveBytes += malloc_usable_size(memory);
+  mostBytes = std::max(mostBytes, liveBytes);
   return memory;
 }
 
-void operator delete(void* memory) noexcept {
-  if (memory != nullptr) --liveAllocations;
-  std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
+void operator delete(void* memory) noexcept { giveBack(memory); }
+void operator delete(void* memory, std::size_t) noexcept { giveBack(memory); }
