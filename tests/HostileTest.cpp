@@ -71,9 +71,9 @@ void onASmallStack(Operation operation) {
     return nullptr;
   };
   pthread_attr_t attributes;
-  pthread_t thread;
+  pthread_t thread{};
   pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, 256 * 1024);
+  pthread_attr_setstacksize(&attributes, std::size_t{256} * 1024);
   ASSERT_EQ(pthread_create(&thread, &attributes, run, &operation), 0);
   pthread_join(thread, nullptr);
   pthread_attr_destroy(&attributes);

@@ -1,0 +1,77 @@
+// The yardstick: the least that a comparison of two trees can do. It walks both trees side by side,
+// compares everything once, and relies on identifiers that do not repeat.
+#pragma once
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "device_tree/DeviceNode.h"
+
+namespace bench {
+
+using orv::device_tree::DeviceNode;
+using orv::device_tree::NamedStatus;
+
+struct Change {
+  const DeviceNode* device;
+  const NamedStatus* status;  // nullptr: the health of the device
+};
+
+// Whether the devices themselves, without their sub-devices, have the same configuration.
+inline bool compareDevice(const DeviceNode& oldNode, const DeviceNode& newNode,
+                          std::vector<Change>& changes) {
+  if (oldNode.getDeviceId() != newNode.getDeviceId()) return false;
+  if (oldNode.getName() != newNode.getName()) return false;
+  const auto sameProperty = [](const auto& oldEntry, const auto& newEntry) {
+    const auto& o = *oldEntry.second;
+    const auto& n = *newEntry.second;
+    return oldEntry.first == newEntry.first && o.name == n.name && o.type == n.type &&
+           o.value == n.value;
+  };
+  const auto& oldProperties = oldNode.getProperties();
+  const auto& newProperties = newNode.getProperties();
+  if (!std::equal(oldProperties.begin(), oldProperties.end(), newProperties.begin(),
+                  newProperties.end(), sameProperty)) {
+    return false;
+  }
+  if (oldNode.getGlobalStatus() != newNode.getGlobalStatus())
+    changes.push_back({&newNode, nullptr});
+  const auto sameStatus = [&](const auto& oldEntry, const auto& newEntry) {
+    const auto& o = *oldEntry.second;
+    const auto& n = *newEntry.second;
+    if (oldEntry.first != newEntry.first || o.getName() != n.getName() ||
+        o.getType() != n.getType()) {
+      return false;
+    }
+    if (!(o.getValue() == n.getValue())) changes.push_back({&newNode, &n});
+    return true;
+  };
+  const auto& oldStatuses = oldNode.getStatuses();
+  const auto& newStatuses = newNode.getStatuses();
+  return std::equal(oldStatuses.begin(), oldStatuses.end(), newStatuses.begin(), newStatuses.end(),
+                    sameStatus);
+}
+
+// Whether the trees have the same configuration; if so, `changes` are those of the state.
+inline bool lockStep(const DeviceNode& oldTree, const DeviceNode& newTree,
+                     std::vector<Change>& changes) {
+  changes.clear();
+  std::vector<std::pair<const DeviceNode*, const DeviceNode*>> open{{&oldTree, &newTree}};
+  while (!open.empty()) {
+    const auto [oldNode, newNode] = open.back();
+    open.pop_back();
+    const auto& oldBelow = oldNode->getSubDevices();
+    const auto& newBelow = newNode->getSubDevices();
+    if (!compareDevice(*oldNode, *newNode, changes) || oldBelow.size() != newBelow.size()) {
+      return false;
+    }
+    auto newEntry = newBelow.rbegin();
+    for (auto oldEntry = oldBelow.rbegin(); oldEntry != oldBelow.rend(); ++oldEntry, ++newEntry) {
+      open.emplace_back(oldEntry->second.get(), newEntry->second.get());
+    }
+  }
+  return true;
+}
+
+}  // namespace bench

@@ -1,0 +1,161 @@
+// The comparison done in other ways that a program might choose. Those that need a form of their
+// own keep the snapshot in it and bring the live tree into it each time; "diff alone" leaves that
+// out.
+
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+#include <google/protobuf/util/message_differencer.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "Benchmarks.h"
+#include "PlainDefinition.h"
+
+namespace bench {
+
+namespace {
+
+namespace proto = orv::proto::monitoring;
+using nlohmann::json;
+
+Way plainWay(std::size_t mostDevices) {
+  return {"steps as written",
+          [](const Trees& trees) -> Job {
+            return [&trees] {
+              plain::GlobalChanges healths;
+              plain::NamedChanges statuses;
+              const bool same = plain::isSameConfiguration(trees.snapshot, trees.live);
+              if (same) plain::getStatusDifferences(trees.snapshot, trees.live, healths, statuses);
+              return same == trees.sameConfiguration && statuses.size() == trees.changes;
+            };
+          },
+          mostDevices};
+}
+
+// Finds the differences of two messages, with what it reads the lists by.
+class Differencer {
+ public:
+  Differencer() {
+    const auto keyed = [this](const char* list, const char* key) {
+      const auto* field = proto::DeviceNode::descriptor()->FindFieldByName(list);
+      differencer_.TreatAsMap(field, field->message_type()->FindFieldByName(key));
+    };
+    keyed("sub_devices", "id");
+    keyed("properties", "name");
+    keyed("statuses", "name");
+    differencer_.ReportDifferencesToString(&report_);
+  }
+
+  bool differ(const proto::DeviceNode& oldMessage, const proto::DeviceNode& newMessage) {
+    report_.clear();
+    return !differencer_.Compare(oldMessage, newMessage) && !report_.empty();
+  }
+
+ private:
+  google::protobuf::util::MessageDifferencer differencer_;
+  std::string report_;
+};
+
+Way messageWay(bool convert, std::size_t mostDevices) {
+  return {convert ? "message diff" : "message diff alone",
+          [convert](const Trees& trees) -> Job {
+            struct Kept {
+              Differencer differencer;
+              proto::DeviceNode snapshot;
+              proto::DeviceNode live;
+            };
+            const auto kept = std::make_shared<Kept>();
+            trees.snapshot->toProtoBuf(kept->snapshot);
+            trees.live->toProtoBuf(kept->live);
+            return [&trees, kept, convert] {
+              if (convert) trees.live->toProtoBuf(kept->live);
+              return kept->differencer.differ(kept->snapshot, kept->live);
+            };
+          },
+          mostDevices};
+}
+
+json valueOf(const NamedStatus& status) {
+  return boost::apply_visitor([](const auto& value) { return json(value); }, status.getValue());
+}
+
+json toJson(const DeviceNode& device) {
+  json object{{"id", device.getDeviceId()},
+              {"name", device.getName()},
+              {"class", static_cast<int>(device.getDeviceClass())},
+              {"health",
+               {{"level", static_cast<int>(device.getGlobalStatus().level)},
+                {"message", device.getGlobalStatus().message}}}};
+  for (const auto& [name, property] : device.getProperties()) {
+    object["properties"][name] = boost::get<std::string>(property->value);
+  }
+  for (const auto& [name, status] : device.getStatuses()) {
+    object["statuses"][name] = {{"type", static_cast<int>(status->getType())},
+                                {"value", valueOf(*status)}};
+  }
+  for (const auto& [key, subDevice] : device.getSubDevices()) {
+    object["sub_devices"][key] = toJson(*subDevice);
+  }
+  return object;
+}
+
+Way jsonWay(bool convert, std::size_t mostDevices) {
+  return {convert ? "JSON diff" : "JSON diff alone",
+          [convert](const Trees& trees) -> Job {
+            const auto snapshot = std::make_shared<json>(toJson(*trees.snapshot));
+            const auto live = std::make_shared<json>(toJson(*trees.live));
+            return [&trees, snapshot, live, convert] {
+              if (convert) *live = toJson(*trees.live);
+              return json::diff(*snapshot, *live).size() == trees.changes;
+            };
+          },
+          mostDevices};
+}
+
+std::string bytesOf(const proto::DeviceNode& message) {
+  std::string bytes;
+  google::protobuf::io::StringOutputStream output(&bytes);
+  google::protobuf::io::CodedOutputStream coded(&output);
+  coded.SetSerializationDeterministic(true);
+  message.SerializeToCodedStream(&coded);
+  coded.Trim();
+  return bytes;
+}
+
+Way bytesWay(std::size_t mostDevices) {
+  return {"bytes",
+          [](const Trees& trees) -> Job {
+            const auto message = std::make_shared<proto::DeviceNode>();
+            trees.snapshot->toProtoBuf(*message);
+            return [&trees, message, snapshot = bytesOf(*message)] {
+              trees.live->toProtoBuf(*message);
+              return bytesOf(*message) != snapshot;
+            };
+          },
+          mostDevices};
+}
+
+}  // namespace
+
+void addRivals(const Scope& scope) {
+  for (const Shape shape : {Shape::FLAT, Shape::FAN_OUT, Shape::CHAIN}) {
+    // All but the first two recurse once for each level, and the JSON diff keeps the path of every
+    // open one; the steps as written search all sub-devices of a device for each of them.
+    const bool chain = shape == Shape::CHAIN;
+    const std::vector<Way> ways{lockStepWay(),
+                                libraryWay(),
+                                plainWay(shape == Shape::FAN_OUT ? 100000 : 10000),
+                                messageWay(true, chain ? 1000 : 100000),
+                                messageWay(false, chain ? 1000 : 100000),
+                                jsonWay(true, chain ? 1000 : 100000),
+                                jsonWay(false, chain ? 1000 : 100000),
+                                bytesWay(chain ? 10000 : 100000)};
+    for (const std::size_t size : scope.sizes) {
+      add("rivals", {shape, Memory::WALK_ORDER, size, Case::ONE_STATUS}, ways, scope);
+    }
+  }
+}
+
+}  // namespace bench
