@@ -22,6 +22,7 @@ class ORV_DEVICE_TREE_EXPORT GlobalStatus {
   /// `LEVEL_OK` without a text.
   GlobalStatus() noexcept = default;
 
+  /// Copies both.
   GlobalStatus(Level healthLevel, const std::string& text) noexcept
       : level(healthLevel), message(text) {}
 

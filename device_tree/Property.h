@@ -57,8 +57,9 @@ class ORV_DEVICE_TREE_EXPORT Property {
   void read(const orv::proto::monitoring::Property& source);
 };
 
-/// The same comparison for two modifiable properties, lasting or temporary. Without these an
-/// operator that is not const is ambiguous with its own mirror image in C++20.
+/// @cond
+// The same comparison for two modifiable properties, lasting or temporary. Without these an
+// operator that is not const is ambiguous with its own mirror image in C++20.
 inline bool operator!=(Property& left, Property& right) noexcept { return left.operator!=(right); }
 inline bool operator!=(Property& left, Property&& right) noexcept { return left.operator!=(right); }
 inline bool operator!=(Property&& left, Property& right) noexcept { return left.operator!=(right); }
@@ -71,5 +72,6 @@ inline bool operator==(Property&& left, Property& right) noexcept { return left.
 inline bool operator==(Property&& left, Property&& right) noexcept {
   return left.operator==(right);
 }
+/// @endcond
 
 }  // namespace orv::device_tree
