@@ -6,9 +6,7 @@
 // called.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
-#include <iterator>
 #include <memory>
 #include <vector>
 
@@ -19,33 +17,30 @@ namespace orv::device_tree {
 class Walk {
  public:
   // Walks the nodes below `root`; the root itself is not met.
-  explicit Walk(const DeviceNode& root) : met_(&root), parent_(&root) {}
+  explicit Walk(const DeviceNode& root) : met_(&root) {}
 
   // The entry of the next node, nullptr at the end.
   const std::shared_ptr<DeviceNode>* next() {
     if (met_ != nullptr && !met_->getSubDevices().empty()) {
       const auto& subDevices = met_->getSubDevices();
-      levels_.push_back({met_, position_, depth_ + 1, subDevices.begin(), subDevices.end()});
-    }
-    while (!levels_.empty()) {
-      Level& level = levels_.back();
-      const auto entry = std::find_if(level.next, level.end,
-                                      [](const auto& candidate) { return candidate.second; });
-      if (entry == level.end) {
-        levels_.pop_back();
-        continue;
+      const Level below{met_, position_, depth() + 1, subDevices.begin(), subDevices.end()};
+      if (levels_.empty() || levels_.back().next != levels_.back().end) {
+        levels_.push_back(below);
+      } else {
+        levels_.back() = below;  // nothing is left there, so a chain keeps one level open
       }
-      met_ = entry->second.get();
-      parent_ = level.parent;
-      parentPosition_ = level.parentPosition;
-      depth_ = level.depth;
-      ++position_;
-      level.next = std::next(entry);
-      if (level.next == level.end) levels_.pop_back();  // so a chain keeps no level open
-      return &entry->second;
+    }
+    for (; !levels_.empty(); levels_.pop_back()) {
+      Level& level = levels_.back();
+      while (level.next != level.end) {
+        const std::shared_ptr<DeviceNode>& entry = (level.next++)->second;
+        if (!entry) continue;
+        met_ = entry.get();
+        ++position_;
+        return &entry;
+      }
     }
     met_ = nullptr;
-    depth_ = 0;
     return nullptr;
   }
 
@@ -53,11 +48,11 @@ class Walk {
   void skipBelow() { met_ = nullptr; }
 
   // Of the node met last: how many levels below the root, its place in the walk (the root's is 0),
-  // its parent and the parent's place. At the end the depth is 0.
-  std::size_t depth() const { return depth_; }
+  // its parent and the parent's place. At the end the depth is 0 and there is no parent.
+  std::size_t depth() const { return levels_.empty() ? 0 : levels_.back().depth; }
   std::size_t position() const { return position_; }
-  const DeviceNode& parent() const { return *parent_; }
-  std::size_t parentPosition() const { return parentPosition_; }
+  const DeviceNode& parent() const { return *levels_.back().parent; }
+  std::size_t parentPosition() const { return levels_.back().parentPosition; }
 
  private:
   struct Level {
@@ -69,10 +64,7 @@ class Walk {
   };
 
   const DeviceNode* met_;
-  const DeviceNode* parent_;
-  std::size_t parentPosition_ = 0;
   std::size_t position_ = 0;
-  std::size_t depth_ = 0;
   std::vector<Level> levels_;
 };
 
