@@ -7,7 +7,6 @@
 #include <limits>
 #include <map>
 #include <string>
-#include <tuple>
 #include <utility>
 
 #include "device_tree/Walk.h"
@@ -133,33 +132,31 @@ struct Met {
 };
 
 // Whether each node met is the first with its identifier at or below its parent. Equal hashes of
-// different identifiers may make the answer false, never true.
-bool eachIsFirstBelowItsParent(const Met& met) {
-  // A few bits of the hash tell most nodes apart; only the others have to be sorted.
-  std::size_t values = 1;
-  while (values < 4 * met.hashes.size()) values *= 2;
-  const auto fewBits = [&](std::uint64_t hash) { return hash & (values - 1); };
-  std::vector<bool> once(values);
-  std::vector<bool> again(values);
+// different identifiers may make the answer false, never true. Uses up the hashes.
+bool eachIsFirstBelowItsParent(Met& met) {
+  // The low bits of the hash tell most nodes apart. The others are sorted by the rest of it and
+  // then by place, which takes the low bits.
+  std::uint64_t lowBits = 1;
+  while (lowBits < 4 * met.hashes.size()) lowBits = 2 * lowBits + 1;
+  std::vector<bool> once(lowBits + 1);
+  std::vector<bool> again(lowBits + 1);
   for (const std::uint64_t hash : met.hashes) {
-    if (once[fewBits(hash)]) again[fewBits(hash)] = true;
-    once[fewBits(hash)] = true;
+    if (once[hash & lowBits]) again[hash & lowBits] = true;
+    once[hash & lowBits] = true;
   }
-  std::deque<std::uint32_t> alike;  // places
-  std::uint32_t place = 0;
+  const auto begin = met.hashes.begin();
+  auto end = begin;
+  std::uint64_t place = 0;
   for (const std::uint64_t hash : met.hashes) {
-    if (again[fewBits(hash)]) alike.push_back(place);
+    if (again[hash & lowBits]) *end++ = (hash & ~lowBits) | place;
     ++place;
   }
-  std::sort(alike.begin(), alike.end(), [&](std::uint32_t left, std::uint32_t right) {
-    return std::tie(met.hashes[left], left) < std::tie(met.hashes[right], right);
-  });
+  std::sort(begin, end);
   // Of several earlier nodes of one identifier the last is the one to look at.
-  return std::adjacent_find(alike.begin(), alike.end(),
-                            [&](std::uint32_t earlier, std::uint32_t later) {
-                              return met.hashes[earlier] == met.hashes[later] &&
-                                     earlier >= met.parentPlaces[later];
-                            }) == alike.end();
+  return std::adjacent_find(begin, end, [&](std::uint64_t earlier, std::uint64_t later) {
+           return (earlier | lowBits) == (later | lowBits) &&
+                  (earlier & lowBits) >= met.parentPlaces[later & lowBits];
+         }) == end;
 }
 
 Answer compareInStep(const DeviceNode& oldTree, const DeviceNode& newTree,
