@@ -134,28 +134,34 @@ struct Met {
 // Whether each node met is the first with its identifier at or below its parent. Equal hashes of
 // different identifiers may make the answer false, never true. Uses up the hashes.
 bool eachIsFirstBelowItsParent(Met& met) {
-  // The low bits of the hash tell most nodes apart. The others are sorted by the rest of it and
-  // then by place, which takes the low bits.
-  std::uint64_t lowBits = 1;
-  while (lowBits < 4 * met.hashes.size()) lowBits = 2 * lowBits + 1;
-  std::vector<bool> once(lowBits + 1);
-  std::vector<bool> again(lowBits + 1);
-  for (const std::uint64_t hash : met.hashes) {
-    if (once[hash & lowBits]) again[hash & lowBits] = true;
-    once[hash & lowBits] = true;
-  }
-  const auto begin = met.hashes.begin();
-  auto end = begin;
+  // One number to sort by: the hash, its low bits replaced by the place.
+  unsigned int placeWidth = 1;
+  while (met.hashes.size() >> placeWidth != 0) ++placeWidth;
+  const std::uint64_t placeBits = (std::uint64_t{1} << placeWidth) - 1;
   std::uint64_t place = 0;
-  for (const std::uint64_t hash : met.hashes) {
-    if (again[hash & lowBits]) *end++ = (hash & ~lowBits) | place;
-    ++place;
+  for (std::uint64_t& hash : met.hashes) hash = (hash & ~placeBits) | place++;
+
+  // Only nodes that are alike in some bits of the hash, then in others, are left to be sorted.
+  const auto begin = met.hashes.begin();
+  auto end = met.hashes.end();
+  const unsigned int width = placeWidth + 2;
+  for (unsigned int shift = placeWidth; shift + width <= 64 && end - begin > 16; shift += width) {
+    const auto bitsOf = [&](std::uint64_t hash) {
+      return (hash >> shift) & ((std::uint64_t{1} << width) - 1);
+    };
+    std::vector<bool> once(std::size_t{1} << width);
+    std::vector<bool> again(std::size_t{1} << width);
+    std::for_each(begin, end, [&](std::uint64_t hash) {
+      if (once[bitsOf(hash)]) again[bitsOf(hash)] = true;
+      once[bitsOf(hash)] = true;
+    });
+    end = std::remove_if(begin, end, [&](std::uint64_t hash) { return !again[bitsOf(hash)]; });
   }
   std::sort(begin, end);
   // Of several earlier nodes of one identifier the last is the one to look at.
   return std::adjacent_find(begin, end, [&](std::uint64_t earlier, std::uint64_t later) {
-           return (earlier | lowBits) == (later | lowBits) &&
-                  (earlier & lowBits) >= met.parentPlaces[later & lowBits];
+           return (earlier | placeBits) == (later | placeBits) &&
+                  (earlier & placeBits) >= met.parentPlaces[later & placeBits];
          }) == end;
 }
 
