@@ -224,7 +224,8 @@ TEST(DeviceNode, ReleasesWhatADerivedDestructorDropsBeforeThatReturns) {
       EXPECT_EQ(alive, 0);
     }
   };
-  node("root", {std::make_shared<Scratch>("a", "", UNKNOWN)});
+  auto root = node("root", {std::make_shared<Scratch>("a", "", UNKNOWN)});
+  root.reset();
 }
 
 TEST(DeviceNode, CopyIsEqualAndSharesNothing) {
