@@ -121,9 +121,7 @@ bool sameSubDeviceIds(const DeviceNode& oldNode, const DeviceNode& newNode) {
          });
 }
 
-std::uint64_t hashOf(const DeviceNode& node) {
-  return std::hash<std::string>()(node.getDeviceId());
-}
+std::uint64_t hashOf(const std::string& deviceId) { return std::hash<std::string>()(deviceId); }
 
 // The nodes met by both walks, by their places in the walk.
 struct Met {
@@ -172,7 +170,7 @@ Answer compareInStep(const DeviceNode& oldTree, const DeviceNode& newTree,
   }
   Walk oldWalk(oldTree);
   Walk newWalk(newTree);
-  Met met{{hashOf(oldTree)}, {0}};
+  Met met{{hashOf(oldTree.getDeviceId())}, {0}};
   bool same = compareDevice(oldTree, newTree, question);
   while (same) {
     const auto* oldEntry = oldWalk.next();
@@ -193,7 +191,7 @@ Answer compareInStep(const DeviceNode& oldTree, const DeviceNode& newTree,
       break;
     }
     if (oldWalk.position() > std::numeric_limits<std::uint32_t>::max()) return Answer::NOT_IN_STEP;
-    met.hashes.push_back(hashOf(oldNode));
+    met.hashes.push_back(hashOf(oldNode.getDeviceId()));
     met.parentPlaces.push_back(static_cast<std::uint32_t>(oldWalk.parentPosition()));
     same = compareDevice(oldNode, newNode, question);
   }
@@ -222,7 +220,7 @@ class Index {
     }
     byIdentifier_.reserve(nodes_.size());
     for (std::size_t place = 0; place < nodes_.size(); ++place) {
-      byIdentifier_.push_back({hashOf(*nodes_[place]), place});
+      byIdentifier_.push_back({hashOf(node(place).getDeviceId()), place});
     }
     std::sort(byIdentifier_.begin(), byIdentifier_.end(),
               [this](const Entry& left, const Entry& right) {
@@ -246,7 +244,7 @@ class Index {
 
   // The first node with the identifier at or below the one at `place`, or NONE.
   std::size_t first(std::size_t place, const std::string& deviceId) const {
-    const std::uint64_t hash = std::hash<std::string>()(deviceId);
+    const std::uint64_t hash = hashOf(deviceId);
     const auto found = std::lower_bound(
         byIdentifier_.begin(), byIdentifier_.end(), place,
         [&](const Entry& entry, std::size_t from) { return before(entry, hash, deviceId, from); });

@@ -138,8 +138,9 @@ DeviceNode::DeviceNode(const proto::DeviceNode& message) : DeviceNode() {
     if (levels.empty()) return;
     DeviceNode& parent = *levels.back().node;
     std::string error;
-    if (!parent.attach(complete, true, error))
+    if (!parent.attach(std::move(complete), true, error)) {
       throw std::runtime_error(parent.formatMessage(error));
+    }
   }
 }
 
