@@ -157,22 +157,11 @@ TEST(Event, AgreesWithThePlainDefinitionWhereIdentifiersRepeat) {
     plain::GlobalChanges globals;
     plain::NamedChanges named;
     plain::getStatusDifferences(oldTree, newTree, globals, named);
-    proto::StatusChangeEvent expected;
-    for (const auto& [id, health] : globals) {
-      auto& change = *expected.add_global_status_changes();
-      change.set_device_id(id);
-      *change.mutable_status() = health.toProtoBuf();
-    }
-    for (const auto& [id, status] : named) {
-      auto& change = *expected.add_named_status_changes();
-      change.set_device_id(id);
-      *change.mutable_status() = status->toProtoBuf();
-    }
     Event event = usedEvent();
     ASSERT_EQ(EventHelper::ComputeEvent(oldTree, newTree, event),
               !globals.empty() || !named.empty());
     EXPECT_EQ(event.GetExtension(proto::StatusChangeEvent::base).SerializeAsString(),
-              expected.SerializeAsString());
+              plain::statusChangeEvent(globals, named).SerializeAsString());
   }
 }
 

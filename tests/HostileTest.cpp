@@ -192,13 +192,4 @@ TEST(Hostile, IdentifiersOfOneHashValue) {
   EXPECT_FALSE(IsSameConfiguration(tree, edited));
 }
 
-TEST(Hostile, TextOfManyLevels) {
-  constexpr int LEVELS = 2'000;
-  NodePtr chain = node(numbered(LEVELS - 1));
-  const std::string innermost = chain->debugString(2 * (LEVELS - 1));
-  for (int i = LEVELS - 2; i >= 0; --i) chain = node(numbered(i), {chain});
-  const std::string text = chain->debugString();
-  EXPECT_EQ(text.substr(text.size() - innermost.size()), innermost);
-}
-
 }  // namespace

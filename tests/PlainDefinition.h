@@ -94,4 +94,20 @@ inline void getStatusDifferences(const NodePtr& oldNode, const NodePtr& newNode,
   }
 }
 
+inline orv::proto::monitoring::StatusChangeEvent statusChangeEvent(
+    const GlobalChanges& globalChanges, const NamedChanges& namedChanges) {
+  orv::proto::monitoring::StatusChangeEvent event;
+  for (const auto& [id, health] : globalChanges) {
+    auto& change = *event.add_global_status_changes();
+    change.set_device_id(id);
+    *change.mutable_status() = health.toProtoBuf();
+  }
+  for (const auto& [id, status] : namedChanges) {
+    auto& change = *event.add_named_status_changes();
+    change.set_device_id(id);
+    *change.mutable_status() = status->toProtoBuf();
+  }
+  return event;
+}
+
 }  // namespace plain
