@@ -10,15 +10,17 @@ namespace bench {
 
 namespace {
 
-// The trees of the setting. Only those asked for last are kept.
-const Trees& treesOf(const Setting& setting) {
-  static Setting current{};
+// The trees of the setting for one round. Only those asked for last are kept.
+const Trees& treesOf(const Setting& setting, int round) {
+  static Setting currentSetting{};
+  static int currentRound = 0;
   static Trees trees;
-  if (!trees.live || !(current == setting)) {
+  if (!trees.live || !(currentSetting == setting) || currentRound != round) {
     trees = {};
     malloc_trim(0);  // else the new trees are put together from the pieces of the old ones
     trees = makeTrees(setting);
-    current = setting;
+    currentSetting = setting;
+    currentRound = round;
   }
   return trees;
 }
@@ -32,9 +34,9 @@ void add(const std::string& topic, const Setting& setting, const std::vector<Way
   for (int round = 0; round < scope.rounds; ++round) {
     for (const Way& way : ways) {
       if (setting.devices > way.mostDevices) continue;
-      const auto run = [setting, way](benchmark::State& state) {
+      const auto run = [setting, way, round](benchmark::State& state) {
         malloc_trim(0);  // else this way tidies up what the one before it has left behind
-        const Job job = way.prepare(treesOf(setting));
+        const Job job = way.prepare(treesOf(setting, round));
         bool right = job();
         for (auto _ : state) right = job() && right;
         if (!right) state.SkipWithError("wrong result");

@@ -25,24 +25,33 @@ WAYS = {  # of the plot, in the order of the legend: label, colour, dashes
 SHAPES = ("flat", "fan-out 8", "chain")
 
 Key = collections.namedtuple("Key", "topic shape memory devices change")
+Cost = collections.namedtuple("Cost", "microseconds ratio")  # the ratio is to the yardstick
 
 
 def read(path):
-    """The median time in microseconds for each key and way."""
+    """For each key and way the Cost of each round."""
     runs = collections.defaultdict(lambda: collections.defaultdict(list))
     for run in json.loads(pathlib.Path(path).read_text())["benchmarks"]:
         if run.get("error_occurred"):
             sys.exit(f"{run['name']}: {run['error_message']}")
         topic, shape, memory, devices, change, way = run["name"].split("/min_time")[0].split("/")
-        runs[Key(topic, shape, memory, int(devices), change)][way].append(run["cpu_time"])
-    return {
-        key: {way: statistics.median(times) for way, times in ways.items()}
-        for key, ways in runs.items()
-    }
+        if way == YARDSTICK:
+            yardstick = run["cpu_time"]  # it opens the round
+        cost = Cost(run["cpu_time"], run["cpu_time"] / yardstick)
+        runs[Key(topic, shape, memory, int(devices), change)][way].append(cost)
+    return runs
 
 
-def ratio(medians, key, way):
-    return medians[key][way] / medians[key][YARDSTICK]
+def ratio(runs, key, way):
+    return statistics.median(cost.ratio for cost in runs[key][way])
+
+
+def time(runs, key, way):
+    return statistics.median(cost.microseconds for cost in runs[key][way])
+
+
+def cell(runs, key, way):
+    return f"**{number(ratio(runs, key, way))}** {duration(time(runs, key, way))}"
 
 
 def number(value):
@@ -70,42 +79,39 @@ def size_header(sizes):
     return [f"{size:,}" for size in sizes]
 
 
-def comparison_table(medians, sizes):
+def comparison_table(runs, sizes):
     rows = []
     settings = dict.fromkeys(
-        (key.shape, key.memory, key.change) for key in medians if key.topic == "comparison"
+        (key.shape, key.memory, key.change) for key in runs if key.topic == "comparison"
     )
     for shape, memory, change in settings:
         keys = [Key("comparison", shape, memory, size, change) for size in sizes]
         rows.append(
             [f"{shape}, {memory}: {change}"]
-            + [f"**{ratio(medians, k, 'library'):.2f}** {duration(medians[k]['library'])}" for k in keys]
+            + [cell(runs, key, "library") for key in keys]
         )
     return table(["tree, memory: what changed"] + size_header(sizes), rows)
 
 
-def ways_table(medians, topic, shape, change=None):
+def ways_table(runs, topic, shape, change=None):
     keys = [
-        key for key in medians
+        key for key in runs
         if key.topic == topic and key.shape == shape and change in (None, key.change)
     ]
     sizes = sorted({key.devices for key in keys})
-    ways = dict.fromkeys(way for key in keys for way in medians[key] if way != YARDSTICK)
+    ways = dict.fromkeys(way for key in keys for way in runs[key] if way != YARDSTICK)
     rows = []
     for way in ways:
         cells = []
         for size in sizes:
-            found = [k for k in keys if k.devices == size and way in medians[k]]
-            cells.append(
-                f"**{number(ratio(medians, found[0], way))}** {duration(medians[found[0]][way])}"
-                if found else "–"
-            )
+            found = [k for k in keys if k.devices == size and way in runs[k]]
+            cells.append(cell(runs, found[0], way) if found else "–")
         rows.append([WAYS.get(way, (way,))[0]] + cells)
     return table([shape] + size_header(sizes), rows)
 
 
-def repeated_table(medians):
-    sizes = sorted({key.devices for key in medians if key.topic == "repeated"})
+def repeated_table(runs):
+    sizes = sorted({key.devices for key in runs if key.topic == "repeated"})
     names = {
         "harmless": "the units of every rack are called alike",
         "harmful": "so is one sub-device of the root",
@@ -115,18 +121,18 @@ def repeated_table(medians):
         keys = [Key("repeated", shape, "walk order", size, "one status") for size in sizes]
         rows.append(
             [name]
-            + [f"**{ratio(medians, k, 'library'):.2f}** {duration(medians[k]['library'])}" for k in keys]
+            + [cell(runs, key, "library") for key in keys]
         )
     return table(["identifiers"] + size_header(sizes), rows)
 
 
-def plot(medians):
+def plot(runs):
     """Three panels side by side, one for each shape: cost per device against number of devices."""
-    keys = [key for key in medians if key.topic == "rivals"]
+    keys = [key for key in runs if key.topic == "rivals"]
     sizes = sorted({key.devices for key in keys})
     costs = {
-        (key.shape, way, key.devices): time * 1000 / key.devices
-        for key in keys for way, time in medians[key].items() if way in WAYS
+        (key.shape, way, key.devices): time(runs, key, way) * 1000 / key.devices
+        for key in keys for way in runs[key] if way in WAYS
     }
     low = math.floor(math.log10(min(costs.values())))
     high = math.ceil(math.log10(max(costs.values())))
@@ -199,16 +205,21 @@ def compiler():
     return f"{first.split()[0]} {first.split()[-1]}".replace("c++", "g++")
 
 
-def page(medians, cores):
-    sizes = sorted({key.devices for key in medians if key.topic == "comparison"})
-    libraries = [ratio(medians, key, "library") for key in medians if key.topic == "comparison"]
+def page(runs, cores):
+    sizes = sorted({key.devices for key in runs if key.topic == "comparison"})
+    ratios = [ratio(runs, key, "library") for key in runs if key.topic == "comparison"]
+    worst = max(
+        ratio(runs, key, "library") for key in runs
+        if key.topic == "comparison" and key.change in ("nothing", "one status")
+    )
     return f"""# What it costs
 
 Written by `./scripts/bench.sh`; the measurements are in `bench/`. Every figure in bold is a ratio:
-the median time of this way divided by the median time of a hand-written walk over both trees in
-lock-step (`bench/LockStep.h`), taken in turn with it, in the same process, on the same trees. The
-time beside it is what one call took here ({cores} cores, {platform.machine()},
-{compiler()}, Release) and no promise.
+the time of this way divided by the time of a hand-written walk over both trees in lock-step
+(`bench/LockStep.h`), taken in turn with it, in the same process, on the same trees. It is the median
+of several rounds, and each round builds its trees anew, as where they come to lie in memory alone
+makes a walk up to half as slow again. The time beside it is what one call took here ({cores} cores,
+{platform.machine()}, {compiler()}, Release) and no promise.
 
 Each device has 4 properties and 8 statuses of mixed types.
 
@@ -216,14 +227,15 @@ Each device has 4 properties and 8 statuses of mixed types.
 
 ## Comparing, against the lock-step walk
 
-From {min(libraries):.2f} to {max(libraries):.2f} times the walk, {statistics.median(libraries):.2f} in the middle.
+From {min(ratios):.2f} to {max(ratios):.2f} times the walk, {statistics.median(ratios):.2f} in the middle; at most {worst:.2f} where nothing or one status
+changed.
 
 Measured is `EventHelper::ComputeEvent` with a message that the caller keeps, and
 `IsSameConfiguration` where a property changed. The walk decides as much, and lists the changes,
 but writes no message and trusts that identifiers do not repeat. In scattered memory the devices
 were allocated in a random order, so that each step of the walk jumps.
 
-{comparison_table(medians, sizes)}
+{comparison_table(runs, sizes)}
 
 ## Other ways to compare
 
@@ -236,11 +248,11 @@ that form. Measured is to bring the live tree into it and to compare; "alone" le
 - *JSON diff*: `nlohmann::json::diff`
 - *serialise, compare bytes*: deterministic bytes of the message; says that something changed, not what
 
-{ways_table(medians, "rivals", "flat")}
+{ways_table(runs, "rivals", "flat")}
 
-{ways_table(medians, "rivals", "fan-out 8")}
+{ways_table(runs, "rivals", "fan-out 8")}
 
-{ways_table(medians, "rivals", "chain")}
+{ways_table(runs, "rivals", "chain")}
 
 A dash: not measured. All but the library and the walk recurse once for each level, so long chains
 are left out before they overflow the stack or the memory; the steps as written search all
@@ -252,14 +264,14 @@ Racks of 8 units, one status changed. Units that are called alike in every rack 
 step. A sub-device of the root that is called like a unit does not: its identifier stands for the
 unit, and both trees are indexed.
 
-{repeated_table(medians)}
+{repeated_table(runs)}
 
 ## Everything else, in walks
 
 The other operations in units of the lock-step walk over the same trees. A message that is kept from
 call to call saves most of what a fresh one costs.
 
-{ways_table(medians, "operations", "fan-out 8")}
+{ways_table(runs, "operations", "fan-out 8")}
 """
 
 
@@ -267,11 +279,11 @@ def main():
     if len(sys.argv) != 3:
         sys.exit(__doc__.strip())
     results, directory = sys.argv[1], pathlib.Path(sys.argv[2])
-    medians = read(results)
+    runs = read(results)
     cores = json.loads(pathlib.Path(results).read_text())["context"]["num_cpus"]
     directory.mkdir(parents=True, exist_ok=True)
-    (directory / "performance.svg").write_text(plot(medians), encoding="utf-8")
-    (directory / "performance.md").write_text(page(medians, cores), encoding="utf-8")
+    (directory / "performance.svg").write_text(plot(runs), encoding="utf-8")
+    (directory / "performance.md").write_text(page(runs, cores), encoding="utf-8")
 
 
 if __name__ == "__main__":

@@ -2,7 +2,7 @@
 # Installs what is missing, builds the benchmarks, runs them, and writes docs/performance.md and
 # docs/performance.svg from the results.
 #
-#   ./scripts/bench.sh            the full form, about 15 minutes
+#   ./scripts/bench.sh            the full form, about 10 minutes
 #   ./scripts/bench.sh --quick    fewer sizes and rounds, under two minutes; writes the two files to
 #                                 build/bench instead, which leaves the page in docs as it is
 set -euo pipefail
