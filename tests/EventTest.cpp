@@ -97,22 +97,6 @@ TEST(Event, StatusEditsAreNamedExactly) {
   }
 }
 
-TEST(Event, StatusChangesComeInWalkOrder) {
-  const auto oldTree = node("root", {node("b"), node("a", {node("c")})});
-  const auto newTree = std::make_shared<DeviceNode>(*oldTree);
-  for (const auto& device : allNodes(newTree)) {
-    device->setGlobalStatus({GlobalStatus::LEVEL_WARNING, ""});
-  }
-  Event event = usedEvent();
-  ASSERT_TRUE(EventHelper::ComputeEvent(oldTree, newTree, event));
-  std::list<std::string> order;
-  for (const auto& change :
-       event.GetExtension(proto::StatusChangeEvent::base).global_status_changes()) {
-    order.push_back(change.device_id());
-  }
-  EXPECT_EQ(order, newTree->getTreeDeviceIds());
-}
-
 TEST(Event, ConfigurationEditSendsTheWholeTreeAndHidesStatusChanges) {
   for (unsigned int seed = 0; seed < 50; ++seed) {
     Random random(seed);

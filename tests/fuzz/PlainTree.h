@@ -1,5 +1,5 @@
-// Trees by their plain definition: building, editing, searching and writing one step by step, in
-// the words of the headers. What tests/PlainDefinition.h is for the comparison.
+// What the fuzzer holds trees against: a tree built step by step by the editing operations, and all
+// that is in a tree as a text.
 #pragma once
 
 #include <algorithm>
@@ -46,47 +46,6 @@ inline NodePtr construct(const proto::DeviceNode& message) {
     require(node->addSubDevice(construct(subDevice), true, error));
   }
   return node;
-}
-
-inline proto::DeviceNode write(const DeviceNode& node) {
-  proto::DeviceNode message;
-  message.set_id(node.getDeviceId());
-  message.set_name(node.getName());
-  message.set_device_class(node.getDeviceClass());
-  *message.mutable_global_status() = node.getGlobalStatus().toProtoBuf();
-  for (const auto& [key, property] : node.getProperties()) {
-    *message.add_properties() = property->toProtoBuf();
-  }
-  for (const auto& [key, status] : node.getStatuses()) {
-    *message.add_statuses() = status->toProtoBuf();
-  }
-  for (const auto& [key, subDevice] : node.getSubDevices()) {
-    if (!subDevice->getDeviceId().empty()) *message.add_sub_devices() = write(*subDevice);
-  }
-  return message;
-}
-
-// The text of a refused attachment, empty when it is to be carried out.
-inline std::string attachRefusal(const DeviceNode& parent, const NodePtr& subDevice, bool replace) {
-  if (!subDevice) return "Trying to add an invalid (null) sub-device";
-  for (const auto& node : walk(subDevice)) {
-    if (node->getDeviceId() == parent.getDeviceId()) {
-      return "Sub-device has same ID as parent: " + parent.getDeviceId();
-    }
-  }
-  const std::string& id = subDevice->getDeviceId();
-  if (!replace && parent.getSubDevices().count(id) != 0) return "Sub-device already exists: " + id;
-  return "";
-}
-
-// The node from which a removal takes the entry.
-inline const DeviceNode* holder(const DeviceNode& node, const std::string& key, bool recursive) {
-  if (node.getSubDevices().count(key) != 0) return &node;
-  if (!recursive) return nullptr;
-  for (const auto& [subKey, subDevice] : node.getSubDevices()) {
-    if (const DeviceNode* const found = holder(*subDevice, key, true)) return found;
-  }
-  return nullptr;
 }
 
 // Everything that a tree holds, each value with its kind and bits, with `identity` also which
