@@ -1,4 +1,4 @@
-// The yardstick: the least that a comparison of two trees can do. It walks both trees side by side,
+// The yardstick: what one would write by hand for one's own trees. It walks both side by side,
 // compares everything once, and relies on identifiers that do not repeat.
 #pragma once
 

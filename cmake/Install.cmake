@@ -1,6 +1,6 @@
 # What `cmake --install` puts beside the two libraries, their headers and schemas: the package config
-# and the pkg-config file. Everything follows the prefix that is chosen when installing,
-# but for a CMAKE_INSTALL_LIBDIR that is absolute.
+# and the pkg-config file. Everything follows the prefix that is chosen when installing, but for a
+# CMAKE_INSTALL_LIBDIR that is absolute.
 include(CMakePackageConfigHelpers)
 
 set(proto_install_dir ${CMAKE_INSTALL_DATADIR}/${PROJECT_NAME}/proto)

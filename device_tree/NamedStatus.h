@@ -62,7 +62,7 @@ class ORV_DEVICE_TREE_EXPORT NamedStatus {
   /// always differ.
   ///
   /// Throws boost::bad_get when names and types are equal and either value is not of that kind. A
-  /// status without a value holds an integer, so that is so for every one that is not a `TYPE_INT`.
+  /// status without a value holds an integer, which only a `TYPE_INT` takes.
   bool operator!=(const NamedStatus& other) const;
   /// Exactly the negation of `operator!=`; throws as it does.
   bool operator==(const NamedStatus& other) const;

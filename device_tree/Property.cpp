@@ -42,6 +42,7 @@ proto::Property Property::toProtoBuf() const noexcept {
 }
 
 void Property::toProtoBuf(proto::Property& target) const noexcept {
+  target.Clear();
   target.set_name(name);
   target.set_type(proto::Property::STRING);
   target.set_value(boost::get<std::string>(value));

@@ -21,8 +21,9 @@
 /// stands for another node than the one that carries it, both are indexed, O(n log n) and about 50
 /// bytes a node; each pair of nodes that a repeated identifier leads to costs O(log n) and about 90
 /// bytes, once, but there can be as many as the product of both sizes. A list of differences is no
-/// longer than the definition makes it, but where identifiers repeat that can be exponential in n.
-/// So do not compare trees of untrusted origin in which identifiers repeat.
+/// longer than the definition makes it, but where identifiers repeat that can be exponential in n;
+/// `ComputeEvent` makes no such list where the configuration differs. So do not compare trees of
+/// untrusted origin in which identifiers repeat.
 #pragma once
 
 #include <list>
@@ -53,7 +54,8 @@ ORV_DEVICE_TREE_EXPORT bool IsSameConfiguration(
 ///
 /// Values compare as the type of the old status says, a NaN always as changed, a value that is not
 /// set as the integer 0. Two values that are not both of that kind are listed exactly when the
-/// values held differ in kind or content. Statuses of an unknown type are never listed.
+/// values held differ in kind or content, a NaN always. Statuses of an unknown type are never
+/// listed.
 ORV_DEVICE_TREE_EXPORT void GetStatusDifferences(
     const std::shared_ptr<DeviceNode>& oldTree, const std::shared_ptr<DeviceNode>& newTree,
     std::list<std::pair<std::string, GlobalStatus>>& globalStatusChanges,
@@ -75,7 +77,7 @@ class ORV_DEVICE_TREE_EXPORT EventHelper {
   ///
   /// Whatever the message held is gone, but not its memory: a caller that keeps the message from
   /// call to call saves most of the cost of filling it. O(n) for the message on top of the
-  /// comparison.
+  /// comparison. Clearing what the message held uses stack in proportion to its depth.
   static bool ComputeEvent(const std::shared_ptr<DeviceNode>& oldTree,
                            const std::shared_ptr<DeviceNode>& newTree,
                            orv::proto::monitoring::DeviceToOrvServiceEvent& event) noexcept;

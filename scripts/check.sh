@@ -21,7 +21,8 @@ root = sys.argv[1]
 for entry in json.load(open("build/check/compile_commands.json")):
     if entry["file"].endswith(".cpp") and not entry["file"].startswith(root + "/build/"):
         print(entry["file"])' "$PWD" | sort -u)
-printf '%s\0' "${compiled[@]}" | xargs -0 -n 1 -P "$(nproc)" clang-tidy --quiet -p build/check 2>/dev/null
+printf '%s\0' "${compiled[@]}" | xargs -0 -n 1 -P "$(nproc)" clang-tidy --quiet -p build/check \
+  2> >(grep -v 'warnings generated' >&2)
 
 echo "cppcheck"
 cppcheck --quiet --error-exitcode=1 --std=c++17 --enable=warning,performance,portability \

@@ -133,12 +133,19 @@ TEST(Hostile, RepeatedIdentifiersDoNotMultiplyTheComparison) {
   for (int i = LEVELS - 1; i >= 0; --i) {
     tree = node(numbered(i), {tree, node(numbered(i + 2))});
   }
+  attach(*tree, node("last"));
   const auto edited = std::make_shared<DeviceNode>(*tree);
   EXPECT_EQ(changes(tree, edited), Ids{});
   edited->setGlobalStatus(BROKEN);
   EXPECT_EQ(changes(tree, edited), Ids{numbered(0)});
-  edited->getDeviceById(numbered(LEVELS))->setName("another");
+
+  // Listed, the changes of all devices would be as many as the pairs.
+  for (const auto& device : allNodes(edited)) device->setGlobalStatus(BROKEN);
+  edited->getDeviceById("last")->setName("another");
   EXPECT_FALSE(IsSameConfiguration(tree, edited));
+  Event event;
+  EXPECT_TRUE(EventHelper::ComputeEvent(tree, edited, event));
+  EXPECT_EQ(event.event_type(), Event::CONFIGURATION_CHANGE);
 }
 
 TEST(Hostile, WideTreeWhoseIdentifiersAllRepeatBelow) {

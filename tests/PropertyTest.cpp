@@ -33,7 +33,11 @@ TEST(Property, UnknownTypeHidesTheValue) {
 TEST(Property, MessageIsAlwaysACompleteString) {
   EXPECT_EQ(property("", "", -3).toProtoBuf().ShortDebugString(),
             R"(name: "" type: STRING value: "")");
-  EXPECT_TRUE(Property(property("a", "1").toProtoBuf()) == property("a", "1"));
+  proto::Property used;
+  used.ParsePartialFromString("\x10\x09");  // a type from a newer schema
+  property("a", "1").toProtoBuf(used);
+  EXPECT_EQ(used.ShortDebugString(), R"(name: "a" type: STRING value: "1")");
+  EXPECT_TRUE(Property(used) == property("a", "1"));
   EXPECT_TRUE(Property(proto::Property()) == property("", ""));
 #ifdef NDEBUG  // the setter asserts otherwise
   proto::Property message;
