@@ -20,10 +20,10 @@
 /// costs one walk over both and 16 bytes for each node of one. Otherwise, and where an identifier
 /// stands for another node than the one that carries it, both are indexed, O(n log n) and about 50
 /// bytes a node; each pair of nodes that a repeated identifier leads to costs O(log n) and about 90
-/// bytes, once, but there can be as many as the product of both sizes. A list of differences is no
-/// longer than the definition makes it, but where identifiers repeat that can be exponential in n;
-/// `ComputeEvent` makes no such list where the configuration differs. So do not compare trees of
-/// untrusted origin in which identifiers repeat.
+/// bytes, however often it is met, but there can be as many as the product of both sizes. A list of
+/// differences is no longer than the definition makes it, but where identifiers repeat that can be
+/// exponential in n; `ComputeEvent` makes no such list where the configuration differs. So do not
+/// compare trees of untrusted origin in which identifiers repeat.
 #pragma once
 
 #include <list>
