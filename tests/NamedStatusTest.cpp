@@ -30,7 +30,7 @@ TEST(NamedStatus, TextShowsTypeAndValue) {
 
 TEST(NamedStatus, DoublesAreWrittenInFullAndTheSameInEveryLocale) {
   const std::string previous = std::setlocale(LC_ALL, nullptr);
-  ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr);
+  ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr) << "ctest sets LOCPATH to it";
   ASSERT_EQ(*std::localeconv()->decimal_point, ',');
   const auto text = [](double number) { return NamedStatus("", DOUBLE, number).debugString(); };
   EXPECT_EQ(text(21.5), " (double 21.500000)");
