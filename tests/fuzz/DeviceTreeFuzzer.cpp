@@ -220,6 +220,14 @@ void checkQueries(const NodePtr& tree, const std::string& text) {
                                     [&](auto& node) { return node->getDeviceId() == id; });
     check(tree->getDeviceById(id) == *found, "device by id");
   }
+  for (const auto& node : nodes) {
+    for (const auto& [key, status] : node->getStatuses()) {
+      try {
+        check((*status == *status) != (*status != *status), "equal or different");
+      } catch (const boost::bad_get&) {
+      }
+    }
+  }
 }
 
 // How many pairs of devices the plain definition compares, MOST_PAIRS at most.
