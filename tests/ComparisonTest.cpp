@@ -90,6 +90,13 @@ TEST(Configuration, PropertiesCompareByTheirOwnOperator) {
   const auto newTree = std::make_shared<DeviceNode>(*oldTree);
   newTree->getProperties().at("p")->value = std::string("2");
   EXPECT_TRUE(IsSameConfiguration(oldTree, newTree)) << "an unknown type hides the value";
+
+  const auto renamed = node("d");
+  addProperty(*renamed, "p", "1");
+  renamed->getProperties().at("p")->name = "q";
+  const auto other = node("d");
+  addProperty(*other, "q", "1");
+  EXPECT_FALSE(IsSameConfiguration(renamed, other)) << "they are filed under different names";
 }
 
 TEST(Configuration, EmptyEntriesCountForPropertiesAndStatusesOnly) {
