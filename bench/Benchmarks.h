@@ -1,7 +1,6 @@
 // How the benchmarks are put together: in each round the ways to do a job are run in turn on the
 // same trees, so that whatever slows the machine down meanwhile slows down all of them. Each round
-// builds its trees anew: where in memory they come to lie alone makes a walk up to half as slow
-// again.
+// builds its trees anew: where in memory they come to lie can alone double what a walk costs.
 #pragma once
 
 #include <cstddef>

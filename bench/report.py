@@ -217,8 +217,8 @@ def page(runs, cores):
 Written by `./scripts/bench.sh`; the measurements are in `bench/`. Every figure in bold is a ratio:
 the time of this way divided by the time of a hand-written walk over both trees in lock-step
 (`bench/LockStep.h`), taken in turn with it, in the same process, on the same trees. It is the median
-of several rounds, and each round builds its trees anew, as where they come to lie in memory alone
-makes a walk up to half as slow again. The time beside it is what one call took here ({cores} cores,
+of several rounds, and each round builds its trees anew, as where they come to lie in memory can alone
+double what a walk costs. The time beside it is what one call took here ({cores} cores,
 {platform.machine()}, {compiler()}, Release) and no promise.
 
 Each device has 4 properties and 8 statuses of mixed types.
