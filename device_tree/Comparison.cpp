@@ -38,8 +38,6 @@ bool sameEntries(const std::map<std::string, std::shared_ptr<Value>>& oldEntries
                  const std::map<std::string, std::shared_ptr<Value>>& newEntries, Same same) {
   return std::equal(oldEntries.begin(), oldEntries.end(), newEntries.begin(), newEntries.end(),
                     [&](const auto& oldEntry, const auto& newEntry) {
-                      // Looked at before the keys are compared: large trees then take a sixth less
-                      // time (g++ 12).
                       const bool bothThere = oldEntry.second && newEntry.second;
                       return oldEntry.first == newEntry.first &&
                              (bothThere ? same(oldEntry.second, newEntry.second)
@@ -124,44 +122,27 @@ bool sameSubDeviceIds(const DeviceNode& oldNode, const DeviceNode& newNode) {
 
 std::uint64_t hashOf(const std::string& deviceId) { return std::hash<std::string>()(deviceId); }
 
-// The nodes met by both walks, by their places in the walk.
-struct Met {
+// The nodes that both walks have met, by their places in the walk.
+struct MetNodes {
   std::deque<std::uint64_t> hashes;  // of the identifiers
   std::deque<std::uint32_t> parentPlaces;
 };
 
 // Whether each node met is the first with its identifier at or below its parent. Equal hashes of
 // different identifiers may make the answer false, never true. Uses up the hashes.
-bool eachIsFirstBelowItsParent(Met& met) {
+bool eachIsFirstBelowItsParent(MetNodes& met) {
   // One number to sort by: the hash, its low bits replaced by the place.
-  unsigned int placeWidth = 1;
-  while (met.hashes.size() >> placeWidth != 0) ++placeWidth;
-  const std::uint64_t placeBits = (std::uint64_t{1} << placeWidth) - 1;
+  std::uint64_t placeBits = 1;
+  while (placeBits < met.hashes.size()) placeBits = 2 * placeBits + 1;
   std::uint64_t place = 0;
   for (std::uint64_t& hash : met.hashes) hash = (hash & ~placeBits) | place++;
-
-  // Only nodes that are alike in some bits of the hash, then in others, are left to be sorted.
-  const auto begin = met.hashes.begin();
-  auto end = met.hashes.end();
-  const unsigned int width = placeWidth + 2;
-  for (unsigned int shift = placeWidth; shift + width <= 64 && end - begin > 16; shift += width) {
-    const auto bitsOf = [&](std::uint64_t hash) {
-      return (hash >> shift) & ((std::uint64_t{1} << width) - 1);
-    };
-    std::vector<bool> once(std::size_t{1} << width);
-    std::vector<bool> again(std::size_t{1} << width);
-    std::for_each(begin, end, [&](std::uint64_t hash) {
-      if (once[bitsOf(hash)]) again[bitsOf(hash)] = true;
-      once[bitsOf(hash)] = true;
-    });
-    end = std::remove_if(begin, end, [&](std::uint64_t hash) { return !again[bitsOf(hash)]; });
-  }
-  std::sort(begin, end);
+  std::sort(met.hashes.begin(), met.hashes.end());
   // Of several earlier nodes of one identifier the last is the one to look at.
-  return std::adjacent_find(begin, end, [&](std::uint64_t earlier, std::uint64_t later) {
-           return (earlier | placeBits) == (later | placeBits) &&
-                  (earlier & placeBits) >= met.parentPlaces[later & placeBits];
-         }) == end;
+  return std::adjacent_find(met.hashes.begin(), met.hashes.end(),
+                            [&](std::uint64_t earlier, std::uint64_t later) {
+                              return (earlier | placeBits) == (later | placeBits) &&
+                                     (earlier & placeBits) >= met.parentPlaces[later & placeBits];
+                            }) == met.hashes.end();
 }
 
 Answer compareInStep(const DeviceNode& oldTree, const DeviceNode& newTree,
@@ -171,7 +152,7 @@ Answer compareInStep(const DeviceNode& oldTree, const DeviceNode& newTree,
   }
   Walk oldWalk(oldTree);
   Walk newWalk(newTree);
-  Met met{{hashOf(oldTree.getDeviceId())}, {0}};
+  MetNodes met{{hashOf(oldTree.getDeviceId())}, {0}};
   bool same = compareDevice(oldTree, newTree, question);
   while (same) {
     const auto* oldEntry = oldWalk.next();
@@ -221,23 +202,24 @@ class Index {
     }
     byIdentifier_.reserve(nodes_.size());
     for (std::size_t place = 0; place < nodes_.size(); ++place) {
-      byIdentifier_.push_back({hashOf(node(place).getDeviceId()), place});
+      byIdentifier_.push_back({hashOf(idOf(place)), place});
     }
     std::sort(byIdentifier_.begin(), byIdentifier_.end(),
               [this](const Entry& left, const Entry& right) {
-                return before(left, right.hash, node(right.place).getDeviceId(), right.place);
+                return before(left, right.hash, idOf(right.place), right.place);
               });
     repeats_.resize(nodes_.size());
     for (std::size_t i = 1; i < byIdentifier_.size(); ++i) {
       const std::size_t earlier = byIdentifier_[i - 1].place;
       const std::size_t later = byIdentifier_[i].place;
-      if (node(earlier).getDeviceId() == node(later).getDeviceId()) {
+      if (idOf(earlier) == idOf(later)) {
         repeats_[earlier] = repeats_[later] = true;
       }
     }
   }
 
   const DeviceNode& node(std::size_t place) const { return *nodes_[place]; }
+  const std::string& idOf(std::size_t place) const { return node(place).getDeviceId(); }
   // One past the last place of the node's subtree; the place of its next sibling, if it has one.
   std::size_t end(std::size_t place) const { return ends_[place]; }
   // Whether the node's identifier occurs elsewhere in the tree.
@@ -249,8 +231,8 @@ class Index {
     const auto found = std::lower_bound(
         byIdentifier_.begin(), byIdentifier_.end(), place,
         [&](const Entry& entry, std::size_t from) { return before(entry, hash, deviceId, from); });
-    const bool matches = found != byIdentifier_.end() && found->place < end(place) &&
-                         node(found->place).getDeviceId() == deviceId;
+    const bool matches =
+        found != byIdentifier_.end() && found->place < end(place) && idOf(found->place) == deviceId;
     return matches ? found->place : NONE;
   }
 
@@ -263,7 +245,7 @@ class Index {
   bool before(const Entry& entry, std::uint64_t hash, const std::string& deviceId,
               std::size_t place) const {
     if (entry.hash != hash) return entry.hash < hash;
-    const int order = node(entry.place).getDeviceId().compare(deviceId);
+    const int order = idOf(entry.place).compare(deviceId);
     return order != 0 ? order < 0 : entry.place < place;
   }
 
@@ -273,72 +255,91 @@ class Index {
   std::vector<bool> repeats_;
 };
 
-bool compareByIndex(const Index& oldIndex, const Index& newIndex, const Question& question) {
-  // The differences that a pair found by a search has led to, itself and all pairs below it.
-  // Meeting it again leads to the same ones. While it is being compared it has no end yet: then it
-  // stands for its own sub-device and is not entered again.
-  struct Range {
+// The plain definition, each search a lookup in an index.
+class IndexedComparison {
+ public:
+  IndexedComparison(const Index& oldIndex, const Index& newIndex, const Question& question)
+      : old_(oldIndex), new_(newIndex), question_(question) {}
+
+  bool run() {
+    if (!enterFound(0, 0)) return false;
+    while (!open_.empty()) {
+      Pair& pair = open_.back();
+      const bool oldDone = pair.oldNext == old_.end(pair.oldPlace);
+      const bool newDone = pair.newNext == new_.end(pair.newPlace);
+      if (question_.configuration && oldDone != newDone) return false;  // not as many sub-devices
+      if (oldDone) {
+        if (pair.found != nullptr) pair.found->end = listed();
+        open_.pop_back();
+        continue;
+      }
+      const std::size_t oldNext = pair.oldNext;
+      const std::size_t newNext = pair.newNext;
+      pair.oldNext = old_.end(oldNext);
+      if (!newDone) pair.newNext = new_.end(newNext);
+      const bool inStep = !newDone && old_.idOf(oldNext) == new_.idOf(newNext);
+      if (inStep && !old_.repeats(oldNext) && !new_.repeats(newNext)) {
+        if (!enter(oldNext, newNext, nullptr)) return false;
+      } else if (!inStep && question_.configuration &&
+                 !hasSubDevice(new_.node(pair.newPlace), old_.idOf(oldNext))) {
+        return false;
+      } else if (!search(pair.oldPlace, pair.newPlace, old_.idOf(oldNext))) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+ private:
+  // The differences that a pair found by a search has led to, its own and those of all pairs below.
+  // The pair leads to the same ones when it is found again. While it is being compared they have no
+  // end yet: then it stands for its own sub-device and is not entered again.
+  struct Found {
     std::size_t begin;
     std::size_t end;
   };
-  std::map<std::pair<std::size_t, std::size_t>, Range> searched;
-
   struct Pair {
     std::size_t oldPlace, newPlace;  // of the nodes
     std::size_t oldNext, newNext;    // of the sub-devices to be paired next; the node's end: none
-    Range* range;                    // empty for a pair in step: that way it is met once
+    Found* found;                    // nullptr for a pair in step: that way it is met once
   };
-  std::vector<Pair> open;
 
-  const auto listed = [&] { return question.differences ? question.differences->size() : 0; };
-  const auto enter = [&](std::size_t oldPlace, std::size_t newPlace, Range* range) {
-    open.push_back({oldPlace, newPlace, oldPlace + 1, newPlace + 1, range});
-    return compareDevice(oldIndex.node(oldPlace), newIndex.node(newPlace), question);
-  };
-  const auto enterSearched = [&](std::size_t oldPlace, std::size_t newPlace) {
+  std::size_t listed() const { return question_.differences ? question_.differences->size() : 0; }
+
+  bool enter(std::size_t oldPlace, std::size_t newPlace, Found* found) {
+    open_.push_back({oldPlace, newPlace, oldPlace + 1, newPlace + 1, found});
+    return compareDevice(old_.node(oldPlace), new_.node(newPlace), question_);
+  }
+
+  // Enters the pair that the identifier stands for below the two nodes.
+  bool search(std::size_t oldPlace, std::size_t newPlace, const std::string& deviceId) {
+    const std::size_t newFound = new_.first(newPlace, deviceId);
+    if (newFound == Index::NONE) return true;  // only in trees of another configuration
+    return enterFound(old_.first(oldPlace, deviceId), newFound);
+  }
+
+  bool enterFound(std::size_t oldPlace, std::size_t newPlace) {
     const auto [entry, isNew] =
-        searched.try_emplace({oldPlace, newPlace}, Range{listed(), Index::NONE});
-    Range& range = entry->second;
-    if (isNew) return enter(oldPlace, newPlace, &range);
-    if (range.end == Index::NONE) return true;
-    for (std::size_t i = range.begin; i < range.end; ++i) {
-      const Difference again = (*question.differences)[i];
-      question.differences->push_back(again);
+        found_.try_emplace({oldPlace, newPlace}, Found{listed(), Index::NONE});
+    Found& found = entry->second;
+    if (isNew) return enter(oldPlace, newPlace, &found);
+    if (found.end == Index::NONE) return true;
+    for (std::size_t i = found.begin; i < found.end; ++i) {
+      const Difference again = (*question_.differences)[i];
+      question_.differences->push_back(again);
     }
     return true;
-  };
-
-  if (!enterSearched(0, 0)) return false;
-  while (!open.empty()) {
-    Pair& pair = open.back();
-    const bool oldDone = pair.oldNext == oldIndex.end(pair.oldPlace);
-    const bool newDone = pair.newNext == newIndex.end(pair.newPlace);
-    if (question.configuration && oldDone != newDone) return false;  // not as many sub-devices
-    if (oldDone) {
-      if (pair.range != nullptr) pair.range->end = listed();
-      open.pop_back();
-      continue;
-    }
-    const std::size_t oldNext = pair.oldNext;
-    const std::size_t newNext = pair.newNext;
-    pair.oldNext = oldIndex.end(oldNext);
-    if (!newDone) pair.newNext = newIndex.end(newNext);
-
-    const std::string& deviceId = oldIndex.node(oldNext).getDeviceId();
-    const bool inStep = !newDone && newIndex.node(newNext).getDeviceId() == deviceId;
-    if (inStep && !oldIndex.repeats(oldNext) && !newIndex.repeats(newNext)) {
-      if (!enter(oldNext, newNext, nullptr)) return false;
-      continue;
-    }
-    if (question.configuration && !inStep &&
-        !hasSubDevice(newIndex.node(pair.newPlace), deviceId)) {
-      return false;
-    }
-    const std::size_t newFound = newIndex.first(pair.newPlace, deviceId);
-    if (newFound == Index::NONE) continue;  // only in trees of another configuration
-    if (!enterSearched(oldIndex.first(pair.oldPlace, deviceId), newFound)) return false;
   }
-  return true;
+
+  const Index& old_;
+  const Index& new_;
+  const Question& question_;
+  std::map<std::pair<std::size_t, std::size_t>, Found> found_;
+  std::vector<Pair> open_;
+};
+
+bool compareByIndex(const Index& oldIndex, const Index& newIndex, const Question& question) {
+  return IndexedComparison(oldIndex, newIndex, question).run();
 }
 
 bool compare(const DeviceNode& oldTree, const DeviceNode& newTree, const Question& question) {

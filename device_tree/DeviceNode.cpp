@@ -2,7 +2,10 @@
 
 #include <boost/variant/get.hpp>
 #include <cstddef>
+#include <optional>
+#include <set>
 #include <stdexcept>
+#include <string_view>
 #include <typeinfo>
 #include <utility>
 #include <vector>
@@ -23,7 +26,7 @@ struct AllEqual {
 };
 struct Release {
   std::multimap<std::string, std::shared_ptr<DeviceNode>, AllEqual> queue;
-  const DeviceNode* node = nullptr;
+  const DeviceNode* node = nullptr;  // until it has handed over its sub-devices
 };
 thread_local Release* release = nullptr;  // the innermost one that this thread is carrying out
 
@@ -47,8 +50,9 @@ DeviceNode* findNode(DeviceNode& root, const std::string& deviceId) {
 
 // Files a copy of `value` unless its name is taken; `what` names the kind of entry in the refusal.
 template <typename Value>
-bool file(std::map<std::string, std::shared_ptr<Value>>& entries, const std::string& name,
-          const Value& value, const char* what, const DeviceNode& node, std::string& errorMessage) {
+bool addEntry(std::map<std::string, std::shared_ptr<Value>>& entries, const std::string& name,
+              const Value& value, const char* what, const DeviceNode& node,
+              std::string& errorMessage) {
   errorMessage.clear();
   const auto place = entries.lower_bound(name);
   if (place != entries.end() && place->first == name) {
@@ -59,6 +63,12 @@ bool file(std::map<std::string, std::shared_ptr<Value>>& entries, const std::str
   return true;
 }
 
+// The entry is out of the map before its node is released: the release may run code of the user's
+// that edits the same map.
+bool removeEntry(DeviceNode::SubDevices& entries, const std::string& key) {
+  return !entries.extract(key).empty();
+}
+
 template <typename Value>
 void copyEntries(const std::map<std::string, std::shared_ptr<Value>>& source,
                  std::map<std::string, std::shared_ptr<Value>>& target) {
@@ -66,6 +76,94 @@ void copyEntries(const std::map<std::string, std::shared_ptr<Value>>& source,
     target.emplace_hint(target.end(), key, value ? std::make_shared<Value>(*value) : nullptr);
   }
 }
+
+// The devices of a message that are being built, from the outermost one in: each is complete but
+// for its sub-devices.
+//
+// No device may be below one of the same identifier. An open device that has the identifier of a
+// new one is found here among the open ones. That costs O(log depth), where a search of each
+// complete subtree would cost a comparison for each level. The new device counts only if it is
+// still there when the open one receives the subtree: a later sub-device replaces an earlier one of
+// the same identifier, with everything below it.
+class OpenDevices {
+ public:
+  bool empty() const { return levels_.empty(); }
+  DeviceNode& innermost() const { return *levels_.back().node; }
+  // Whether the sub-device that was built last, or a device below it, has the innermost device's
+  // identifier.
+  bool isBelowItself() const { return levels_.back().isBelowItself; }
+
+  // The next sub-device of the innermost device, nullptr when there is none left.
+  const proto::DeviceNode* nextSubDevice() {
+    Level& level = levels_.back();
+    if (level.next == level.message->sub_devices_size()) return nullptr;
+    return &level.message->sub_devices(level.next++);
+  }
+
+  void push(const proto::DeviceNode& message, DeviceNode& node, std::shared_ptr<DeviceNode> owner) {
+    levels_.push_back({&message, &node, std::move(owner)});
+    const auto found = byIdentifier_.find(message.id());
+    if (found != byIdentifier_.end()) {
+      levels_.back().sameAbove = found->second;
+      Level& above = levels_[found->second];
+      above.isBelowItself = above.isBelowItself || reach() <= found->second;
+    }
+    if (message.sub_devices_size() > 0) byIdentifier_[message.id()] = levels_.size() - 1;
+  }
+
+  // Closes the innermost device and returns its owner.
+  std::shared_ptr<DeviceNode> pop() {
+    Level level = std::move(levels_.back());
+    levels_.pop_back();
+    if (level.sameAbove) {
+      byIdentifier_[level.message->id()] = *level.sameAbove;
+    } else if (level.message->sub_devices_size() > 0) {
+      byIdentifier_.erase(level.message->id());
+    }
+    return std::move(level.owner);
+  }
+
+ private:
+  struct Level {
+    const proto::DeviceNode* message;
+    DeviceNode* node;
+    std::shared_ptr<DeviceNode> owner;
+    int next = 0;
+    bool isBelowItself = false;
+    std::optional<std::size_t> sameAbove = {};  // the nearest level above that has the identifier
+    // Worked out only when a device has the identifier of one above:
+    std::optional<std::size_t> reach = {};             // see reach()
+    std::optional<std::vector<bool>> isReplaced = {};  // of each sub-device, by a later one
+  };
+
+  // The outermost level that will receive the innermost device. A device that is to be replaced,
+  // and what is below it, gets no further than its parent.
+  std::size_t reach() {
+    std::size_t known = levels_.size() - 1;
+    while (known > 0 && !levels_[known].reach) --known;
+    if (known == 0) levels_[0].reach = 0;
+    for (std::size_t i = known + 1; i < levels_.size(); ++i) {
+      Level& parent = levels_[i - 1];
+      if (!parent.isReplaced) parent.isReplaced = replacedSubDevices(*parent.message);
+      const bool isReplaced = (*parent.isReplaced)[static_cast<std::size_t>(parent.next) - 1];
+      levels_[i].reach = isReplaced ? i - 1 : *parent.reach;
+    }
+    return *levels_.back().reach;
+  }
+
+  static std::vector<bool> replacedSubDevices(const proto::DeviceNode& message) {
+    const int count = message.sub_devices_size();
+    std::vector<bool> isReplaced(static_cast<std::size_t>(count));
+    std::set<std::string_view> later;
+    for (int i = count; i-- > 0;) {
+      isReplaced[static_cast<std::size_t>(i)] = !later.insert(message.sub_devices(i).id()).second;
+    }
+    return isReplaced;
+  }
+
+  std::vector<Level> levels_;
+  std::map<std::string_view, std::size_t> byIdentifier_;  // the innermost level of each identifier
+};
 
 }  // namespace
 
@@ -85,12 +183,7 @@ DeviceNode::DeviceNode(const DeviceNode& other) : DeviceNode() {
   // Both walks take the same steps: what is copied below a node is entered by the next step.
   Walk sources(other);
   Walk copies(*this);
-  while (true) {
-    const auto* source = sources.next();
-    const auto* copy = copies.next();
-    if (source == nullptr || copy == nullptr) return;
-    (*copy)->copySubDevices(**source);
-  }
+  while (const auto* source = sources.next()) (*copies.next())->copySubDevices(**source);
 }
 
 void DeviceNode::copyOwn(const DeviceNode& other) {
@@ -113,34 +206,24 @@ void DeviceNode::copySubDevices(const DeviceNode& other) {
 }
 
 DeviceNode::DeviceNode(const proto::DeviceNode& message) : DeviceNode() {
-  // A level of the message that is being built: its node is complete, its sub-devices are not.
-  struct Level {
-    const proto::DeviceNode* message;
-    DeviceNode* node;
-    std::shared_ptr<DeviceNode> owner;  // empty for this node
-    int nextSubDevice = 0;
-  };
   readOwn(message);
-  std::vector<Level> levels;
-  levels.push_back({&message, this, nullptr});
+  OpenDevices open;
+  open.push(message, *this, nullptr);
   while (true) {
-    Level& level = levels.back();
-    if (level.nextSubDevice < level.message->sub_devices_size()) {
-      const proto::DeviceNode& subMessage = level.message->sub_devices(level.nextSubDevice++);
+    if (const proto::DeviceNode* const next = open.nextSubDevice()) {
       auto subDevice = std::make_shared<DeviceNode>();
-      subDevice->readOwn(subMessage);
-      DeviceNode* const node = subDevice.get();
-      levels.push_back({&subMessage, node, std::move(subDevice)});
+      subDevice->readOwn(*next);
+      DeviceNode& node = *subDevice;
+      open.push(*next, node, std::move(subDevice));
       continue;
     }
-    std::shared_ptr<DeviceNode> complete = std::move(level.owner);
-    levels.pop_back();
-    if (levels.empty()) return;
-    DeviceNode& parent = *levels.back().node;
-    std::string error;
-    if (!parent.attach(std::move(complete), true, error)) {
-      throw std::runtime_error(parent.formatMessage(error));
+    std::shared_ptr<DeviceNode> complete = open.pop();
+    if (open.empty()) return;
+    DeviceNode& parent = open.innermost();
+    if (open.isBelowItself()) {
+      throw std::runtime_error(parent.formatMessage(parent.sameIdRefusal()));
     }
+    parent.subDevices[complete->deviceId].swap(complete);
   }
 }
 
@@ -152,7 +235,7 @@ void DeviceNode::readOwn(const proto::DeviceNode& message) {
   for (const auto& element : message.properties()) {
     Property property;
     property.read(element);
-    if (!file(properties, property.name, property, "Property", *this, error)) {
+    if (!addEntry(properties, property.name, property, "Property", *this, error)) {
       throw std::runtime_error(formatMessage(error));
     }
   }
@@ -160,7 +243,7 @@ void DeviceNode::readOwn(const proto::DeviceNode& message) {
   for (const auto& element : message.statuses()) {
     NamedStatus status;
     status.read(element);
-    if (!file(statuses, status.name, status, "Status", *this, error)) {
+    if (!addEntry(statuses, status.name, status, "Status", *this, error)) {
       throw std::runtime_error(formatMessage(error));
     }
   }
@@ -171,14 +254,15 @@ std::string DeviceNode::messageHeader() const { return "Device " + deviceId + " 
 // A sub-device released here runs this destructor in turn. So that a deep tree does not nest as
 // many calls, a node that is being released hands its sub-devices to that release.
 DeviceNode::~DeviceNode() {
+  Release* const outer = release;
+  const bool handsOver = outer != nullptr && outer->node == this;
+  if (handsOver) outer->node = nullptr;  // soon another node may lie at this address
   if (subDevices.empty()) return;
   Release own;
-  Release& current = release != nullptr && release->node == this ? *release : own;
-  while (!subDevices.empty()) {
-    current.queue.insert(current.queue.cend(), subDevices.extract(subDevices.cbegin()));
-  }
-  if (&current != &own) return;
-  Release* const outer = std::exchange(release, &own);
+  auto& queue = handsOver ? outer->queue : own.queue;
+  while (!subDevices.empty()) queue.insert(queue.cend(), subDevices.extract(subDevices.cbegin()));
+  if (handsOver) return;
+  release = &own;
   while (!own.queue.empty()) {
     const auto entry = own.queue.extract(own.queue.cbegin());
     own.node = entry.mapped().get();
@@ -240,50 +324,45 @@ bool DeviceNode::setDeviceId(const std::string& newDeviceId, std::string& errorM
 }
 
 bool DeviceNode::addProperty(const Property& property, std::string& errorMessage) noexcept {
-  return file(properties, property.name, property, "Property", *this, errorMessage);
+  return addEntry(properties, property.name, property, "Property", *this, errorMessage);
 }
 
 bool DeviceNode::addStatus(const NamedStatus& status, std::string& errorMessage) noexcept {
-  return file(statuses, status.name, status, "Status", *this, errorMessage);
+  return addEntry(statuses, status.name, status, "Status", *this, errorMessage);
 }
 
 bool DeviceNode::addSubDevice(std::shared_ptr<DeviceNode> subDevice, bool replace,
                               std::string& errorMessage) noexcept {
-  return attach(std::move(subDevice), replace, errorMessage);
-}
-
-bool DeviceNode::attach(std::shared_ptr<DeviceNode> subDevice, bool replace,
-                        std::string& errorMessage) {
   errorMessage.clear();
   if (!subDevice) {
     errorMessage = formatMessage("Trying to add an invalid (null) sub-device");
     return false;
   }
   if (findNode(*subDevice, deviceId) != nullptr) {
-    errorMessage = formatMessage("Sub-device has same ID as parent: " + deviceId);
+    errorMessage = sameIdRefusal();
     return false;
   }
-  const std::string& key = subDevice->deviceId;
-  const auto place = subDevices.lower_bound(key);
-  if (place == subDevices.end() || place->first != key) {
-    subDevices.emplace_hint(place, key, std::move(subDevice));
-  } else if (replace) {
-    place->second = std::move(subDevice);
-  } else {
-    errorMessage = formatMessage("Sub-device already exists: " + key);
+  const auto [entry, isNew] = subDevices.try_emplace(subDevice->deviceId);
+  if (!isNew && !replace) {
+    errorMessage = formatMessage("Sub-device already exists: " + subDevice->deviceId);
     return false;
   }
+  entry->second.swap(subDevice);  // a replaced one is released last, see removeEntry
   return true;
+}
+
+std::string DeviceNode::sameIdRefusal() const {
+  return formatMessage("Sub-device has same ID as parent: " + deviceId);
 }
 
 bool DeviceNode::removeSubDevice(const std::string& key, bool recursive,
                                  std::string& errorMessage) noexcept {
   errorMessage.clear();
-  if (subDevices.erase(key) != 0) return true;
+  if (removeEntry(subDevices, key)) return true;
   if (recursive) {
     Walk walk(*this);
     while (const auto* node = walk.next()) {
-      if ((*node)->subDevices.erase(key) != 0) return true;
+      if (removeEntry((*node)->subDevices, key)) return true;
     }
   }
   errorMessage = formatMessage(key + " not found");

@@ -77,7 +77,7 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   /// or puts a device below one of the same identifier; its text is the refusal of the editing
   /// operation, formatted once more by the node at that depth. Throws std::bad_alloc. O(n), and one
   /// comparison of identifiers for each node and level above it.
-  explicit DeviceNode(const orv::proto::monitoring::DeviceNode& message);
+  DeviceNode(const orv::proto::monitoring::DeviceNode& message);
 
   DeviceNode& operator=(const DeviceNode&) = delete;
 
@@ -180,10 +180,8 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   void copySubDevices(const DeviceNode& other);
   void readOwn(const orv::proto::monitoring::DeviceNode& message);
   void writeOwn(orv::proto::monitoring::DeviceNode& target) const;
-  bool attach(std::shared_ptr<DeviceNode> subDevice, bool replace, std::string& errorMessage);
+  std::string sameIdRefusal() const;
   void appendOwnText(std::string& text, unsigned int indent) const;
-
-  friend struct DeviceNodePeer;  // lets tests file entries without an object
 
   std::string deviceId;
   std::string name;

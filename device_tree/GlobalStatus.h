@@ -29,7 +29,7 @@ class ORV_DEVICE_TREE_EXPORT GlobalStatus {
   /// Takes the level and the text of the message. An absent level reads as `LEVEL_OK`, a number
   /// outside the message's enumeration, which a parser leaves absent, as `LEVEL_ERROR`, an absent
   /// text as the empty one.
-  explicit GlobalStatus(const orv::proto::monitoring::GlobalStatus& healthMessage) noexcept;
+  GlobalStatus(const orv::proto::monitoring::GlobalStatus& healthMessage) noexcept;
 
   /// Whether the levels differ as numbers or the texts in any byte.
   bool operator!=(const GlobalStatus& other) const noexcept;

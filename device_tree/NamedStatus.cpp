@@ -49,8 +49,6 @@ void NamedStatus::read(const proto::NamedStatus& source) {
       type = TYPE_DOUBLE;
       if (source.has_double_value()) setValue(source.double_value());
       break;
-    default:
-      type = TYPE_INT;
   }
 }
 

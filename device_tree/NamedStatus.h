@@ -40,7 +40,7 @@ class ORV_DEVICE_TREE_EXPORT NamedStatus {
   /// Takes name, type and the value field that belongs to the type, if it is present; other value
   /// fields are ignored. An absent type reads as `TYPE_STRING`; a number outside the message's
   /// enumeration, which a parser leaves absent, gives a `TYPE_INT` without a value.
-  explicit NamedStatus(const orv::proto::monitoring::NamedStatus& message) noexcept;
+  NamedStatus(const orv::proto::monitoring::NamedStatus& message) noexcept;
 
   const std::string& getName() const noexcept { return name; }
   Type getType() const noexcept { return type; }

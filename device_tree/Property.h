@@ -30,7 +30,7 @@ class ORV_DEVICE_TREE_EXPORT Property {
 
   /// Takes name and value of the message, an absent one as the empty string. The type is always
   /// `TYPE_STRING`; the message's own is not read.
-  explicit Property(const orv::proto::monitoring::Property& message) noexcept;
+  Property(const orv::proto::monitoring::Property& message) noexcept;
 
   /// Whether names or types differ, or, for `TYPE_STRING`, the values. Two properties of one name
   /// and one unknown type are equal whatever their values.
