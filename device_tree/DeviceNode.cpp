@@ -40,12 +40,12 @@ void forEachSubDevice(const DeviceNode& node, bool recursive, Visit visit) {
 }
 
 DeviceNode* findNode(DeviceNode& root, const std::string& deviceId) {
-  if (root.getDeviceId() == deviceId) return &root;
-  Walk walk(root);
-  while (const auto* node = walk.next()) {
-    if ((*node)->getDeviceId() == deviceId) return node->get();
-  }
-  return nullptr;
+  DeviceNode* found = nullptr;
+  anyNode(root, [&](DeviceNode& node) {
+    if (node.getDeviceId() == deviceId) found = &node;
+    return found != nullptr;
+  });
+  return found;
 }
 
 // Files a copy of `value` unless its name is taken; `what` names the kind of entry in the refusal.

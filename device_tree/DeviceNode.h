@@ -183,6 +183,8 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   std::string sameIdRefusal() const;
   void appendOwnText(std::string& text, unsigned int indent) const;
 
+  friend struct DeviceNodePeer;  // lets tests file entries without an object
+
   std::string deviceId;
   std::string name;
   DeviceClass deviceClass = static_cast<DeviceClass>(0);

@@ -13,6 +13,10 @@
 
 namespace orv::device_tree {
 
+namespace utils {
+class EventHelper;
+}
+
 class ORV_DEVICE_TREE_EXPORT GlobalStatus {
  public:
   /// Any 32-bit number may be held. One outside the enumeration counts as an error in texts and in
@@ -50,6 +54,7 @@ class ORV_DEVICE_TREE_EXPORT GlobalStatus {
 
  private:
   friend class DeviceNode;
+  friend class utils::EventHelper;
 
   void read(const orv::proto::monitoring::GlobalStatus& source);
 };

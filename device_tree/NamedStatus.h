@@ -24,6 +24,10 @@
 
 namespace orv::device_tree {
 
+namespace utils {
+class EventHelper;
+}
+
 class ORV_DEVICE_TREE_EXPORT NamedStatus {
  public:
   /// Any 32-bit number may be held; one outside the enumeration is an unknown type.
@@ -80,6 +84,7 @@ class ORV_DEVICE_TREE_EXPORT NamedStatus {
 
  private:
   friend class DeviceNode;
+  friend class utils::EventHelper;
 
   NamedStatus() = default;
   void read(const orv::proto::monitoring::NamedStatus& source);

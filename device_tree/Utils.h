@@ -31,6 +31,7 @@
 #include <string>
 #include <utility>
 
+#include "device_tree/ConfigurationDifference.h"
 #include "device_tree/DeviceNode.h"
 #include "device_tree/Export.h"
 #include "device_tree/GlobalStatus.h"
@@ -61,6 +62,26 @@ ORV_DEVICE_TREE_EXPORT void GetStatusDifferences(
     std::list<std::pair<std::string, GlobalStatus>>& globalStatusChanges,
     std::list<std::pair<std::string, std::shared_ptr<NamedStatus>>>& namedStatusChanges) noexcept;
 
+/// Appends what differs between the two configurations. A device that was added or removed stands
+/// for its whole subtree. So does an absent tree, and a root of another identifier is another tree.
+///
+/// Here a sub-device is compared with the sub-device of the same identifier directly below the
+/// device that its parent is compared with. Entries come in walk order: of a device its name, its
+/// properties, its statuses, then its sub-devices, all in the order of their keys; what is filed
+/// under one key in both trees comes in the place of the old one. A status counts as one of
+/// another type also where the object filed under the key carries another name. An entry that
+/// holds an object in one tree only counts as changed.
+///
+/// Where no identifier repeats within a tree, entries are appended exactly when
+/// `IsSameConfiguration` is false. Where one does, that may compare other devices: either of the
+/// two may find a difference where the other finds none.
+///
+/// Throws std::bad_alloc, and then has appended nothing. O(n), at most twice a walk over both
+/// trees, where the trees are in step; a sub-device out of step costs a search among its siblings.
+ORV_DEVICE_TREE_EXPORT void GetConfigurationDifferences(
+    const std::shared_ptr<DeviceNode>& oldTree, const std::shared_ptr<DeviceNode>& newTree,
+    std::list<ConfigurationDifference>& differences);
+
 class ORV_DEVICE_TREE_EXPORT EventHelper {
  public:
   EventHelper() = delete;
@@ -81,6 +102,51 @@ class ORV_DEVICE_TREE_EXPORT EventHelper {
   static bool ComputeEvent(const std::shared_ptr<DeviceNode>& oldTree,
                            const std::shared_ptr<DeviceNode>& newTree,
                            orv::proto::monitoring::DeviceToOrvServiceEvent& event) noexcept;
+
+  /// Carries out on `tree`, where an empty pointer stands for no tree, what `event` says, and
+  /// returns whether it did. A receiver keeps its tree with it. A sender brings its snapshot up to
+  /// date with it, also when the live tree has moved on: the event holds what was sent.
+  ///
+  ///     DEVICE_ADD, CONFIGURATION_CHANGE   `tree` becomes a new tree, built from the message; the
+  ///                                        old one is let go as it is
+  ///     DEVICE_REMOVE                      `tree` becomes empty, if it is not already
+  ///     STATUS_CHANGE                      each device named gets the health, each status named
+  ///     the
+  ///                                        value or none; the objects stay the same
+  ///
+  /// Applying an event twice is applying it once. Nothing is shared with the message.
+  ///
+  /// A refused event changes nothing at all. `errorMessage` is emptied first and then says what was
+  /// wrong; where there is a tree, it is the `formatMessage` of its root that says it. Refused are:
+  /// an event without a type, or of a type outside the enumeration; one without the extension of
+  /// its type; a tree that is not in the message or cannot be built; the removal of a root of
+  /// another identifier; a status change without a tree; a change of a device or status that the
+  /// tree has not, or of a status of another type. A change of a device without an identifier is
+  /// passed over where the tree has none.
+  ///
+  /// What does not come with an event:
+  ///
+  /// - the change of a device's class alone;
+  /// - the step of an integer from 0 to not set, or back;
+  /// - a value whose kind is not that of its type: it arrives as not set;
+  /// - what happens to a sub-device without an identifier;
+  /// - which of several devices is meant, where an identifier repeats: the one changed is any of
+  ///   them, the same for the same event and tree.
+  ///
+  /// For a snapshot that is kept this way, it means that what was not carried is reported again,
+  /// and so is a NaN; a sub-device without an identifier makes every report bring the whole tree.
+  /// Who needs those takes a deep copy as the snapshot instead.
+  ///
+  /// Throws std::bad_alloc; then `tree` is unchanged. A whole tree costs what its construction from
+  /// a message costs. A status change costs a look at the identifiers, which ends with the last
+  /// device named, where the changes of both lists come in walk order. Otherwise it costs two, and
+  /// O(log of the number of changes) for each device.
+  static bool ApplyEvent(const orv::proto::monitoring::DeviceToOrvServiceEvent& event,
+                         std::shared_ptr<DeviceNode>& tree, std::string& errorMessage);
+
+ private:
+  static std::string changeStatuses(const orv::proto::monitoring::DeviceToOrvServiceEvent& event,
+                                    DeviceNode* tree);
 };
 
 }  // namespace orv::device_tree::utils

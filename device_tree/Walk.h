@@ -68,4 +68,15 @@ class Walk {
   std::vector<Level> levels_;
 };
 
+// Visits the root and then the nodes below it, until the visitor returns true. Whether it has.
+template <typename Visit>
+bool anyNode(DeviceNode& root, Visit visit) {
+  if (visit(root)) return true;
+  Walk walk(root);
+  while (const auto* node = walk.next()) {
+    if (visit(**node)) return true;
+  }
+  return false;
+}
+
 }  // namespace orv::device_tree
