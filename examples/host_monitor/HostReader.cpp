@@ -143,8 +143,8 @@ void addNetworkInterfaces(const fs::path& interfaces, DeviceNode& host) {
     addProperty(device, "address", line(directory / "address"));
     addProperty(device, "mtu", line(directory / "mtu"));
     setStatus(device, "state", line(directory / "operstate"));
-    const auto speed = number<long>(line(directory / "speed"));  // -1 where it means nothing
-    setStatus(device, "speed_mbit", speed == -1L ? std::nullopt : speed);
+    const auto speed = line(directory / "speed");  // -1 where it means nothing
+    setStatus(device, "speed_mbit", speed == "-1" ? std::nullopt : number<unsigned long>(speed));
     for (const std::string counter : {"rx_bytes", "tx_bytes", "rx_errors", "tx_errors"}) {
       setStatus(device, counter, number<unsigned long>(line(directory / "statistics" / counter)));
     }

@@ -14,14 +14,12 @@
 #include <system_error>
 
 #include "HostReader.h"
+#include "Summary.h"
 #include "device_tree/Utils.h"
 
-namespace proto = orv::proto::monitoring;
-namespace utils = orv::device_tree::utils;
 using orv::device_tree::DeviceNode;
-using orv::device_tree::GlobalStatus;
-using orv::device_tree::NamedStatus;
-using Event = proto::DeviceToOrvServiceEvent;
+using orv::device_tree::utils::EventHelper;
+using Event = orv::proto::monitoring::DeviceToOrvServiceEvent;
 
 namespace {
 
@@ -100,36 +98,6 @@ Options parse(int argc, char** argv) {
   throw std::runtime_error(std::string("unexpected argument '") + argv[optind] + "'");
 }
 
-// The new configuration comes as a whole tree; what is new in it follows from the snapshot.
-void printSummary(const std::string& heading, const Event& event,
-                  const std::shared_ptr<DeviceNode>& snapshot,
-                  const std::shared_ptr<DeviceNode>& live) {
-  const auto printChange = [&](const std::string& deviceId, const std::string& change) {
-    print(heading + deviceId + ": " + change + "\n");
-  };
-  if (event.event_type() == Event::STATUS_CHANGE) {
-    const auto& changes = event.GetExtension(proto::StatusChangeEvent::base);
-    for (const auto& change : changes.global_status_changes()) {
-      printChange(change.device_id(), GlobalStatus(change.status()).debugString());
-    }
-    for (const auto& change : changes.named_status_changes()) {
-      printChange(change.device_id(), NamedStatus(change.status()).debugString());
-    }
-    return;
-  }
-  const std::string size = std::to_string(live->getTreeDeviceIds().size()) + " devices, ";
-  printChange(live->getDeviceId(), (snapshot ? "reconfigured, " : "added, ") + size +
-                                       live->getGlobalStatus().debugString());
-  if (!snapshot) return;
-  for (const auto& [id, part] : live->getSubDevices()) {
-    const std::shared_ptr<DeviceNode> old = snapshot->getDeviceById(id);
-    if (!utils::IsSameConfiguration(old, part)) printChange(id, old ? "reconfigured" : "added");
-  }
-  for (const std::string& id : snapshot->getSubDeviceIds(false)) {
-    if (!live->getDeviceById(id)) printChange(id, "removed");
-  }
-}
-
 void monitor(const Options& options) {
   // The signals wait until the program does, so that no report is cut short.
   sigset_t signals;
@@ -147,14 +115,17 @@ void monitor(const Options& options) {
   for (unsigned long reading = 1;; ++reading) {
     updateHost(options.root, *live);
     if (reading == 1 && options.tree) print(live->debugString() + "\n");
-    if (utils::EventHelper::ComputeEvent(snapshot, live, event)) {
+    if (EventHelper::ComputeEvent(snapshot, live, event)) {
       const std::string number = std::to_string(reading);
       if (options.format == "text") {
         print("# reading " + number + "\n" + event.Utf8DebugString());
       } else {
-        printSummary(number + " ", event, snapshot, live);
+        for (const std::string& line : summaryOf(event, snapshot, live)) {
+          print(number + " " + line + "\n");
+        }
       }
-      snapshot = std::make_shared<DeviceNode>(*live);
+      std::string refusal;
+      if (!EventHelper::ApplyEvent(event, snapshot, refusal)) throw std::logic_error(refusal);
     }
     if (reading == options.count || sigtimedwait(&signals, nullptr, &interval) > 0) return;
   }

@@ -10,7 +10,9 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <vector>
 
+#include "Summary.h"
 #include "device_tree/DeviceNode.h"
 #include "device_tree/Utils.h"
 #include "proto/monitoring/device_events.pb.h"
@@ -22,10 +24,12 @@ using orv::device_tree::utils::EventHelper;
 
 namespace {
 
-constexpr const char* usage = R"(Usage: snapshot_diff OLD NEW
+constexpr const char* usage = R"(Usage: snapshot_diff [--explain] OLD NEW
 
 Reads two device trees, messages of type orv.proto.monitoring.DeviceNode in Protocol Buffers text
 form, and prints the event that leads from OLD to NEW in the same form. "-" stands for no tree.
+
+  --explain  print a line for each change instead, of the configuration as well
 
 Exit status: 0 when there is nothing to report, 1 when an event was printed, 2 on bad input.
 )";
@@ -68,19 +72,27 @@ std::shared_ptr<DeviceNode> readTree(const std::string& file) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && std::string(argv[1]) == "--help") {
+  std::vector<std::string> arguments(argv + 1, argv + argc);
+  if (arguments == std::vector<std::string>{"--help"}) {
     std::cout << usage;
     return 0;
   }
   try {
-    if (argc != 3) throw std::runtime_error("expected two files, OLD and NEW (see --help)");
-    const std::shared_ptr<DeviceNode> oldTree = readTree(argv[1]);
-    const std::shared_ptr<DeviceNode> newTree = readTree(argv[2]);
+    const bool explain = !arguments.empty() && arguments.front() == "--explain";
+    if (explain) arguments.erase(arguments.begin());
+    if (arguments.size() != 2) {
+      throw std::runtime_error("expected two files, OLD and NEW (see --help)");
+    }
+    const std::shared_ptr<DeviceNode> oldTree = readTree(arguments[0]);
+    const std::shared_ptr<DeviceNode> newTree = readTree(arguments[1]);
     proto::DeviceToOrvServiceEvent event;
     if (!EventHelper::ComputeEvent(oldTree, newTree, event)) return 0;
-    if (!(std::cout << event.Utf8DebugString() << std::flush)) {
-      throw std::runtime_error("cannot write the output");
+    if (explain) {
+      for (const std::string& line : summaryOf(event, oldTree, newTree)) std::cout << line << '\n';
+    } else {
+      std::cout << event.Utf8DebugString();
     }
+    if (!std::cout.flush()) throw std::runtime_error("cannot write the output");
     return 1;
   } catch (const std::exception& fault) {
     std::cerr << argv[0] << ": " << fault.what() << "\n";

@@ -84,12 +84,12 @@ class HostMonitorTest(ProgramTest):
                 "host/hwmon0/temp1: Warning: critical temperature",
                 "host/hwmon0/temp1: celsius (double 95.000000)"]),
             ("sys/class/net/eth0/speed", "unreadable", [
-                "host/net/eth0: speed_mbit (int not set)"]),
+                "host/net/eth0: speed_mbit (uint not set)"]),
             ("sys/class/net/eth0/mtu", "1400", [
                 "host: reconfigured, 11 devices, Warning: host/hwmon0/temp1, host/net/eth0",
-                "host/net/eth0: reconfigured"]),
+                "host/net/eth0: property mtu changed"]),
             ("proc/mounts", "/dev/sda1 / ext4 rw 0 0\n/dev/sdb1 /media/disc iso9660 ro 0 0\n", [
-                None, "host/fs/: added", "host/fs/srv/my data: removed"]),
+                None, "host/fs/: device added", "host/fs/srv/my data: device removed"]),
         ]
         for file, text, expected in steps:
             self.write("machine/" + file, text + "\n")
@@ -101,11 +101,11 @@ class HostMonitorTest(ProgramTest):
     def test_sources_that_disappear(self):
         program = self.start("--interval", "0.2", "--count", "0")
         for source, change in [
-                ("sys/class/net/eth0", "host/net/eth0: removed"),
-                ("sys/class/hwmon", "host/hwmon0/temp2: removed"),
-                ("sys/block/sda/device/model", "host/block/sda: reconfigured"),
+                ("sys/class/net/eth0", "host/net/eth0: device removed"),
+                ("sys/class/hwmon", "host/hwmon0/temp2: device removed"),
+                ("sys/block/sda/device/model", "host/block/sda: property model changed"),
                 ("proc/stat", "host/cpu0: state (string offline)"),
-                ("sys", "host/cpu0: removed")]:
+                ("sys", "host/cpu0: device removed")]:
             os.rename(self.root / source, self.directory / "away")
             while change not in (line := program.stdout.readline()):
                 self.assertNotEqual("", line, change)

@@ -1,0 +1,15 @@
+// An event in words: a line for each change.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "device_tree/DeviceNode.h"
+#include "proto/monitoring/device_events.pb.h"
+
+// The lines for the event that led from the old tree to the new one, either of which may be absent.
+// The new configuration comes as a whole tree; what is new in it follows from the old one.
+std::vector<std::string> summaryOf(const orv::proto::monitoring::DeviceToOrvServiceEvent& event,
+                                   const std::shared_ptr<orv::device_tree::DeviceNode>& oldTree,
+                                   const std::shared_ptr<orv::device_tree::DeviceNode>& newTree);
