@@ -1,6 +1,6 @@
-# What `cmake --install` puts beside the two libraries, their headers and schemas: the package config
-# and the pkg-config file. Everything follows the prefix that is chosen when installing, but for a
-# CMAKE_INSTALL_LIBDIR that is absolute.
+# What `cmake --install` puts beside the two libraries, their headers and schemas: the package
+# config, the pkg-config file and the receiver in Python, an example. Everything follows the prefix
+# that is chosen when installing, but for a CMAKE_INSTALL_LIBDIR that is absolute.
 include(CMakePackageConfigHelpers)
 
 set(proto_install_dir ${CMAKE_INSTALL_DATADIR}/${PROJECT_NAME}/proto)
@@ -37,4 +37,7 @@ install(EXPORT ${PROJECT_NAME}
   COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/${PROJECT_NAME}.pc
   DESTINATION ${pc_install_dir}
+  COMPONENT development)
+install(FILES ${PROJECT_SOURCE_DIR}/docs/receiver.py
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liborv-device-tree-dev/examples
   COMPONENT development)

@@ -176,12 +176,12 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   void toProtoBuf(orv::proto::monitoring::DeviceNode& target) const noexcept;
 
  private:
-  void copyOwn(const DeviceNode& other);
-  void copySubDevices(const DeviceNode& other);
-  void readOwn(const orv::proto::monitoring::DeviceNode& message);
-  void writeOwn(orv::proto::monitoring::DeviceNode& target) const;
-  std::string sameIdRefusal() const;
-  void appendOwnText(std::string& text, unsigned int indent) const;
+  ORV_DEVICE_TREE_NO_EXPORT void copyOwn(const DeviceNode& other);
+  ORV_DEVICE_TREE_NO_EXPORT void copySubDevices(const DeviceNode& other);
+  ORV_DEVICE_TREE_NO_EXPORT void readOwn(const orv::proto::monitoring::DeviceNode& message);
+  ORV_DEVICE_TREE_NO_EXPORT void writeOwn(orv::proto::monitoring::DeviceNode& target) const;
+  ORV_DEVICE_TREE_NO_EXPORT std::string sameIdRefusal() const;
+  ORV_DEVICE_TREE_NO_EXPORT void appendOwnText(std::string& text, unsigned int indent) const;
 
   friend struct DeviceNodePeer;  // lets tests file entries without an object
 

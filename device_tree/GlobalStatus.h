@@ -56,7 +56,7 @@ class ORV_DEVICE_TREE_EXPORT GlobalStatus {
   friend class DeviceNode;
   friend class utils::EventHelper;
 
-  void read(const orv::proto::monitoring::GlobalStatus& source);
+  ORV_DEVICE_TREE_NO_EXPORT void read(const orv::proto::monitoring::GlobalStatus& source);
 };
 
 }  // namespace orv::device_tree

@@ -87,7 +87,7 @@ class ORV_DEVICE_TREE_EXPORT NamedStatus {
   friend class utils::EventHelper;
 
   NamedStatus() = default;
-  void read(const orv::proto::monitoring::NamedStatus& source);
+  ORV_DEVICE_TREE_NO_EXPORT void read(const orv::proto::monitoring::NamedStatus& source);
 
   std::string name;
   Type type = TYPE_INT;

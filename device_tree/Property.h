@@ -54,7 +54,7 @@ class ORV_DEVICE_TREE_EXPORT Property {
   friend class DeviceNode;
 
   Property() = default;
-  void read(const orv::proto::monitoring::Property& source);
+  ORV_DEVICE_TREE_NO_EXPORT void read(const orv::proto::monitoring::Property& source);
 };
 
 /// @cond

@@ -145,8 +145,8 @@ class ORV_DEVICE_TREE_EXPORT EventHelper {
                          std::shared_ptr<DeviceNode>& tree, std::string& errorMessage);
 
  private:
-  static std::string changeStatuses(const orv::proto::monitoring::DeviceToOrvServiceEvent& event,
-                                    DeviceNode* tree);
+  ORV_DEVICE_TREE_NO_EXPORT static std::string changeStatuses(
+      const orv::proto::monitoring::DeviceToOrvServiceEvent& event, DeviceNode* tree);
 };
 
 }  // namespace orv::device_tree::utils

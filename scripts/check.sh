@@ -15,14 +15,7 @@ cmake -S . -B build/check -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER
 cmake --build build/check --target orv_monitoring_proto >/dev/null
 
 echo "clang-tidy"
-mapfile -t compiled < <(python3 -c '
-import json, sys
-root = sys.argv[1]
-for entry in json.load(open("build/check/compile_commands.json")):
-    if entry["file"].endswith(".cpp") and not entry["file"].startswith(root + "/build/"):
-        print(entry["file"])' "$PWD" | sort -u)
-printf '%s\0' "${compiled[@]}" | xargs -0 -n 1 -P "$(nproc)" clang-tidy --quiet -p build/check \
-  2> >(grep -v 'warnings generated' >&2)
+run-clang-tidy -quiet -p build/check "^$PWD/(?!build/)" 2> >(grep -v 'warnings generated' >&2)
 
 echo "cppcheck"
 cppcheck --quiet --error-exitcode=1 --std=c++17 --enable=warning,performance,portability \

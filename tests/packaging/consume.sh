@@ -1,33 +1,31 @@
 #!/usr/bin/env bash
-# Uses an installed tree as its users do: a program built through pkg-config with assertions, in
-# C++17 and in C++20 linked as for a static library, one built through find_package without
-# assertions, and the schemas.
+# Uses an installed tree as its users do: a program through pkg-config, with assertions, in C++20
+# and as strictly as WARNINGS say; one through find_package, in C++17; the schemas and the receiver.
 #
-#   ./tests/packaging/consume.sh PREFIX     e.g. /usr
+#   ./tests/packaging/consume.sh PREFIX PROGRAM [OPTION OF PKG-CONFIG]     e.g. /usr program.cpp
 set -euo pipefail
 
 prefix=$1
+program=$(realpath "$2")
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name orv-device-tree.pc)")
 export PKG_CONFIG_PATH
-library_dir=$(pkg-config --variable=libdir orv-device-tree)
+library() { pkg-config "$@" orv-device-tree; }
 
-build_and_run() {  # STANDARD [OPTION OF PKG-CONFIG]
-  # shellcheck disable=SC2046 # the flags are separate words
-  "${CXX:-g++}" -std=c++"$1" "$here/consumer.cpp" -o "$work/consumer" \
-    $(pkg-config --cflags --libs "${@:2}" orv-device-tree) -Wl,-rpath,"$library_dir"
-  "$work/consumer"
-}
-build_and_run 17
-build_and_run 20 --static
+# shellcheck disable=SC2046,SC2086 # the flags are separate words
+"${CXX:-g++}" -std=c++20 ${WARNINGS:-} "$here/boundary.cpp" -o "$work/boundary" \
+  $(library --cflags --libs "${@:3}") -Wl,-rpath,"$(library --variable=libdir)"
+"$work/boundary"
 
-protoc --proto_path="$(pkg-config --variable=protodir orv-device-tree)" \
-  --descriptor_set_out=/dev/null proto/monitoring/device_events.proto
+cmake -S "$here/consumer" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+  -DPROGRAM="$program"
+cmake --build "$work/build"
+"$work/build/consumer"
 
-cmake -S "$here/find_package" -B "$work/find_package" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
-  -DCMAKE_BUILD_TYPE=Release
-cmake --build "$work/find_package"
-"$work/find_package/consumer"
+schemas=$(library --variable=protodir)
+protoc --proto_path="$schemas" --python_out="$work" "$schemas"/proto/monitoring/*.proto
+cp "$prefix"/share/doc/liborv-device-tree-dev/examples/receiver.py "$work"
+(cd "$work" && /usr/bin/python3 -B -c 'import receiver')

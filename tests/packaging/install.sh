@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs a build and moves what was installed to PREFIX. No file that people read may name a
-# directory of this machine, and a library looks for its own kind only beside itself.
+# directory of this machine, a library looks for its own kind only beside itself, and every header
+# compiles on its own as strictly as WARNINGS say.
 #
 #   ./tests/packaging/install.sh BUILD_DIR PREFIX
 set -euo pipefail
@@ -8,22 +9,22 @@ set -euo pipefail
 build=$1
 prefix=$2
 source_dir=$(cd "$(dirname "$0")/../.." && pwd)
+refuse() { ! grep . || { echo "$1" >&2; exit 1; }; }  # what it reads, if anything
 
 rm -rf "$prefix" "$prefix.staged"
 cmake --install "$build" --prefix "$prefix.staged" >/dev/null
 mv "$prefix.staged" "$prefix"
 
-if grep -rI -F -e "$source_dir" -e "$build" "$prefix"; then
-  echo "What is installed must not name these directories" >&2
-  exit 1
-fi
-find "$prefix" -name '*.so.*' -type f | while read -r library; do
-  if readelf -d "$library" | grep -E '\((RPATH|RUNPATH)\)' | grep -v -F "[\$ORIGIN]"; then
-    echo "$library looks for libraries in a directory of its own" >&2
-    exit 1
-  fi
+{ grep -rI -F -e "$source_dir" -e "$build" "$prefix" || true; } |
+  refuse "What is installed must not name these directories"
+find "$prefix" -name '*.so' -exec readelf -d {} + | { grep -E 'RPATH|RUNPATH' || true; } |
+  { grep -v -F "[\$ORIGIN]" || true; } | refuse "The libraries look into directories of their own"
+find "$prefix" -name Walk.h -o -name Comparison.h |
+  refuse "Internal headers must not be installed"
+
+cd "$prefix/include/orv"
+find . -name '*.h' ! -name '*.pb.h' -printf '#include "%P"\n' | while read -r include; do
+  echo "$include"
+  # shellcheck disable=SC2086 # the flags are separate words
+  "${CXX:-g++}" -std=c++20 $WARNINGS -I . -fsyntax-only -x c++ - <<<"$include"
 done
-if find "$prefix" -name Walk.h -o -name Comparison.h | grep .; then
-  echo "Internal headers must not be installed" >&2
-  exit 1
-fi

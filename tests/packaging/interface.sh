@@ -1,24 +1,24 @@
 #!/usr/bin/env bash
-# Compares the binary interface of the shared library, its exported names and the layout of
-# DeviceNode, with interface.txt, and shows what is gone (-) and what is new (+). A name that is
-# gone, and any change of layout, breaks programs that are already linked: raise the ABI version.
+# Compares the binary interface that is installed below PREFIX with interface.txt and shows what is
+# gone (-) and what is new (+): the names that the library exports, and the sizes, bases and virtual
+# functions of its classes. A name that is gone, and any change of a class, breaks programs that are
+# already linked: raise the ABI version.
 #
-#   ./tests/packaging/interface.sh LIBRARY LAYOUT_PROGRAM [--update]
+#   ./tests/packaging/interface.sh PREFIX [--update]
 set -euo pipefail
 export LC_ALL=C
 
 expected=$(dirname "$0")/interface.txt
+actual=$({
+  nm -DC --defined-only "$1/lib/liborv_device_tree.so" | cut -d ' ' -f 3- | sort -u
+  g++ -std=c++17 -I "$1/include/orv" -fsyntax-only -fdump-lang-class=/dev/stdout \
+    -x c++ - <<<'#include "device_tree/Utils.h"' |
+    awk -v RS= '/^(Class|Vtable for) orv::(device_tree|utils)::[A-Za-z:]+\n/'
+} | sed -e 's/\[abi:cxx11\]//g' -e ':again; s/> >/>>/g; t again' -e 's/std::__cxx11::/std::/g' \
+  -e 's/std::basic_string<char, std::char_traits<char>, std::allocator<char>>/std::string/g' \
+  -e 's/ (0x0x[0-9a-f]*)//' -e '/base size=\|vptr=\|primary-for/d')
 
-interface() {
-  {
-    nm -DC --defined-only "$1" | cut -d ' ' -f 3- | sort -u
-    "$2"
-  } | sed -e 's/\[abi:cxx11\]//g' -e ':again; s/> >/>>/g; t again' -e 's/std::__cxx11::/std::/g' \
-    -e 's/std::basic_string<char, std::char_traits<char>, std::allocator<char>>/std::string/g'
-}
-
-actual=$(interface "$1" "$2")
-if [ "${3:-}" = --update ]; then
+if [ "${2:-}" = --update ]; then
   echo "$actual" >"$expected"
 fi
 diff -U 0 --label interface.txt --label "$1" "$expected" - <<<"$actual"

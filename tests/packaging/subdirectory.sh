@@ -1,27 +1,25 @@
 #!/usr/bin/env bash
-# Builds and runs a program that takes the library in as a subdirectory. The library must add
-# nothing to what that program installs; asked to, it installs itself into PREFIX, here under
-# directories that are named absolutely.
+# Builds and runs a program that takes the library in. The library must add nothing to what that
+# program installs; asked to, it installs itself below PREFIX, into directories that are named
+# absolutely.
 #
-#   ./tests/packaging/subdirectory.sh WORK_DIR PREFIX [CMAKE_OPTION...]
+#   ./tests/packaging/subdirectory.sh WORK_DIR PREFIX CMAKE_OPTION...
 set -euo pipefail
 
 source_dir=$(cd "$(dirname "$0")/../.." && pwd)
 work=$1
 prefix=$2
-shift 2
 
 rm -rf "$work" "$prefix"
-cmake -S "$source_dir/tests/packaging/subdirectory" -B "$work" -G Ninja "$@" \
+cmake -S "$source_dir/tests/packaging/consumer" -B "$work" -G Ninja "${@:3}" \
   -DORV_SOURCE_DIR="$source_dir" -DCMAKE_INSTALL_PREFIX="$prefix" \
   -DCMAKE_INSTALL_LIBDIR="$prefix/lib" -DCMAKE_INSTALL_INCLUDEDIR="$prefix/include"
 cmake --build "$work"
 "$work/consumer"
 
 cmake --install "$work"
-installed=$(find "$prefix" -type f -printf '%P\n')
-if [ "$installed" != bin/consumer ]; then
-  echo "Installed beside the program:" "$installed" >&2
+if [ "$(find "$prefix" -type f -printf '%P\n')" != bin/consumer ]; then
+  echo "More is installed than the program" >&2
   exit 1
 fi
 cmake "$work" -DORV_INSTALL=ON
