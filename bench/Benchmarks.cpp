@@ -65,15 +65,17 @@ int main(int argc, char** argv) {
     std::cerr << "usage: " << argv[0] << " [--quick] [--benchmark_...]\n";
     return 2;
   }
-  bench::Scope scope{{100, 1000, 10000, 100000}, 7, 0.03};
+  bench::Scope scope{{100, 1000, 10000}, 7, 0.03};
   if (quick) scope = {{100, 1000, 10000}, 3, 0.01};
   bench::addComparisons(scope);
+  if (!quick) bench::addComparisons({{100000}, 5, 0.03});
   scope.rounds = 3;  // what comes now takes longer and is further from the lock-step walk
-  if (quick) scope.sizes.pop_back();
+  scope.sizes = {100, 1000};
+  if (!quick) scope.sizes = {100, 1000, 10000, 100000};
   bench::addRivals(scope);
   bench::addOperations(scope);
-  scope.sizes = {4000, 40000, 1000000};
-  if (quick) scope.sizes.pop_back();
+  scope.sizes = {4000, 40000};
+  if (!quick) scope.sizes = {4000, 40000, 1000000};
   bench::addMessages(scope);
   benchmark::RunSpecifiedBenchmarks();
 }

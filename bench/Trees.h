@@ -3,12 +3,14 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <memory>
 #include <numeric>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "device_tree/DeviceNode.h"
@@ -26,21 +28,9 @@ enum class Shape { FLAT, FAN_OUT, CHAIN, RACKS, RACKS_REPEATED };
 enum class Memory { WALK_ORDER, SCATTERED };
 enum class Change { NOTHING, ONE_STATUS, PERCENT_OF_STATUSES, LAST_PROPERTY };
 
-inline const char* text(Shape shape) {
-  switch (shape) {
-    case Shape::FLAT:
-      return "flat";
-    case Shape::FAN_OUT:
-      return "fan-out 8";
-    case Shape::CHAIN:
-      return "chain";
-    case Shape::RACKS:
-      return "the units of every rack are called alike";
-    case Shape::RACKS_REPEATED:
-      return "so is one sub-device of the root";
-  }
-  return "?";
-}
+// The shapes that most is measured on, by their names in the tables.
+constexpr std::array<std::pair<Shape, const char*>, 3> shapes{
+    {{Shape::FLAT, "flat"}, {Shape::FAN_OUT, "fan-out 8"}, {Shape::CHAIN, "chain"}}};
 
 // The parent of each device, both by their places in the walk. The root is its own.
 inline std::vector<std::size_t> parentPlaces(Shape shape, std::size_t devices) {

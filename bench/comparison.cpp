@@ -90,28 +90,29 @@ Way reportWay(const std::string& name) {
 }
 
 void addComparisons(const Scope& scope) {
-  for (const Shape shape : {Shape::FLAT, Shape::FAN_OUT, Shape::CHAIN}) {
+  const std::vector<Way> comparing{lockStepWay(), comparisonWay()};
+  const std::vector<Way> reporting{lockStepWay(), reportWay("event applied"), receivedWay(),
+                                   copyingReportWay()};
+  for (const auto& [shape, name] : shapes) {
     for (const Memory memory : {Memory::WALK_ORDER, Memory::SCATTERED}) {
-      const std::string row = std::string(text(shape)) +
-                              (memory == Memory::WALK_ORDER ? ", walk order" : ", scattered");
-      const std::vector<Way> ways{lockStepWay(), comparisonWay()};
+      const std::string row =
+          name + std::string(memory == Memory::WALK_ORDER ? ", walk order" : ", scattered");
       const std::vector<Contest> contests{
-          {"comparison", row + ": nothing", Change::NOTHING, ways},
-          {"comparison", row + ": 1 % of statuses", Change::PERCENT_OF_STATUSES, ways},
-          {"comparison", row + ": last property", Change::LAST_PROPERTY, ways},
-          {"report",
-           row,
-           Change::ONE_STATUS,
-           {lockStepWay(), reportWay("event applied"), receivedWay(), copyingReportWay()}}};
+          {"comparison", row + ": nothing", Change::NOTHING, comparing},
+          {"comparison", row + ": 1 % of statuses", Change::PERCENT_OF_STATUSES, comparing},
+          {"comparison", row + ": last property", Change::LAST_PROPERTY, comparing},
+          {"report", row, Change::ONE_STATUS, reporting}};
       for (const std::size_t size : scope.sizes) add({shape, memory, size}, contests, scope);
     }
   }
-  for (const Shape shape : {Shape::RACKS, Shape::RACKS_REPEATED}) {
+  const auto addRepeated = [&](Shape shape, const std::string& row) {
     for (const std::size_t size : scope.sizes) {
-      add({shape, Memory::WALK_ORDER, size},
-          {{"repeated", text(shape), Change::ONE_STATUS, {lockStepWay(), comparisonWay()}}}, scope);
+      add({shape, Memory::WALK_ORDER, size}, {{"repeated", row, Change::ONE_STATUS, comparing}},
+          scope);
     }
-  }
+  };
+  addRepeated(Shape::RACKS, "the units of every rack are called alike");
+  addRepeated(Shape::RACKS_REPEATED, "so is one sub-device of the root");
 }
 
 }  // namespace bench

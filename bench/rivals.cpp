@@ -166,7 +166,7 @@ Way bytesWay(std::size_t mostDevices) {
 }  // namespace
 
 void addRivals(const Scope& scope) {
-  for (const Shape shape : {Shape::FLAT, Shape::FAN_OUT, Shape::CHAIN}) {
+  for (const auto& [shape, name] : shapes) {
     // All but the first two recurse once for each level, and the JSON diff keeps the path of every
     // open one; the plain definition searches all sub-devices of a device for each of them.
     const bool chain = shape == Shape::CHAIN;
@@ -178,8 +178,7 @@ void addRivals(const Scope& scope) {
                                 jsonAloneWay(chain ? 1000 : 100000),
                                 bytesWay(chain ? 10000 : 100000)};
     for (const std::size_t size : scope.sizes) {
-      add({shape, Memory::WALK_ORDER, size}, {{"rivals", text(shape), Change::ONE_STATUS, ways}},
-          scope);
+      add({shape, Memory::WALK_ORDER, size}, {{"rivals", name, Change::ONE_STATUS, ways}}, scope);
     }
   }
 }
