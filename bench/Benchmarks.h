@@ -22,28 +22,36 @@ struct Way {
   std::size_t mostDevices = std::numeric_limits<std::size_t>::max();
 };
 
+// Ways to be held against the first of them, on trees that differ by `change`.
+struct Contest {
+  std::string topic;
+  std::string row;  // of the table of the topic
+  Change change;
+  std::vector<Way> ways;
+};
+
 struct Scope {
   std::vector<std::size_t> sizes;
   int rounds;
   double seconds;  // each way at least, in each round
 };
 
-// Registers the ways as benchmarks named topic/shape/memory/devices/change/way, one for each round.
-void add(const std::string& topic, const Setting& setting, const std::vector<Way>& ways,
-         const Scope& scope);
+// Registers one run of a way as the benchmark topic/row/devices/way.
+void addRun(const std::string& topic, const std::string& row, std::size_t devices,
+            const std::string& way, const std::function<Job()>& prepare, double seconds);
 
-// The way that all others are held against, see LockStep.h.
+// Registers all rounds of the contests, all on the trees of the setting.
+void add(const Setting& setting, const std::vector<Contest>& contests, const Scope& scope);
+
+// The way that others are held against, see LockStep.h.
 Way lockStepWay();
-// EventHelper::ComputeEvent with a message that is kept or, if the configuration differs,
-// IsSameConfiguration.
-Way libraryWay();
+// A report of one status, after which that status changes again: ComputeEvent with a message that
+// is kept, and ApplyEvent on the snapshot.
+Way reportWay(const std::string& name);
 
-void addComparison(const Scope& scope);
+void addComparisons(const Scope& scope);
 void addRivals(const Scope& scope);
-void addEvents(const Scope& scope);
-void addCopy(const Scope& scope);
-void addConversion(const Scope& scope);
-void addQueries(const Scope& scope);
-void addBuilding(const Scope& scope);
+void addOperations(const Scope& scope);
+void addMessages(const Scope& scope);
 
 }  // namespace bench

@@ -13,14 +13,14 @@ namespace bench {
 using orv::device_tree::DeviceNode;
 using orv::device_tree::NamedStatus;
 
-struct Change {
+struct Difference {
   const DeviceNode* device;
   const NamedStatus* status;  // nullptr: the health of the device
 };
 
 // Whether the devices themselves, without their sub-devices, have the same configuration.
 inline bool compareDevice(const DeviceNode& oldNode, const DeviceNode& newNode,
-                          std::vector<Change>& changes) {
+                          std::vector<Difference>& changes) {
   if (oldNode.getDeviceId() != newNode.getDeviceId()) return false;
   if (oldNode.getName() != newNode.getName()) return false;
   const auto sameProperty = [](const auto& oldEntry, const auto& newEntry) {
@@ -55,7 +55,7 @@ inline bool compareDevice(const DeviceNode& oldNode, const DeviceNode& newNode,
 
 // Whether the trees have the same configuration; if so, `changes` are those of the state.
 inline bool lockStep(const DeviceNode& oldTree, const DeviceNode& newTree,
-                     std::vector<Change>& changes) {
+                     std::vector<Difference>& changes) {
   changes.clear();
   std::vector<std::pair<const DeviceNode*, const DeviceNode*>> open{{&oldTree, &newTree}};
   while (!open.empty()) {

@@ -3,12 +3,14 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <memory>
 #include <numeric>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "device_tree/DeviceNode.h"
@@ -24,39 +26,11 @@ using NodePtr = std::shared_ptr<DeviceNode>;
 // nothing else repeats one. In RACKS_REPEATED, so does the last sub-device of the root.
 enum class Shape { FLAT, FAN_OUT, CHAIN, RACKS, RACKS_REPEATED };
 enum class Memory { WALK_ORDER, SCATTERED };
-enum class Case { NOTHING, ONE_STATUS, PERCENT_OF_STATUSES, LAST_PROPERTY };
+enum class Change { NOTHING, ONE_STATUS, PERCENT_OF_STATUSES, LAST_PROPERTY };
 
-inline const char* text(Shape shape) {
-  switch (shape) {
-    case Shape::FLAT:
-      return "flat";
-    case Shape::FAN_OUT:
-      return "fan-out 8";
-    case Shape::CHAIN:
-      return "chain";
-    case Shape::RACKS:
-      return "harmless";
-    case Shape::RACKS_REPEATED:
-      return "harmful";
-  }
-  return "?";
-}
-inline const char* text(Memory memory) {
-  return memory == Memory::WALK_ORDER ? "walk order" : "scattered";
-}
-inline const char* text(Case change) {
-  switch (change) {
-    case Case::NOTHING:
-      return "nothing";
-    case Case::ONE_STATUS:
-      return "one status";
-    case Case::PERCENT_OF_STATUSES:
-      return "1 % of statuses";
-    case Case::LAST_PROPERTY:
-      return "last property";
-  }
-  return "?";
-}
+// The shapes that most is measured on, by their names in the tables.
+constexpr std::array<std::pair<Shape, const char*>, 3> shapes{
+    {{Shape::FLAT, "flat"}, {Shape::FAN_OUT, "fan-out 8"}, {Shape::CHAIN, "chain"}}};
 
 // The parent of each device, both by their places in the walk. The root is its own.
 inline std::vector<std::size_t> parentPlaces(Shape shape, std::size_t devices) {
@@ -154,15 +128,15 @@ struct Setting {
   Shape shape;
   Memory memory;
   std::size_t devices;
-  Case change;
 };
 
 inline bool operator==(const Setting& left, const Setting& right) {
-  return left.shape == right.shape && left.memory == right.memory &&
-         left.devices == right.devices && left.change == right.change;
+  return left.shape == right.shape && left.memory == right.memory && left.devices == right.devices;
 }
 
 struct Trees {
+  std::vector<NodePtr> snapshotDevices;  // in walk order
+  std::vector<NodePtr> liveDevices;
   NodePtr snapshot;
   NodePtr live;
   std::size_t changes = 0;  // of statuses
@@ -170,31 +144,43 @@ struct Trees {
 };
 
 inline Trees makeTrees(const Setting& setting) {
-  const auto live = makeDevices(setting.shape, setting.memory, setting.devices, 1);
-  Trees trees{makeDevices(setting.shape, setting.memory, setting.devices, 2).front(), live.front()};
-  const auto changeStatus = [&](const NodePtr& device, const char* name,
-                                const NamedStatus::Value& value) {
-    device->getStatus(name)->setValue(value);
-    ++trees.changes;
-  };
-  switch (setting.change) {
-    case Case::NOTHING:
-      break;
-    case Case::ONE_STATUS:
-      changeStatus(live[live.size() / 2], "temperature", 22.0);
-      break;
-    case Case::PERCENT_OF_STATUSES:  // 8 statuses a device, so 2 of every 25 devices
-      for (std::size_t place = 0; place < live.size(); place += 25) {
-        changeStatus(live[place], "temperature", 22.0);
-        changeStatus(live[place], "link", std::string("down"));
-      }
-      break;
-    case Case::LAST_PROPERTY:
-      live.back()->getProperties().at("serial")->value = std::string("replaced");
-      trees.sameConfiguration = false;
-      break;
-  }
+  Trees trees;
+  trees.liveDevices = makeDevices(setting.shape, setting.memory, setting.devices, 1);
+  trees.snapshotDevices = makeDevices(setting.shape, setting.memory, setting.devices, 2);
+  trees.live = trees.liveDevices.front();
+  trees.snapshot = trees.snapshotDevices.front();
   return trees;
+}
+
+// The status that ONE_STATUS changes: of the device in the middle of the walk.
+inline std::shared_ptr<NamedStatus> oneStatus(const std::vector<NodePtr>& devices) {
+  return devices[devices.size() / 2]->getStatus("uptime");
+}
+
+// Gives it the other one of its two values.
+inline void toggle(NamedStatus& status) {
+  status.setValue(boost::get<unsigned long>(status.getValue()) ^ 1UL);
+}
+
+// Makes the change the only difference between the trees, whatever was changed before.
+inline void makeDiffer(Trees& trees, Change change) {
+  const auto& live = trees.liveDevices;
+  const auto middle = oneStatus(live);
+  oneStatus(trees.snapshotDevices)->setValue(middle->getValue());
+  if (change == Change::ONE_STATUS) toggle(*middle);
+  trees.changes = change == Change::ONE_STATUS ? 1 : 0;
+
+  const bool percent = change == Change::PERCENT_OF_STATUSES;
+  for (std::size_t place = 0; place < live.size(); place += 25) {  // 2 of the 200 statuses of 25
+    live[place]->getStatus("temperature")->setValue(percent ? 22.0 : 21.5);
+    live[place]->getStatus("link")->setValue(std::string(percent ? "down" : "up"));
+    if (percent) trees.changes += 2;
+  }
+
+  trees.sameConfiguration = change != Change::LAST_PROPERTY;
+  const auto serial = [](const NodePtr& device) { return device->getProperties().at("serial"); };
+  serial(live.back())->value = trees.sameConfiguration ? serial(trees.snapshotDevices.back())->value
+                                                       : Property::Value(std::string("replaced"));
 }
 
 }  // namespace bench

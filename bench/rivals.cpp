@@ -1,6 +1,6 @@
-// The comparison done in other ways that a program might choose. Those that need a form of their
-// own keep the snapshot in it and bring the live tree into it each time; "diff alone" leaves that
-// out.
+// A report of one status, made in other ways that a program might choose. Those that need a form of
+// their own keep the snapshot in it: they bring the live tree into it, compare, and keep what they
+// then have as the next snapshot.
 
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
@@ -9,9 +9,10 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 
 #include "Benchmarks.h"
-#include "PlainDefinition.h"
+#include "tests/PlainDefinition.h"
 
 namespace bench {
 
@@ -21,14 +22,19 @@ namespace proto = orv::proto::monitoring;
 using nlohmann::json;
 
 Way plainWay(std::size_t mostDevices) {
-  return {"steps as written",
+  return {"plain definition",
           [](const Trees& trees) -> Job {
-            return [&trees] {
+            return [&trees, changing = oneStatus(trees.liveDevices)] {
               plain::GlobalChanges healths;
               plain::NamedChanges statuses;
               const bool same = plain::isSameConfiguration(trees.snapshot, trees.live);
               if (same) plain::getStatusDifferences(trees.snapshot, trees.live, healths, statuses);
-              return same == trees.sameConfiguration && statuses.size() == trees.changes;
+              for (const auto& [deviceId, status] : statuses) {
+                const NodePtr device = trees.snapshot->getDeviceById(deviceId);
+                device->getStatus(status->getName())->setValue(status->getValue());
+              }
+              toggle(*changing);
+              return same && statuses.size() == 1;
             };
           },
           mostDevices};
@@ -58,9 +64,9 @@ class Differencer {
   std::string report_;
 };
 
-Way messageWay(bool convert, std::size_t mostDevices) {
-  return {convert ? "message diff" : "message diff alone",
-          [convert](const Trees& trees) -> Job {
+Way messageWay(std::size_t mostDevices) {
+  return {"message diff",
+          [](const Trees& trees) -> Job {
             struct Kept {
               Differencer differencer;
               proto::DeviceNode snapshot;
@@ -68,10 +74,12 @@ Way messageWay(bool convert, std::size_t mostDevices) {
             };
             const auto kept = std::make_shared<Kept>();
             trees.snapshot->toProtoBuf(kept->snapshot);
-            trees.live->toProtoBuf(kept->live);
-            return [&trees, kept, convert] {
-              if (convert) trees.live->toProtoBuf(kept->live);
-              return kept->differencer.differ(kept->snapshot, kept->live);
+            return [&trees, kept, changing = oneStatus(trees.liveDevices)] {
+              trees.live->toProtoBuf(kept->live);
+              const bool differ = kept->differencer.differ(kept->snapshot, kept->live);
+              kept->snapshot.Swap(&kept->live);
+              toggle(*changing);
+              return differ;
             };
           },
           mostDevices};
@@ -101,15 +109,28 @@ json toJson(const DeviceNode& device) {
   return object;
 }
 
-Way jsonWay(bool convert, std::size_t mostDevices) {
-  return {convert ? "JSON diff" : "JSON diff alone",
-          [convert](const Trees& trees) -> Job {
+Way jsonWay(std::size_t mostDevices) {
+  return {"JSON diff",
+          [](const Trees& trees) -> Job {
+            const auto snapshot = std::make_shared<json>(toJson(*trees.snapshot));
+            return [&trees, snapshot, changing = oneStatus(trees.liveDevices)] {
+              json live = toJson(*trees.live);
+              const bool differ = json::diff(*snapshot, live).size() == 1;
+              *snapshot = std::move(live);
+              toggle(*changing);
+              return differ;
+            };
+          },
+          mostDevices};
+}
+
+// Without the conversion and without a new snapshot: for who has JSON already.
+Way jsonAloneWay(std::size_t mostDevices) {
+  return {"JSON diff alone",
+          [](const Trees& trees) -> Job {
             const auto snapshot = std::make_shared<json>(toJson(*trees.snapshot));
             const auto live = std::make_shared<json>(toJson(*trees.live));
-            return [&trees, snapshot, live, convert] {
-              if (convert) *live = toJson(*trees.live);
-              return json::diff(*snapshot, *live).size() == trees.changes;
-            };
+            return [snapshot, live] { return json::diff(*snapshot, *live).size() == 1; };
           },
           mostDevices};
 }
@@ -125,13 +146,18 @@ std::string bytesOf(const proto::DeviceNode& message) {
 }
 
 Way bytesWay(std::size_t mostDevices) {
-  return {"bytes",
+  return {"serialise, compare bytes",
           [](const Trees& trees) -> Job {
             const auto message = std::make_shared<proto::DeviceNode>();
             trees.snapshot->toProtoBuf(*message);
-            return [&trees, message, snapshot = bytesOf(*message)] {
+            return [&trees, message, snapshot = bytesOf(*message),
+                    changing = oneStatus(trees.liveDevices)]() mutable {
               trees.live->toProtoBuf(*message);
-              return bytesOf(*message) != snapshot;
+              std::string live = bytesOf(*message);
+              const bool differ = live != snapshot;
+              snapshot = std::move(live);
+              toggle(*changing);
+              return differ;
             };
           },
           mostDevices};
@@ -140,20 +166,19 @@ Way bytesWay(std::size_t mostDevices) {
 }  // namespace
 
 void addRivals(const Scope& scope) {
-  for (const Shape shape : {Shape::FLAT, Shape::FAN_OUT, Shape::CHAIN}) {
+  for (const auto& [shape, name] : shapes) {
     // All but the first two recurse once for each level, and the JSON diff keeps the path of every
-    // open one; the steps as written search all sub-devices of a device for each of them.
+    // open one; the plain definition searches all sub-devices of a device for each of them.
     const bool chain = shape == Shape::CHAIN;
     const std::vector<Way> ways{lockStepWay(),
-                                libraryWay(),
+                                reportWay("this library"),
                                 plainWay(shape == Shape::FAN_OUT ? 100000 : 10000),
-                                messageWay(true, chain ? 1000 : 100000),
-                                messageWay(false, chain ? 1000 : 100000),
-                                jsonWay(true, chain ? 1000 : 100000),
-                                jsonWay(false, chain ? 1000 : 100000),
+                                messageWay(chain ? 1000 : 100000),
+                                jsonWay(chain ? 1000 : 100000),
+                                jsonAloneWay(chain ? 1000 : 100000),
                                 bytesWay(chain ? 10000 : 100000)};
     for (const std::size_t size : scope.sizes) {
-      add("rivals", {shape, Memory::WALK_ORDER, size, Case::ONE_STATUS}, ways, scope);
+      add({shape, Memory::WALK_ORDER, size}, {{"rivals", name, Change::ONE_STATUS, ways}}, scope);
     }
   }
 }

@@ -27,5 +27,5 @@ cmake --preset bench
 cmake --build --preset bench
 build/bench/bench/orv_bench "${options[@]}" \
   --benchmark_out=build/bench/results.json --benchmark_out_format=json
-python3 bench/report.py build/bench/results.json "$pages"
+/usr/bin/python3 bench/report.py build/bench/results.json "$pages"
 echo "Wrote $pages/performance.md and $pages/performance.svg"
