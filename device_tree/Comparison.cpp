@@ -36,7 +36,8 @@ enum class Answer { SAME, DIFFERENT, NOT_IN_STEP };
 template <typename Value, typename Same>
 bool sameEntries(const std::map<std::string, std::shared_ptr<Value>>& oldEntries,
                  const std::map<std::string, std::shared_ptr<Value>>& newEntries, Same same) {
-  return std::equal(oldEntries.begin(), oldEntries.end(), newEntries.begin(), newEntries.end(),
+  return oldEntries.size() == newEntries.size() &&
+         std::equal(oldEntries.begin(), oldEntries.end(), newEntries.begin(),
                     [&](const auto& oldEntry, const auto& newEntry) {
                       const bool bothThere = oldEntry.second && newEntry.second;
                       return oldEntry.first == newEntry.first &&

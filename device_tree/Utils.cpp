@@ -191,7 +191,7 @@ std::string EventHelper::changeStatuses(const Event& event, DeviceNode* tree) {
 bool EventHelper::ApplyEvent(const Event& event, std::shared_ptr<DeviceNode>& tree,
                              std::string& errorMessage) {
   errorMessage.clear();
-  std::string refusal = "Event of an unknown type";
+  std::string refusal;
   switch (event.has_event_type() ? event.event_type() : 0) {
     case Event::DEVICE_ADD:
       refusal = replaceTree<proto::DeviceAddEvent>(event, tree);
@@ -206,7 +206,7 @@ bool EventHelper::ApplyEvent(const Event& event, std::shared_ptr<DeviceNode>& tr
       refusal = changeStatuses(event, tree.get());
       break;
     default:
-      break;
+      refusal = "Event of an unknown type";
   }
   if (refusal.empty()) return true;
   errorMessage = tree ? tree->formatMessage(refusal) : refusal;
