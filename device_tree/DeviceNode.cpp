@@ -132,8 +132,8 @@ class OpenDevices {
     bool isBelowItself = false;
     std::optional<std::size_t> sameAbove = {};  // the nearest level above that has the identifier
     // Worked out only when a device has the identifier of one above:
-    std::optional<std::size_t> reach = {};             // see reach()
-    std::optional<std::vector<bool>> isReplaced = {};  // of each sub-device, by a later one
+    std::optional<std::size_t> reach = {};  // see reach()
+    std::vector<bool> isReplaced = {};      // of each sub-device, by a later one
   };
 
   // The outermost level that will receive the innermost device. A device that is to be replaced,
@@ -144,8 +144,8 @@ class OpenDevices {
     if (known == 0) levels_[0].reach = 0;
     for (std::size_t i = known + 1; i < levels_.size(); ++i) {
       Level& parent = levels_[i - 1];
-      if (!parent.isReplaced) parent.isReplaced = replacedSubDevices(*parent.message);
-      const bool isReplaced = (*parent.isReplaced)[static_cast<std::size_t>(parent.next) - 1];
+      if (parent.isReplaced.empty()) parent.isReplaced = replacedSubDevices(*parent.message);
+      const bool isReplaced = parent.isReplaced[static_cast<std::size_t>(parent.next) - 1];
       levels_[i].reach = isReplaced ? i - 1 : *parent.reach;
     }
     return *levels_.back().reach;
