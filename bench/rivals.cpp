@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "Benchmarks.h"
-#include "tests/PlainDefinition.h"
+#include "bench/PlainDefinition.h"
 
 namespace bench {
 

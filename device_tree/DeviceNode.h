@@ -183,8 +183,6 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   ORV_DEVICE_TREE_NO_EXPORT std::string sameIdRefusal() const;
   ORV_DEVICE_TREE_NO_EXPORT void appendOwnText(std::string& text, unsigned int indent) const;
 
-  friend struct DeviceNodePeer;  // lets tests file entries without an object
-
   std::string deviceId;
   std::string name;
   DeviceClass deviceClass = static_cast<DeviceClass>(0);

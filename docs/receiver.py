@@ -1,8 +1,16 @@
-"""Follows a device tree: applies the events of one root to the tree that is kept of it."""
+"""Follows a device tree: applies the events of one root to the tree that is kept of it.
+
+As a program, receiver.py TREE <EVENT prints the tree after the event, all in the text format; "-"
+stands for no tree.
+"""
 
 import copy
+import pathlib
+import sys
 
+from google.protobuf import text_format
 from proto.monitoring import device_events_pb2 as events
+from proto.monitoring import device_tree_pb2
 
 Event = events.DeviceToOrvServiceEvent
 
@@ -39,3 +47,17 @@ def apply(event, tree):
                 if status.name == change.status.name:
                     status.CopyFrom(change.status)
     return tree
+
+
+def main():
+    tree = None
+    if sys.argv[1] != "-":
+        text = pathlib.Path(sys.argv[1]).read_text(encoding="utf-8")
+        tree = text_format.Parse(text, device_tree_pb2.DeviceNode())
+    tree = apply(text_format.Parse(sys.stdin.read(), Event()), tree)
+    if tree is not None:
+        print(text_format.MessageToString(tree, as_utf8=True), end="")
+
+
+if __name__ == "__main__":
+    main()

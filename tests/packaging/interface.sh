@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Compares the binary interface that is installed below PREFIX with interface.txt and shows what is
-# gone (-) and what is new (+): the names that the library exports, and the sizes, bases and virtual
-# functions of its classes. A name that is gone, and any change of a class, breaks programs that are
-# already linked: raise the ABI version.
+# Shows what of the binary interface below PREFIX is gone (-) or new (+) since interface.txt was
+# written: names that are exported, sizes, bases and virtual functions of classes. A name that is
+# gone, and any change of a class, breaks programs that are already linked: raise the ABI version.
 #
 #   ./tests/packaging/interface.sh PREFIX [--update]
 set -euo pipefail

@@ -1,0 +1,592 @@
+// Random lives, for the fuzzer and the tests: bytes become messages and the calls of a careless
+// caller, and each result is held against plain code. A broken promise is a std::logic_error.
+
+#include <cmath>
+#include <cstring>
+#include <set>
+
+#include "bench/PlainDefinition.h"
+
+namespace {
+
+using namespace plain;
+namespace proto = orv::proto::monitoring;
+namespace utils = orv::device_tree::utils;
+using utils::EventHelper;
+using Event = proto::DeviceToOrvServiceEvent;
+
+// A tree as plain data, read, written and edited by the plainest code. Nothing here calls what it
+// judges; the operations of single properties, statuses and healths are judged in TextTest.cpp.
+struct Node {
+  const auto& getSubDevices() const { return subDevices; }
+  std::string refuse(const std::string& text) const {
+    return "Device " + id + " - " + name + ": " + text;
+  }
+
+  std::string id;
+  std::string name;
+  int deviceClass;
+  GlobalStatus health;
+  DeviceNode::Properties properties = {};
+  DeviceNode::Statuses statuses = {};
+  std::map<std::string, std::shared_ptr<Node>> subDevices = {};
+};
+
+using NodeRead = std::shared_ptr<Node>;
+
+// Every node, the root first, in walk order.
+template <typename NodePtr>
+std::vector<NodePtr> walk(const NodePtr& root) {
+  std::vector<NodePtr> nodes;
+  if (!root) return nodes;
+  nodes.push_back(root);
+  for (const auto& [key, subDevice] : root->getSubDevices()) {
+    for (const auto& node : walk(subDevice)) nodes.push_back(node);
+  }
+  return nodes;
+}
+
+// Everything that a tree holds, each value with its kind and bits.
+std::string describe(const std::shared_ptr<Node>& node) {
+  std::string out;
+  const auto put = [&out](const auto& value) {
+    if constexpr (std::is_convertible_v<decltype(value), std::string>) {
+      out += std::to_string(value.size()) + ':' + value;
+    } else {
+      out.append(reinterpret_cast<const char*>(&value), sizeof value);
+    }
+  };
+  const auto putAll = [&put](const auto&... values) { (put(values), ...); };
+  if (!node) return out;
+  putAll(node->id, node->name, node->deviceClass, node->health.level, node->health.message);
+  for (const auto& [key, property] : node->properties) {
+    put("property " + key);
+    if (!property) continue;
+    putAll(property->name, property->type, boost::get<std::string>(property->value));
+  }
+  for (const auto& [key, status] : node->statuses) {
+    put("status " + key);
+    if (!status) continue;
+    putAll(status->getName(), status->getType(), status->isValueSet());
+    boost::apply_visitor(put, status->getValue());
+  }
+  for (const auto& [key, subDevice] : node->subDevices) {
+    put("sub-device " + key);
+    out += "{" + describe(subDevice) + "}";
+  }
+  return out;
+}
+
+// The tree that the message describes. Throws std::runtime_error with the text of the refusal.
+std::shared_ptr<Node> read(const proto::DeviceNode& message) {
+  const auto node = std::make_shared<Node>(
+      Node{message.id(), message.name(), message.device_class(), message.global_status()});
+  const auto require = [&](bool holds, const std::string& text) {
+    if (!holds) throw std::runtime_error(node->refuse(node->refuse(text)));
+  };
+  for (const auto& element : message.properties()) {
+    auto& entry = node->properties[element.name()];
+    require(!entry, "Property " + element.name() + " already exists");
+    entry = std::make_shared<Property>(element);
+  }
+  for (const auto& element : message.statuses()) {
+    auto& entry = node->statuses[element.name()];
+    require(!entry, "Status " + element.name() + " already exists");
+    entry = std::make_shared<NamedStatus>(element);
+  }
+  for (const auto& element : message.sub_devices()) {
+    const auto subDevice = read(element);
+    for (const auto& below : walk(subDevice)) {
+      require(below->id != node->id, "Sub-device has same ID as parent: " + node->id);
+    }
+    node->subDevices[subDevice->id] = subDevice;
+  }
+  return node;
+}
+
+// The same as the node and those below it; the properties and statuses are its own.
+std::shared_ptr<Node> read(const std::shared_ptr<DeviceNode>& node) {
+  if (!node) return nullptr;
+  const auto same = std::make_shared<Node>(Node{node->getDeviceId(), node->getName(),
+                                                node->getDeviceClass(), node->getGlobalStatus(),
+                                                node->getProperties(), node->getStatuses()});
+  for (const auto& [key, subDevice] : node->getSubDevices()) {
+    same->subDevices[key] = read(subDevice);
+  }
+  return same;
+}
+
+std::string describe(const std::shared_ptr<DeviceNode>& node) { return describe(read(node)); }
+
+void write(const Node& node, proto::DeviceNode& message) {
+  message.set_id(node.id);
+  message.set_name(node.name);
+  message.set_device_class(static_cast<DeviceNode::DeviceClass>(node.deviceClass));
+  node.health.toProtoBuf(*message.mutable_global_status());
+  for (const auto& [key, property] : node.properties) {
+    if (property) property->toProtoBuf(*message.add_properties());
+  }
+  for (const auto& [key, status] : node.statuses) {
+    if (status) status->toProtoBuf(*message.add_statuses());
+  }
+  for (const auto& [key, subDevice] : node.subDevices) {
+    if (subDevice && !subDevice->id.empty()) write(*subDevice, *message.add_sub_devices());
+  }
+}
+
+bool remove(Node& node, const std::string& key, bool recursive) {
+  if (node.subDevices.erase(key) != 0) return true;
+  return recursive && std::any_of(node.subDevices.begin(), node.subDevices.end(), [&](auto& entry) {
+           return entry.second && remove(*entry.second, key, true);
+         });
+}
+
+// The plain definition of a comparison takes too long for larger trees.
+constexpr std::size_t MOST_NODES = 30;
+
+void check(bool holds, const char* promise) {
+  if (!holds) throw std::logic_error(promise);
+}
+
+class Input {
+ public:
+  explicit Input(std::string bytes) : rest_(std::move(bytes)) {}
+
+  bool atEnd() const { return rest_.empty(); }
+  std::string bytes(std::size_t most) {
+    const std::string taken = rest_.substr(0, most);
+    rest_.erase(0, most);
+    return taken;
+  }
+  template <typename Number>
+  Number number() {
+    Number value{};
+    const std::string taken = bytes(sizeof value);
+    std::memcpy(&value, taken.data(), taken.size());
+    return value;
+  }
+  std::size_t below(std::size_t limit) { return number<std::uint8_t>() % limit; }
+  bool oneIn(std::size_t n) { return below(n) == n - 1; }
+  template <typename Container>
+  const auto& pick(const Container& choices) {
+    return choices[below(std::size(choices))];
+  }
+
+  std::string text() {
+    static const std::string TEXTS[] = {"", "a", "b", "c", "\xff", std::string("a\0", 2),
+                                        // These have one hash value.
+                                        "aaaaaaaaaaaaaaaa", "bbbbbbbb\x1a\xdc\xd6z%N\xbe\x1e"};
+    return oneIn(16) ? bytes(below(40)) : pick(TEXTS);
+  }
+  double real() {
+    static const double REALS[] = {0.0, -0.0, 1.5, NAN, HUGE_VAL, 1e300};
+    return oneIn(4) ? number<double>() : pick(REALS);
+  }
+  template <typename Enum = int>
+  Enum anyOf() {
+    return static_cast<Enum>(oneIn(8) ? number<std::int32_t>() : static_cast<int>(below(6)));
+  }
+
+ private:
+  std::string rest_;
+};
+
+// Sets most fields. Numbers that an enumeration does not have become unknown fields.
+void fill(Input& input, google::protobuf::Message& message) {
+  using Field = google::protobuf::FieldDescriptor;
+  if (input.oneIn(32)) message.ParsePartialFromString(input.bytes(200));
+  const auto& fields = *message.GetReflection();
+  for (int i = 0; i < message.GetDescriptor()->field_count(); ++i) {
+    const Field* const field = message.GetDescriptor()->field(i);
+    for (std::size_t n = field->is_repeated() ? input.below(4) : 0; n > 0; --n) {
+      fill(input, *fields.AddMessage(&message, field));
+    }
+    if (field->is_repeated() || input.oneIn(4)) continue;
+    const auto type = field->cpp_type();
+    if (type == Field::CPPTYPE_MESSAGE) fill(input, *fields.MutableMessage(&message, field));
+    if (type == Field::CPPTYPE_STRING) fields.SetString(&message, field, input.text());
+    if (type == Field::CPPTYPE_INT64) fields.SetInt64(&message, field, input.anyOf());
+    if (type == Field::CPPTYPE_UINT64) fields.SetUInt64(&message, field, input.below(3));
+    if (type == Field::CPPTYPE_DOUBLE) fields.SetDouble(&message, field, input.real());
+    if (type == Field::CPPTYPE_ENUM) fields.SetEnumValue(&message, field, input.anyOf());
+  }
+}
+
+NamedStatus anyStatus(Input& input) {
+  NamedStatus status(input.text(), input.anyOf<NamedStatus::Type>());
+  const NamedStatus::Value values[] = {input.number<long>(), input.number<unsigned long>() % 3,
+                                       input.real(), input.text()};
+  if (!input.oneIn(4)) status.setValue(input.pick(values));
+  return status;
+}
+
+NodePtr build(const proto::DeviceNode& message) {
+  NodePtr built;
+  std::string refusal;
+  try {
+    built = std::make_shared<DeviceNode>(message);
+  } catch (const std::runtime_error& refused) {
+    refusal = refused.what();
+  }
+  try {
+    check(describe(built) == describe(read(message)),
+          "a message builds the tree that it describes");
+  } catch (const std::runtime_error& refused) {
+    check(refusal == refused.what(), "a message is refused as its definition says");
+  }
+  return built;
+}
+
+// The map of a node, to be edited as no operation does it.
+template <typename Map>
+Map& mutableMap(const Map& entries) {
+  return const_cast<Map&>(entries);
+}
+
+// Changes one of the nodes, which belong to several trees or to none; the configuration on request
+// only.
+void edit(Input& input, std::vector<NodePtr>& nodes, bool configuration) {
+  const NodePtr node = input.pick(nodes);
+  const auto expected = read(node);
+  const std::string text = input.text();
+  std::string error = "left over";
+  std::string refusal;
+  bool done = true;
+  const std::size_t kind = input.below(configuration ? 9 : 3);
+  if (kind == 0) {
+    const auto status = node->getStatus(text);
+    const NamedStatus given = anyStatus(input);
+    if (status && given.isValueSet()) status->setValue(given.getValue());
+    if (status && !given.isValueSet()) status->unsetValue();
+    return;
+  }
+  if (kind == 1) {  // as if a sub-device had been attached without an identifier and then got it
+    auto& entries = mutableMap(node->getSubDevices());
+    if (entries.empty() || entries.count("") != 0) return;
+    const auto place = static_cast<std::ptrdiff_t>(input.below(entries.size()));
+    auto entry = entries.extract(std::next(entries.begin(), place));
+    entry.key().clear();
+    entries.insert(std::move(entry));
+    return;
+  }
+  if (kind == 3) {  // entries without an object; another value
+    if (input.oneIn(4)) mutableMap(node->getProperties())[text] = nullptr;
+    if (input.oneIn(4)) mutableMap(node->getStatuses())[text] = nullptr;
+    if (input.oneIn(4)) mutableMap(node->getSubDevices())[text] = nullptr;
+    const auto property = node->getProperties().begin();
+    if (property != node->getProperties().end() && property->second) property->second->value = text;
+    return;
+  }
+  if (kind == 2) {
+    error.clear();
+    expected->deviceClass = input.anyOf();
+    expected->health = {input.anyOf<GlobalStatus::Level>(), text};
+    if (configuration) expected->name = text;
+    node->setDeviceClass(static_cast<DeviceNode::DeviceClass>(expected->deviceClass));
+    node->setGlobalStatus(expected->health);
+    node->setName(expected->name);
+  } else if (kind == 4) {
+    if (!expected->id.empty()) refusal = "Cannot change a device ID";
+    if (expected->id.empty()) expected->id = text;
+    done = node->setDeviceId(text, error);
+  } else if (kind == 5) {
+    const Property property(text, input.anyOf<Property::Type>(), input.text());
+    const auto [entry, isNew] = expected->properties.try_emplace(text);
+    if (isNew) entry->second = std::make_shared<Property>(property);
+    if (!isNew) refusal = "Property " + text + " already exists";
+    done = node->addProperty(property, error);
+  } else if (kind == 6) {
+    const NamedStatus status = anyStatus(input);
+    const auto [entry, isNew] = expected->statuses.try_emplace(status.getName());
+    if (isNew) entry->second = std::make_shared<NamedStatus>(status);
+    if (!isNew) refusal = "Status " + status.getName() + " already exists";
+    done = node->addStatus(status, error);
+  } else if (kind == 7) {
+    NodePtr subDevice = input.oneIn(3) ? input.pick(nodes) : nullptr;
+    if (!subDevice && !input.oneIn(16)) {
+      subDevice = std::make_shared<DeviceNode>(text, "", DeviceNode::DeviceClass{});
+      nodes.push_back(subDevice);
+    }
+    const bool replace = input.oneIn(2);
+    const std::string id = subDevice ? subDevice->getDeviceId() : "";
+    const auto isParent = [&](const auto& below) { return below->getDeviceId() == expected->id; };
+    const auto all = walk(subDevice);
+    if (!subDevice) {
+      refusal = "Trying to add an invalid (null) sub-device";
+    } else if (std::any_of(all.begin(), all.end(), isParent)) {
+      refusal = "Sub-device has same ID as parent: " + expected->id;
+    } else if (!replace && expected->subDevices.count(id) != 0) {
+      refusal = "Sub-device already exists: " + id;
+    } else {
+      expected->subDevices[id] = read(subDevice);
+    }
+    done = node->addSubDevice(subDevice, replace, error);
+    for (const auto& any : nodes) {
+      if (walk(any).size() <= MOST_NODES) continue;
+      mutableMap(node->getSubDevices()).erase(id);
+      return;
+    }
+  } else {
+    const bool recursive = input.oneIn(2);
+    if (!remove(*expected, text, recursive)) refusal = text + " not found";
+    done = node->removeSubDevice(text, recursive, error);
+  }
+  check(done == refusal.empty(), "an operation is refused as its definition says");
+  check(error == (done ? "" : expected->refuse(refusal)), "with the text of the refusal");
+  check(describe(node) == describe(expected), "an operation has its effect and no other");
+}
+
+void checkMessages(const NodePtr& tree, proto::DeviceNode& kept) {
+  proto::DeviceNode expected;
+  write(*read(tree), expected);
+  tree->toProtoBuf(kept);
+  check(kept.SerializeAsString() == expected.SerializeAsString(), "a tree is written as it is");
+  check(tree->toProtoBuf().SerializeAsString() == expected.SerializeAsString(), "at each call");
+  build(kept);
+}
+
+void checkCopy(const NodePtr& tree) {
+  const auto copied = std::make_shared<DeviceNode>(*tree);
+  check(describe(copied) == describe(tree), "a copy is equal");
+  check(copied->debugString(3) == tree->debugString(3), "a copy has the same text");
+  for (const auto& node : walk(copied)) {
+    bool isOwn = node.use_count() == 2;  // beside the owner the list just made
+    for (const auto& [key, property] : node->getProperties()) isOwn &= property.use_count() <= 1;
+    for (const auto& [key, status] : node->getStatuses()) isOwn &= status.use_count() <= 1;
+    check(isOwn, "a copy shares nothing");
+  }
+}
+
+void checkQueries(const NodePtr& tree, const std::string& text) {
+  const auto nodes = walk(tree);
+  const auto statuses = tree->getAllStatuses();
+  const auto status = tree->getStatuses().find(text);
+  check(tree->getStatus(text) == (status != tree->getStatuses().end() ? status->second : nullptr),
+        "a status by its name");
+  std::map<std::string, NodePtr> first;
+  for (const auto& node : nodes) first.try_emplace(node->getDeviceId(), node);
+  check(statuses.size() == first.size(), "the statuses of each identifier");
+  for (const auto& [id, node] : first) {
+    check(tree->getDeviceById(id) == node, "the first device of an identifier");
+    check(statuses.at(id) == node->getStatuses(), "the statuses of the first device");
+  }
+  check(first.count(text) != 0 || !tree->getDeviceById(text), "no device of that identifier");
+
+  for (const bool recursive : {false, true}) {
+    std::vector<NodePtr> below(recursive ? nodes.begin() + 1 : nodes.end(), nodes.end());
+    for (const auto& [key, node] : tree->getSubDevices()) {
+      if (!recursive && node) below.push_back(node);
+    }
+    std::list<std::string> ids;
+    std::list<NodePtr> named;
+    std::list<NodePtr> selected;
+    for (const auto& node : below) {
+      ids.push_back(node->getDeviceId());
+      if (node->getName() == text) named.push_back(node);
+      const auto entry = node->getProperties().find(text);
+      if (entry == node->getProperties().end() || !entry->second) continue;
+      if (boost::get<std::string>(entry->second->value) == text) selected.push_back(node);
+    }
+    check(tree->getSubDeviceIds(recursive) == ids, "identifiers below");
+    check(tree->getSubDevicesByName(text, recursive) == named, "devices by name");
+    check(tree->getSubDevicesByProperty(text, text, recursive) == selected, "devices by property");
+    ids.push_front(tree->getDeviceId());
+    check(!recursive || tree->getTreeDeviceIds() == ids, "all identifiers in walk order");
+  }
+}
+
+// Whether a message says all that is in the tree, and events carry it.
+bool isRegular(const NodePtr& tree) {
+  if (!tree) return true;
+  proto::DeviceNode message;
+  write(*read(tree), message);
+  std::set<std::string> ids{""};
+  for (const auto& node : walk(tree)) {
+    if (!ids.insert(node->getDeviceId()).second) return false;
+    for (const auto& [key, status] : node->getStatuses()) {
+      if (!status || !sameValue(*status, *status)) return false;  // not a number
+    }
+  }
+  return describe(read(message)) == describe(tree);
+}
+
+// Whether all the changes could be carried out; the tree is of no use if not.
+bool changeStatuses(const proto::StatusChangeEvent& changes, const NodePtr& tree) {
+  for (const auto& change : changes.global_status_changes()) {
+    const auto device = tree->getDeviceById(change.device_id());
+    if (!device && !change.device_id().empty()) return false;
+    if (device) device->setGlobalStatus(change.status());
+  }
+  for (const auto& change : changes.named_status_changes()) {
+    const auto device = tree->getDeviceById(change.device_id());
+    if (!device && change.device_id().empty()) continue;
+    const auto status = device ? device->getStatus(change.status().name()) : nullptr;
+    const NamedStatus now = change.status();
+    if (!status || status->getType() != now.getType()) return false;
+    *status = now;
+  }
+  return true;
+}
+
+// Applies the event to the trees that a sender and a receiver keep, as it is or damaged.
+void checkApplying(Input& input, const NodePtr& oldTree, const NodePtr& newTree, Event event) {
+  const bool damaged = input.oneIn(3);
+  const bool exact = !damaged && isRegular(oldTree) && isRegular(newTree);
+  auto& changes = *event.MutableExtension(proto::StatusChangeEvent::base);
+  if (damaged) event.set_event_type(Event::STATUS_CHANGE);
+  if (damaged) fill(input, changes);
+  if (damaged && input.oneIn(4)) fill(input, event);
+  Event received;
+  received.ParsePartialFromString(event.SerializePartialAsString());
+  NodePtr snapshot = oldTree ? std::make_shared<DeviceNode>(*oldTree) : nullptr;
+  NodePtr follower = oldTree && exact ? build(oldTree->toProtoBuf()) : nullptr;
+  for (auto& [applied, tree] : {std::tie(event, snapshot), std::tie(received, follower)}) {
+    const std::string before = describe(tree);
+    const auto changed = tree ? std::make_shared<DeviceNode>(*tree) : nullptr;
+    std::string error = "left over";
+    const bool done = EventHelper::ApplyEvent(applied, tree, error);
+    const std::string after = describe(tree);
+    check(done == error.empty(), "a refused event has a text");
+    check(done || after == before, "a refused event changes nothing");
+    if (changed && applied.has_event_type() && applied.event_type() == Event::STATUS_CHANGE) {
+      check(done == changeStatuses(changes, changed), "changes are refused as a whole");
+      check(!done || after == describe(changed), "changes are carried out");
+    }
+    check(!done || EventHelper::ApplyEvent(applied, tree, error), "an event is applied twice");
+    check(describe(tree) == after, "applied twice is applied once");
+    Event none;
+    check(!exact || (done && !EventHelper::ComputeEvent(tree, newTree, none)),
+          "an event leads from the old tree to the new one");
+    if (!exact) return;
+  }
+}
+
+template <typename Map, typename Report>
+void forEachKey(const Map& oldMap, const Map& newMap, Report report) {
+  std::map<std::string, std::pair<typename Map::mapped_type, typename Map::mapped_type>> pairs;
+  for (const auto& [key, value] : oldMap) pairs[key].first = value;
+  for (const auto& [key, value] : newMap) pairs[key].second = value;
+  for (const auto& [key, pair] : pairs) report(key, pair.first, pair.second);
+}
+
+void listDifferences(const NodeRead& before, const NodeRead& after, std::list<std::string>& list) {
+  const auto add = [&](const std::string& what, auto& oldEntry, auto& newEntry, auto change) {
+    const std::string id = (before ? before : after)->id;
+    list.push_back(id + ": " + what + (!oldEntry ? " added" : !newEntry ? " removed" : change));
+  };
+  if (!before || !after) return add("device", before, after, "");
+  if (before->name != after->name) add("device", before, after, " renamed to " + after->name);
+  forEachKey(before->properties, after->properties, [&](auto& key, auto& left, auto& right) {
+    if (left && right && left->value == right->value) return;
+    add("property " + key, left, right, " changed");
+  });
+  forEachKey(before->statuses, after->statuses, [&](auto& key, auto& left, auto& right) {
+    if (left && right && left->getType() == right->getType()) return;
+    add("status " + key, left, right, " has another type");
+  });
+  forEachKey(before->subDevices, after->subDevices,
+             [&](auto&, auto& left, auto& right) { listDifferences(left, right, list); });
+}
+
+void checkDifferences(const NodePtr& oldTree, const NodePtr& newTree, bool same) {
+  std::list<orv::device_tree::ConfigurationDifference> differences;
+  utils::GetConfigurationDifferences(oldTree, newTree, differences);
+  std::list<std::string> listed;
+  for (const auto& difference : differences) listed.push_back(difference.debugString());
+  if (!isRegular(oldTree) || !isRegular(newTree)) return;
+  check(same == listed.empty(), "configurations that differ have differences");
+  if (same) return;
+  std::list<std::string> expected;
+  const bool replaced = oldTree && newTree && oldTree->getDeviceId() != newTree->getDeviceId();
+  if (replaced) listDifferences(read(oldTree), nullptr, expected);
+  listDifferences(replaced ? nullptr : read(oldTree), read(newTree), expected);
+  check(listed == expected, "the differences of two configurations");
+}
+
+void writeChanges(const GlobalChanges& healths, const NamedChanges& statuses, Event& event) {
+  auto& changes = *event.MutableExtension(proto::StatusChangeEvent::base);
+  const auto write = [](auto& change, const std::string& id, const auto& status) {
+    change.set_device_id(id);
+    status.toProtoBuf(*change.mutable_status());
+  };
+  for (const auto& [id, now] : healths) write(*changes.add_global_status_changes(), id, now);
+  for (const auto& [id, now] : statuses) write(*changes.add_named_status_changes(), id, *now);
+}
+
+void checkComparison(Input& input, const NodePtr& oldTree, const NodePtr& newTree, Event& event) {
+  const bool same = isSameConfiguration(oldTree, newTree);
+  check(utils::IsSameConfiguration(oldTree, newTree) == same, "same configuration");
+  checkDifferences(oldTree, newTree, same);
+
+  GlobalChanges healths, expectedHealths;
+  NamedChanges statuses, expectedStatuses;
+  getStatusDifferences(oldTree, newTree, expectedHealths, expectedStatuses);
+  for (const std::size_t times : {1U, 2U}) {
+    utils::GetStatusDifferences(oldTree, newTree, healths, statuses);
+    check(healths.size() == times * expectedHealths.size(), "changes of health are appended");
+    check(statuses.size() == times * expectedStatuses.size(), "changes of statuses are appended");
+  }
+  check(std::equal(expectedStatuses.begin(), expectedStatuses.end(), statuses.begin()) &&
+            std::equal(expectedHealths.begin(), expectedHealths.end(), healths.begin()),
+        "the changes of two trees");
+
+  Event expected;
+  if (!same || !healths.empty() || !statuses.empty()) {
+    expected.set_event_type(!oldTree   ? Event::DEVICE_ADD
+                            : !newTree ? Event::DEVICE_REMOVE
+                            : !same    ? Event::CONFIGURATION_CHANGE
+                                       : Event::STATUS_CHANGE);
+  }
+  if (!oldTree && newTree) {
+    write(*read(newTree),
+          *expected.MutableExtension(proto::DeviceAddEvent::base)->mutable_device());
+  } else if (oldTree && !newTree) {
+    auto& removal = *expected.MutableExtension(proto::DeviceRemoveEvent::base);
+    removal.set_device_id(oldTree->getDeviceId());
+  } else if (!same) {
+    auto& content = *expected.MutableExtension(proto::ConfigurationChangeEvent::base);
+    write(*read(newTree), *content.mutable_device());
+  } else if (expected.has_event_type()) {
+    writeChanges(expectedHealths, expectedStatuses, expected);
+  }
+  const bool computed = EventHelper::ComputeEvent(oldTree, newTree, event);
+  check(computed == expected.has_event_type(), "an event exactly when something differs");
+  check(event.SerializeAsString() == expected.SerializeAsString(), "the event says what differs");
+  if (computed) checkApplying(input, oldTree, newTree, event);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static Event event;  // kept from call to call, as a reporting process keeps it
+  static proto::DeviceNode message;
+
+  Input input({reinterpret_cast<const char*>(data), size});
+  std::vector<NodePtr> trees;
+  for (std::size_t i = 0; i < 2; ++i) {
+    message.Clear();
+    fill(input, message);
+    trees.push_back(build(message));
+  }
+  const auto live = std::make_shared<DeviceNode>(trees[0] ? *trees[0] : DeviceNode());
+  trees.push_back(live);
+  std::vector<NodePtr> nodes;
+  for (const auto& tree : trees) {
+    const auto more = walk(tree);
+    if (more.size() > MOST_NODES) return 0;
+    nodes.insert(nodes.end(), more.begin(), more.end());
+  }
+  while (!input.atEnd() && !input.oneIn(16)) edit(input, nodes, true);
+  trees.push_back(std::make_shared<DeviceNode>(*live));
+  while (!input.atEnd() && !input.oneIn(16)) edit(input, nodes, false);
+
+  const std::string text = input.text();
+  for (const auto& oldTree : trees) {
+    for (const auto& newTree : trees) checkComparison(input, oldTree, newTree, event);
+    if (!oldTree) continue;
+    checkMessages(oldTree, message);
+    checkCopy(oldTree);
+    checkQueries(oldTree, text);
+  }
+  return 0;
+}

@@ -1,0 +1,24 @@
+"""Runs a transcript's commands in an empty directory and shows what they print otherwise now.
+
+transcript.py FILE [NAME=VALUE...]     with these variables
+"""
+
+import difflib
+import os
+import pathlib
+import shlex
+import subprocess
+import sys
+import tempfile
+
+os.environ.update(setting.split("=", 1) for setting in sys.argv[2:])
+expected = pathlib.Path(sys.argv[1]).read_text(encoding="utf-8").splitlines()
+script = ["exec 2>&1"]
+for line in expected:
+    if line.startswith("$ "):
+        script += ["echo " + shlex.quote(line), line[2:], "(exit $?) || echo [exit status $?]"]
+with tempfile.TemporaryDirectory() as directory:
+    done = subprocess.run(["bash", "-c", "\n".join(script)], cwd=directory, timeout=100,
+                          stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, encoding="utf-8")
+difference = difflib.unified_diff(expected, done.stdout.splitlines(), sys.argv[1], "now", n=1)
+sys.exit("\n".join(difference) or 0)
