@@ -1,4 +1,3 @@
-// Short ways to a tree or an event.
 #pragma once
 
 #include <google/protobuf/text_format.h>

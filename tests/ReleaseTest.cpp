@@ -44,7 +44,8 @@ TEST(Release, OfANodeAtTheSameAddressIsItsOwn) {
     device->~DeviceNode();
     auto* const again = new (place) DeviceNode;
     attach(*again, noticed("below", [=] {
-      node("scratch", {noticed("below", nothing)}).reset();
+      auto scratch = node("scratch", {noticed("below", nothing)});
+      scratch.reset();
       nothing();
     }));
     again->~DeviceNode();
@@ -53,7 +54,8 @@ TEST(Release, OfANodeAtTheSameAddressIsItsOwn) {
   for (const auto& below : {node("below"), NodePtr()}) {
     NodePtr first(new (place) DeviceNode, deleter);
     if (below) attach(*first, node("below"));
-    node("root", {std::move(first)}).reset();
+    auto root = node("root", {std::move(first)});
+    root.reset();
   }
 }
 

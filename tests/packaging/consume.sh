@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Uses an installed tree as its users do: a program through pkg-config, with assertions, in C++20
-# and as strictly as WARNINGS say; one through find_package, in C++17; the schemas and the receiver.
-#
+# Uses an installed tree as its users do: pkg-config in C++20 and as strictly as WARNINGS say,
+# find_package in C++17, the schemas, the receiver.
 #   ./tests/packaging/consume.sh PREFIX PROGRAM [OPTION OF PKG-CONFIG]     e.g. /usr program.cpp
 set -euo pipefail
 

@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
-# Installs a build and moves what was installed to PREFIX. No file that people read may name a
-# directory of this machine, a library looks for its own kind only beside itself, and every header
-# compiles on its own as strictly as WARNINGS say.
-#
+# Installs a build and moves it to PREFIX. No file that people read names a directory of this machine,
+# libraries are looked for beside themselves, headers compile alone as strictly as WARNINGS say.
 #   ./tests/packaging/install.sh BUILD_DIR PREFIX
 set -euo pipefail
 
