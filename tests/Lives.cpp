@@ -34,9 +34,9 @@ struct Node {
 using NodeRead = std::shared_ptr<Node>;
 
 // Every node, the root first, in walk order.
-template <typename NodePtr>
-std::vector<NodePtr> walk(const NodePtr& root) {
-  std::vector<NodePtr> nodes;
+template <typename AnyNode>
+std::vector<AnyNode> walk(const AnyNode& root) {
+  std::vector<AnyNode> nodes;
   if (!root) return nodes;
   nodes.push_back(root);
   for (const auto& [key, subDevice] : root->getSubDevices()) {
@@ -46,7 +46,7 @@ std::vector<NodePtr> walk(const NodePtr& root) {
 }
 
 // Everything that a tree holds, each value with its kind and bits.
-std::string describe(const std::shared_ptr<Node>& node) {
+std::string describe(const NodeRead& node) {
   std::string out;
   const auto put = [&out](const auto& value) {
     if constexpr (std::is_convertible_v<decltype(value), std::string>) {
@@ -77,7 +77,7 @@ std::string describe(const std::shared_ptr<Node>& node) {
 }
 
 // The tree that the message describes. Throws std::runtime_error with the text of the refusal.
-std::shared_ptr<Node> read(const proto::DeviceNode& message) {
+NodeRead read(const proto::DeviceNode& message) {
   const auto node = std::make_shared<Node>(
       Node{message.id(), message.name(), message.device_class(), message.global_status()});
   const auto require = [&](bool holds, const std::string& text) {
@@ -103,19 +103,20 @@ std::shared_ptr<Node> read(const proto::DeviceNode& message) {
   return node;
 }
 
-// The same as the node and those below it; the properties and statuses are its own.
-std::shared_ptr<Node> read(const std::shared_ptr<DeviceNode>& node) {
-  if (!node) return nullptr;
-  const auto same = std::make_shared<Node>(Node{node->getDeviceId(), node->getName(),
-                                                node->getDeviceClass(), node->getGlobalStatus(),
-                                                node->getProperties(), node->getStatuses()});
+// The same as the node and those below it; one that is filed twice is one here as well.
+NodeRead read(const NodePtr& node, std::map<NodePtr, NodeRead>&& known = {}) {
+  NodeRead& same = known[node];
+  if (same || !node) return same;
+  same = std::make_shared<Node>(Node{node->getDeviceId(), node->getName(), node->getDeviceClass(),
+                                     node->getGlobalStatus(), node->getProperties(),
+                                     node->getStatuses()});
   for (const auto& [key, subDevice] : node->getSubDevices()) {
-    same->subDevices[key] = read(subDevice);
+    same->subDevices[key] = read(subDevice, std::move(known));
   }
   return same;
 }
 
-std::string describe(const std::shared_ptr<DeviceNode>& node) { return describe(read(node)); }
+std::string describe(const NodePtr& node) { return describe(read(node)); }
 
 void write(const Node& node, proto::DeviceNode& message) {
   message.set_id(node.id);
@@ -172,10 +173,10 @@ class Input {
   }
 
   std::string text() {
-    static const std::string TEXTS[] = {"", "a", "b", "c", "\xff", std::string("a\0", 2),
-                                        // These have one hash value.
-                                        "aaaaaaaaaaaaaaaa", "bbbbbbbb\x1a\xdc\xd6z%N\xbe\x1e"};
-    return oneIn(16) ? bytes(below(40)) : pick(TEXTS);
+    static const std::string TEXTS[] = {"", "\xff", std::string("a\0", 2), "aaaaaaaaaaaaaaaa",
+                                        "bbbbbbbb\x1a\xdc\xd6z%N\xbe\x1e"};  // of one hash value
+    if (oneIn(16)) return bytes(below(40));
+    return oneIn(4) ? pick(TEXTS) : std::string(1, static_cast<char>('a' + below(12)));
   }
   double real() {
     static const double REALS[] = {0.0, -0.0, 1.5, NAN, HUGE_VAL, 1e300};
@@ -193,14 +194,14 @@ class Input {
 // Sets most fields. Numbers that an enumeration does not have become unknown fields.
 void fill(Input& input, google::protobuf::Message& message) {
   using Field = google::protobuf::FieldDescriptor;
-  if (input.oneIn(32)) message.ParsePartialFromString(input.bytes(200));
   const auto& fields = *message.GetReflection();
   for (int i = 0; i < message.GetDescriptor()->field_count(); ++i) {
     const Field* const field = message.GetDescriptor()->field(i);
-    for (std::size_t n = field->is_repeated() ? input.below(4) : 0; n > 0; --n) {
+    const bool isTree = field->message_type() == message.GetDescriptor();
+    for (std::size_t n = field->is_repeated() ? input.below(isTree ? 4 : 3) : 0; n > 0; --n) {
       fill(input, *fields.AddMessage(&message, field));
     }
-    if (field->is_repeated() || input.oneIn(4)) continue;
+    if (field->is_repeated() || input.oneIn(16)) continue;
     const auto type = field->cpp_type();
     if (type == Field::CPPTYPE_MESSAGE) fill(input, *fields.MutableMessage(&message, field));
     if (type == Field::CPPTYPE_STRING) fields.SetString(&message, field, input.text());
@@ -248,10 +249,10 @@ void edit(Input& input, std::vector<NodePtr>& nodes, bool configuration) {
   const NodePtr node = input.pick(nodes);
   const auto expected = read(node);
   const std::string text = input.text();
-  std::string error = "left over";
+  const std::size_t kind = input.below(configuration ? 9 : 3);
+  std::string error = kind == 2 ? "" : "left over";
   std::string refusal;
   bool done = true;
-  const std::size_t kind = input.below(configuration ? 9 : 3);
   if (kind == 0) {
     const auto status = node->getStatus(text);
     const NamedStatus given = anyStatus(input);
@@ -277,7 +278,6 @@ void edit(Input& input, std::vector<NodePtr>& nodes, bool configuration) {
     return;
   }
   if (kind == 2) {
-    error.clear();
     expected->deviceClass = input.anyOf();
     expected->health = {input.anyOf<GlobalStatus::Level>(), text};
     if (configuration) expected->name = text;
@@ -569,7 +569,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::vector<NodePtr> trees;
   for (std::size_t i = 0; i < 2; ++i) {
     message.Clear();
-    fill(input, message);
+    Input part(input.bytes(400));
+    if (part.oneIn(16)) message.ParsePartialFromString(part.bytes(300));
+    fill(part, message);
     trees.push_back(build(message));
   }
   const auto live = std::make_shared<DeviceNode>(trees[0] ? *trees[0] : DeviceNode());
@@ -580,9 +582,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (more.size() > MOST_NODES) return 0;
     nodes.insert(nodes.end(), more.begin(), more.end());
   }
-  while (!input.atEnd() && !input.oneIn(16)) edit(input, nodes, true);
+  while (!input.atEnd() && !input.oneIn(64)) edit(input, nodes, true);
   trees.push_back(std::make_shared<DeviceNode>(*live));
-  while (!input.atEnd() && !input.oneIn(16)) edit(input, nodes, false);
+  while (!input.atEnd() && !input.oneIn(64)) edit(input, nodes, false);
 
   const std::string text = input.text();
   for (const auto& oldTree : trees) {

@@ -1,6 +1,5 @@
-"""Runs a transcript's commands in an empty directory and shows what they print otherwise now.
-
-transcript.py FILE [NAME=VALUE...]     with these variables
+"""Runs the commands of a transcript in an empty directory and shows what they print otherwise now:
+transcript.py FILE [NAME=VALUE...]
 """
 
 import difflib

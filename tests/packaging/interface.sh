@@ -2,7 +2,6 @@
 # Shows what of the binary interface below PREFIX is gone (-) or new (+) since interface.txt was
 # written: names that are exported, sizes, bases and virtual functions of classes. A name that is
 # gone, and any change of a class, breaks programs that are already linked: raise the ABI version.
-#
 #   ./tests/packaging/interface.sh PREFIX [--update]
 set -euo pipefail
 export LC_ALL=C
