@@ -10,7 +10,7 @@ namespace orv::device_tree {
 /// One thing that differs between the configurations of two trees, in words for people, logs and
 /// pages. `utils::GetConfigurationDifferences` lists them.
 ///
-/// A plain value that owns its strings: several threads may read one at once, a change needs the
+/// A plain value that owns its strings. Several threads may read one at once; a change needs the
 /// caller's exclusion.
 struct ORV_DEVICE_TREE_EXPORT ConfigurationDifference {
   enum Kind : std::int32_t {

@@ -1,37 +1,3 @@
-/// One device of a monitored installation and, through its sub-devices, the root of a tree.
-///
-/// A node carries the device's identity (identifier, display name, class), its overall health, its
-/// configuration (properties), its typed status values and its sub-devices.
-///
-/// Ownership. A node owns its properties, statuses and sub-devices through shared pointers and
-/// knows nothing of its parent. Every node of a tree is owned by a std::shared_ptr. What the
-/// queries hand out are the tree's own objects, never copies: a change made through them is a
-/// change of the tree, and they stay alive after they have left it. The copy constructor is the one
-/// way to a tree that shares nothing with its source.
-///
-/// Order. The three maps order their keys by unsigned bytes. Everything that walks a tree walks it
-/// depth first, a node before the nodes below it, sub-devices in the order of the keys they are
-/// filed under. The key of a sub-device is the identifier it had when it was attached: its
-/// identifier or, when that was set later, the empty string. The key decides the order and what
-/// `removeSubDevice` removes; the identifier of the node itself is what is found, listed, compared
-/// and written.
-///
-/// Refusals. An editing operation returns whether it was carried out; a refused one changes
-/// nothing. Its `errorMessage` is emptied first and, on refusal, receives `formatMessage` of the
-/// node that the operation was called on, applied to the text named here. It must not be the same
-/// object as another argument.
-///
-/// Memory. An operation declared noexcept that runs out of memory ends the process. The copy and
-/// the construction from a message pass std::bad_alloc on and leave nothing behind.
-///
-/// Threads. A tree is used by one thread at a time; trees that share no node are independent.
-/// Objects that queries handed out may be released on any thread.
-///
-/// Cost. n is the number of nodes of the subtree, a node that is filed in several places counted
-/// once for each. No operation on nodes uses stack in proportion to the depth of the tree,
-/// destruction included, but for `debugString` where derived classes take part: it calls itself on
-/// their nodes. The generated messages do: clearing, copying and destroying one of 50,000 levels
-/// takes 8 MiB in a release build.
 #pragma once
 
 #include <list>
@@ -51,10 +17,50 @@ namespace orv::device_tree {
 /// Two blanks for each level.
 ORV_DEVICE_TREE_EXPORT std::string GetIndent(unsigned int level) noexcept;
 
+/// One device of a monitored installation. With its sub-devices it is the root of a tree.
+///
+/// A node carries the device's identity (identifier, display name, class), its overall health, its
+/// configuration (properties), its typed statuses and its sub-devices.
+///
+/// @par Ownership
+/// A node owns its properties, statuses and sub-devices through shared pointers. It has no link to
+/// its parent. Every node of a tree is owned by a std::shared_ptr. Queries hand out the tree's own
+/// objects, never copies. A change of such an object is a change of the tree:
+/// `device.getProperties().at("firmware")->value = "2.1"`. An object stays alive after it has left
+/// the tree. The copy constructor makes a tree that shares nothing with its source.
+///
+/// @par Order
+/// The three maps order their keys by unsigned bytes. A walk goes depth first: a node, then the
+/// nodes below it, sub-devices in the order of their keys. Every operation that visits a tree
+/// visits it in that order. The key of a sub-device is the identifier that it had when it was
+/// attached. It is the empty string for a sub-device that got its identifier later. The key decides
+/// the order and what `removeSubDevice` removes. Searches, lists, comparisons and messages use the
+/// identifier of the node itself.
+///
+/// @par Refusals
+/// An editing operation returns whether it was carried out. A refused one changes nothing. Its
+/// `errorMessage` is emptied first. On refusal it receives the text that the operation names, as
+/// `formatMessage` of the node returns it. It must not be the same object as another argument.
+///
+/// @par Memory
+/// An operation declared noexcept ends the process when memory runs out. The copy and the
+/// construction from a message pass std::bad_alloc on and leave nothing behind.
+///
+/// @par Threads
+/// One thread at a time uses a tree. Trees that share no node are independent. Objects that queries
+/// handed out may be released on any thread.
+///
+/// @par Cost
+/// n is the number of nodes of the subtree; a node that is filed in several places counts once for
+/// each. No operation on nodes uses stack in proportion to the depth of the tree, destruction
+/// included. The one exception is `debugString` of derived classes, which calls itself on their
+/// nodes. The generated messages do use stack for each level. With 8 MiB and a release build a
+/// message can be destroyed with up to 52,500 levels, copied with 75,700, cleared with 263,300.
 class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
                                           public std::enable_shared_from_this<DeviceNode> {
  public:
-  /// Kind of device. Any 32-bit number is carried through unchanged.
+  /// Kind of device. Any 32-bit number is carried through unchanged, so a program may have classes
+  /// of its own: `static_cast<DeviceNode::DeviceClass>(1000)`.
   using DeviceClass = orv::proto::monitoring::DeviceNode_DeviceClass;
   using Properties = std::map<std::string, std::shared_ptr<Property>>;
   using Statuses = std::map<std::string, std::shared_ptr<NamedStatus>>;
@@ -63,6 +69,7 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   /// No identifier, no name, class 0, health OK, nothing filed.
   DeviceNode() noexcept;
 
+  /// Health OK, nothing filed.
   DeviceNode(const std::string& nodeId, const std::string& nodeName,
              DeviceClass nodeClass) noexcept;
 
@@ -71,12 +78,12 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   DeviceNode(const DeviceNode& other);
 
   /// Builds the tree that the message describes with the editing operations below, in message
-  /// order; of two sub-devices of one identifier the later takes the place of the earlier.
+  /// order. Of two sub-devices of one identifier the later takes the place of the earlier.
   ///
-  /// Throws std::runtime_error when the message repeats a property or status name within a device
-  /// or puts a device below one of the same identifier; its text is the refusal of the editing
-  /// operation, formatted once more by the node at that depth. Throws std::bad_alloc. O(n), and one
-  /// comparison of identifiers for each node and level above it.
+  /// Throws std::runtime_error when the message repeats the name of a property or status within a
+  /// device. Throws it too when the message puts a device below one of the same identifier. The
+  /// text is the refusal of the editing operation, formatted once more by the node at that depth.
+  /// Throws std::bad_alloc. O(n log depth).
   DeviceNode(const orv::proto::monitoring::DeviceNode& message);
 
   DeviceNode& operator=(const DeviceNode&) = delete;
@@ -84,14 +91,19 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   /// "Device ", the identifier, " - ", the name. Throws std::bad_alloc.
   std::string messageHeader() const override;
 
-  /// Releases what the node files; an object that somebody else holds lives on, its subtree with
+  /// Releases what the node files. An object that somebody else holds lives on, its subtree with
   /// it. Allocates nothing. O(number of nodes released), as wherever nodes are released.
+  ///
+  /// A node that goes with the release of a node above it hands its sub-devices to that release:
+  /// they may still be there when its own destructor has ended. Deleters and destructors of derived
+  /// classes may edit trees, also the one that the node was taken from.
   ~DeviceNode() override;
 
   /// The node and its subtree as indented lines for logs, the node's own header `indent` levels
-  /// deep. O(length of the text), in which the indentation grows with the depth: a chain of 10,000
-  /// levels takes 1.2 GB. A sub-device of a derived class contributes what its own override
-  /// returns, which costs a nested call and its text once more.
+  /// deep. A sub-device of a derived class contributes what its own override returns.
+  ///
+  /// O(length of the text). The indentation grows with the depth: a chain of 10,000 levels takes
+  /// 1.2 GB. Each level of derived classes costs a nested call and its text once more.
   virtual std::string debugString(unsigned int indent = 0) const noexcept;
 
   /// What the node holds. A reference is good until the node is edited or destroyed.
@@ -121,23 +133,30 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   /// the name is taken. O(log of the number of statuses).
   bool addStatus(const NamedStatus& status, std::string& errorMessage) noexcept;
 
-  /// Files the caller's node itself, with its subtree, under its identifier; with `replace` it
+  /// Files the caller's node itself, with its subtree, under its identifier. With `replace` it
   /// takes the place of the one filed there.
   ///
-  /// Refused in this order: "Trying to add an invalid (null) sub-device"; "Sub-device has same ID
-  /// as parent: " + this node's identifier, when the sub-device or a node below it has that;
-  /// "Sub-device already exists: " + the sub-device's identifier, when that is taken and `replace`
-  /// is false. Only this node's own identifier is looked for: identifiers may repeat in a tree
-  /// otherwise.
+  /// Refused in this order:
+  /// - "Trying to add an invalid (null) sub-device";
+  /// - "Sub-device has same ID as parent: " + this node's identifier, when the sub-device or a node
+  ///   below it has that;
+  /// - "Sub-device already exists: " + the sub-device's identifier, when that is taken and
+  /// `replace`
+  ///   is false.
   ///
-  /// O(n) comparisons of identifiers, n of the new subtree.
+  /// Only this node's own identifier is looked for. So identifiers may repeat elsewhere in the
+  /// tree, and one sub-device without an identifier can be filed. Events carry neither: give each
+  /// device an identifier that is unique in the tree before it is attached. A node that is filed
+  /// below two parents belongs to both trees, and a change shows in both.
+  ///
+  /// O(n), n of the new subtree.
   bool addSubDevice(std::shared_ptr<DeviceNode> subDevice, bool replace,
                     std::string& errorMessage) noexcept;
 
-  /// Removes the sub-device filed under `key`, with its subtree; with `recursive` the first one
-  /// that a walk finds which looks at a node's own sub-devices before it goes below them. Refused,
-  /// key + " not found". O(log of the number of sub-devices), for every node below with
-  /// `recursive`.
+  /// Removes the sub-device filed under `key`, with its subtree. With `recursive` it removes the
+  /// first one that a walk finds; at each node the walk looks at the node's own sub-devices before
+  /// it goes below them. Refused, key + " not found". O(log of the number of sub-devices); with
+  /// `recursive` that for every node below.
   bool removeSubDevice(const std::string& key, bool recursive, std::string& errorMessage) noexcept;
 
   /// The first node of the walk, this one included, that has the identifier; empty when there is

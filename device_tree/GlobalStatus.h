@@ -1,8 +1,3 @@
-/// The overall health of one device: a grade and a free text that explains it.
-///
-/// A plain value that owns its text: const operations may run on several threads at once, changes
-/// need the caller's exclusion. An operation declared noexcept that runs out of memory ends the
-/// process.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +12,10 @@ namespace utils {
 class EventHelper;
 }
 
+/// The overall health of one device: a grade and a free text that explains it.
+///
+/// A plain value that owns its text. Several threads may read one at once; a change needs the
+/// caller's exclusion. An operation declared noexcept ends the process when memory runs out.
 class ORV_DEVICE_TREE_EXPORT GlobalStatus {
  public:
   /// Any 32-bit number may be held. One outside the enumeration counts as an error in texts and in
@@ -30,9 +29,10 @@ class ORV_DEVICE_TREE_EXPORT GlobalStatus {
   GlobalStatus(Level healthLevel, const std::string& text) noexcept
       : level(healthLevel), message(text) {}
 
-  /// Takes the level and the text of the message. An absent level reads as `LEVEL_OK`, a number
-  /// outside the message's enumeration, which a parser leaves absent, as `LEVEL_ERROR`, an absent
-  /// text as the empty one.
+  /// Takes the level and the text of the message. An absent level reads as `LEVEL_OK`, an absent
+  /// text as the empty one. A parser leaves a level that is not in the enumeration absent, so a
+  /// received one becomes `LEVEL_OK`. One that was put into the message in memory becomes
+  /// `LEVEL_ERROR`.
   GlobalStatus(const orv::proto::monitoring::GlobalStatus& healthMessage) noexcept;
 
   /// Whether the levels differ as numbers or the texts in any byte.

@@ -1,17 +1,3 @@
-/// One named, typed piece of a device's changing state.
-///
-/// The type is fixed when the status is made; the value may be unknown ("not set"). A status copies
-/// with its value and owns its strings. A plain value: const operations may run on several threads
-/// at once, changes need the caller's exclusion.
-///
-/// The kind of the value that is set should be the one that belongs to the type:
-///
-///     TYPE_STRING  std::string         TYPE_UINT    unsigned long
-///     TYPE_INT     long                TYPE_DOUBLE  double
-///
-/// That is the caller's duty and not checked. A status without a value holds the integer 0.
-///
-/// An operation declared noexcept that runs out of memory ends the process.
 #pragma once
 
 #include <boost/variant/get.hpp>
@@ -28,6 +14,24 @@ namespace utils {
 class EventHelper;
 }
 
+/// One named, typed piece of a device's changing state.
+///
+/// The type is fixed when the status is made. The value may be unknown ("not set").
+///
+/// The kind of the value should be the one that belongs to the type:
+///
+///     TYPE_STRING  std::string         TYPE_UINT    unsigned long, 5UL
+///     TYPE_INT     long, 5L            TYPE_DOUBLE  double
+///
+/// That is the caller's duty and not checked. A message says of a value of another kind that none
+/// is set.
+///
+/// A status without a value holds the integer 0. So a `TYPE_INT` that is not known equals one that
+/// is 0, and the step from one to the other is no change. Where a value may be unknown, use
+/// `TYPE_UINT` or `TYPE_DOUBLE`.
+///
+/// A plain value that owns its strings. Several threads may read one at once; a change needs the
+/// caller's exclusion. An operation declared noexcept ends the process when memory runs out.
 class ORV_DEVICE_TREE_EXPORT NamedStatus {
  public:
   /// Any 32-bit number may be held; one outside the enumeration is an unknown type.
@@ -52,18 +56,17 @@ class ORV_DEVICE_TREE_EXPORT NamedStatus {
   /// The value held; the integer 0 when none is set.
   const Value& getValue() const noexcept { return value; }
 
-  /// Sets the value, of whatever kind; the type stays. Throws std::bad_alloc when there is no
-  /// memory for a string: then `isValueSet` stays as it was, and so does the value unless its kind
-  /// was to change.
+  /// Sets the value, of whatever kind; the type stays. A literal says its kind: 5L, 5UL, 5.0,
+  /// std::string("on"). Throws std::bad_alloc when there is no memory for a string. Then
+  /// `isValueSet` stays as it was, and so does the value unless its kind was to change.
   void setValue(const Value& newValue);
 
   /// Forgets the value; the type stays.
   void unsetValue() noexcept;
 
-  /// Whether names, types or values differ, the values read as the kind that belongs to the type:
+  /// Whether names, types or values differ. Values are read as the kind that belongs to the type:
   /// numbers without tolerance (a NaN differs from itself), strings byte by byte. Whether a value
-  /// is set is not compared: an integer that is not set equals 0. Two statuses of one unknown type
-  /// always differ.
+  /// is set is not compared. Two statuses of one unknown type always differ.
   ///
   /// Throws boost::bad_get when names and types are equal and either value is not of that kind. A
   /// status without a value holds an integer, which only a `TYPE_INT` takes.

@@ -1,10 +1,3 @@
-/// One named item of a device's configuration: a name, a value type and a value.
-///
-/// A plain value that owns its strings: const operations may run on several threads at once,
-/// changes need the caller's exclusion. The comparison operators are not const members, so whoever
-/// compares holds the left property as a modifiable object; they change nothing.
-///
-/// An operation declared noexcept that runs out of memory ends the process.
 #pragma once
 
 #include <boost/variant/get.hpp>
@@ -17,6 +10,12 @@
 
 namespace orv::device_tree {
 
+/// One named item of a device's configuration: a name, a value type and a value.
+///
+/// A plain value that owns its strings. Several threads may read one at once; a change needs the
+/// caller's exclusion. The comparison operators are not const members: whoever compares holds the
+/// left property as a modifiable object. They change nothing. An operation declared noexcept ends
+/// the process when memory runs out.
 class ORV_DEVICE_TREE_EXPORT Property {
  public:
   /// Any 32-bit number may be held. One outside the enumeration is an unknown type: it hides the

@@ -1,9 +1,9 @@
-// The one walk order of a tree: depth first, a node before the nodes below it, sub-devices in the
-// order of their keys, entries without a node passed over.
+// The one walk order of a tree. It goes depth first: a node, then the nodes below it. Sub-devices
+// come in the order of their keys. Entries without a node are passed over.
 //
 // The open levels are kept on the heap, so depth costs no stack. The tree must not change while it
-// is walked, but for the sub-devices of the node that was met last: next() enters them when it is
-// called.
+// is walked. One thing may change: the sub-devices of the node that was met last, because next()
+// looks at them when it is called.
 #pragma once
 
 #include <cstddef>

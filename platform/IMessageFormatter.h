@@ -1,7 +1,3 @@
-/// How a failure becomes the text that a caller reads: the bare text behind a header that names the
-/// object which refused.
-///
-/// The interface holds no data and may be used from as many threads as the deriving class allows.
 #pragma once
 
 #include <string>
@@ -10,6 +6,10 @@
 
 namespace orv::utils {
 
+/// How a failure becomes the text that a caller reads: a header that names the object which
+/// refused, then the bare text.
+///
+/// The interface holds no data. As many threads may use it as the deriving class allows.
 class ORV_DEVICE_TREE_EXPORT IMessageFormatter {
  public:
   /// The words that name this object in the texts it reports.

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is missing and builds the reference manual: build/docs/html/index.html. Anything
-# public without a description and every broken reference is an error.
+# Installs what is missing and builds the reference manual: build/docs/html/index.html. A broken
+# reference or a wrong name in a description is an error.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
