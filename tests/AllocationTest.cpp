@@ -58,7 +58,8 @@ TEST(Allocation, FailureLeaksNothingAndChangesNothing) {
     device->add_statuses()->set_string_value(LONG_TEXT);
   }
   const DeviceNode source(message);
-  expectAllOrNothing([&] { const DeviceNode copy(source); }, [&] { return source.debugString(); });
+  expectAllOrNothing([&] { const auto copy = std::make_shared<DeviceNode>(source); },
+                     [&] { return source.debugString(); });
   const auto build = [&] { const DeviceNode built(message); };
   const auto text = [&] { return message.SerializeAsString(); };
   expectAllOrNothing(build, text);

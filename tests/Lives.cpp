@@ -111,7 +111,7 @@ NodeRead read(const NodePtr& node, std::map<NodePtr, NodeRead>&& known = {}) {
                                      node->getGlobalStatus(), node->getProperties(),
                                      node->getStatuses()});
   for (const auto& [key, subDevice] : node->getSubDevices()) {
-    same->subDevices[key] = read(subDevice, std::move(known));
+    same->subDevices[key] = read(subDevice, std::move(known));  // NOLINT(bugprone-use-after-move)
   }
   return same;
 }
@@ -169,17 +169,18 @@ class Input {
   bool oneIn(std::size_t n) { return below(n) == n - 1; }
   template <typename Container>
   const auto& pick(const Container& choices) {
-    return choices[below(std::size(choices))];
+    return choices[below(choices.size())];
   }
 
   std::string text() {
-    static const std::string TEXTS[] = {"", "\xff", std::string("a\0", 2), "aaaaaaaaaaaaaaaa",
-                                        "bbbbbbbb\x1a\xdc\xd6z%N\xbe\x1e"};  // of one hash value
+    static const std::vector<std::string> TEXTS{
+        "", "\xff", std::string("a\0", 2), "aaaaaaaaaaaaaaaa",
+        "bbbbbbbb\x1a\xdc\xd6z%N\xbe\x1e"};  // of one hash value
     if (oneIn(16)) return bytes(below(40));
     return oneIn(4) ? pick(TEXTS) : std::string(1, static_cast<char>('a' + below(12)));
   }
   double real() {
-    static const double REALS[] = {0.0, -0.0, 1.5, NAN, HUGE_VAL, 1e300};
+    static const std::vector<double> REALS{0.0, -0.0, 1.5, NAN, HUGE_VAL, 1e300};
     return oneIn(4) ? number<double>() : pick(REALS);
   }
   template <typename Enum = int>
@@ -214,8 +215,8 @@ void fill(Input& input, google::protobuf::Message& message) {
 
 NamedStatus anyStatus(Input& input) {
   NamedStatus status(input.text(), input.anyOf<NamedStatus::Type>());
-  const NamedStatus::Value values[] = {input.number<long>(), input.number<unsigned long>() % 3,
-                                       input.real(), input.text()};
+  const std::vector<NamedStatus::Value> values{
+      input.number<long>(), input.number<unsigned long>() % 3, input.real(), input.text()};
   if (!input.oneIn(4)) status.setValue(input.pick(values));
   return status;
 }
@@ -240,7 +241,7 @@ NodePtr build(const proto::DeviceNode& message) {
 // The map of a node, to be edited as no operation does it.
 template <typename Map>
 Map& mutableMap(const Map& entries) {
-  return const_cast<Map&>(entries);
+  return const_cast<Map&>(entries);  // NOLINT(cppcoreguidelines-pro-type-const-cast)
 }
 
 // Changes one of the nodes, which belong to several trees or to none; the configuration on request

@@ -29,7 +29,6 @@ inline void attach(DeviceNode& parent, const NodePtr& subDevice) {
   EXPECT_TRUE(parent.addSubDevice(subDevice, false, error)) << error;
 }
 
-// A node with sub-devices: node("root", {node("a"), node("b")}).
 inline NodePtr node(const std::string& id, const std::vector<NodePtr>& subDevices = {}) {
   auto made = std::make_shared<DeviceNode>(id, "name of " + id, proto::DeviceNode::UNKNOWN);
   for (const auto& subDevice : subDevices) attach(*made, subDevice);

@@ -1,6 +1,5 @@
 // What user code that runs while nodes are released may do.
 
-#include <cstddef>
 #include <functional>
 #include <new>
 
@@ -38,11 +37,11 @@ TEST(Release, MayEditTheMapThatTheNodeIsTakenFrom) {
 
 // A new node may lie where the one at hand lay until its deleter freed it.
 TEST(Release, OfANodeAtTheSameAddressIsItsOwn) {
-  alignas(DeviceNode) static std::byte place[sizeof(DeviceNode)];
+  static std::aligned_storage_t<sizeof(DeviceNode), alignof(DeviceNode)> place;
   const auto nothing = [] { EXPECT_EQ(alive, 0) << "a sub-device is released with its parent"; };
   const auto deleter = [=](DeviceNode* device) {
     device->~DeviceNode();
-    auto* const again = new (place) DeviceNode;
+    auto* const again = new (&place) DeviceNode;
     attach(*again, noticed("below", [=] {
       auto scratch = node("scratch", {noticed("below", nothing)});
       scratch.reset();
@@ -52,7 +51,7 @@ TEST(Release, OfANodeAtTheSameAddressIsItsOwn) {
     nothing();
   };
   for (const auto& below : {node("below"), NodePtr()}) {
-    NodePtr first(new (place) DeviceNode, deleter);
+    NodePtr first(new (&place) DeviceNode, deleter);
     if (below) attach(*first, node("below"));
     auto root = node("root", {std::move(first)});
     root.reset();

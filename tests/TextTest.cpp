@@ -44,8 +44,8 @@ void print(std::vector<Value> values, std::ostream& out) {
 
 std::string values() {
   std::ostringstream out;
-  const NamedStatus::Value kinds[] = {std::string("auto"), std::numeric_limits<long>::min(), ~0UL,
-                                      std::numeric_limits<double>::lowest()};
+  const std::vector<NamedStatus::Value> kinds{std::string("auto"), std::numeric_limits<long>::min(),
+                                              ~0UL, std::numeric_limits<double>::lowest()};
   std::vector<NamedStatus> statuses{{"", NamedStatus::TYPE_DOUBLE, NAN},
                                     {"s", NamedStatus::TYPE_DOUBLE, -0.0},
                                     {"s", NamedStatus::TYPE_DOUBLE, 0.0},
