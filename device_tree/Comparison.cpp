@@ -101,12 +101,8 @@ bool compareDevice(const DeviceNode& oldNode, const DeviceNode& newNode, const Q
 // Whether a direct sub-device carries the identifier. It is filed under that, or under the empty
 // key if it got the identifier later.
 bool hasSubDevice(const DeviceNode& node, const std::string& deviceId) {
-  const auto carries = [&](const std::string& key) {
-    const auto entry = node.getSubDevices().find(key);
-    return entry != node.getSubDevices().end() && entry->second &&
-           entry->second->getDeviceId() == deviceId;
-  };
-  return carries(deviceId) || carries(std::string());
+  return subDeviceAt(node.getSubDevices(), deviceId, deviceId) != nullptr ||
+         subDeviceAt(node.getSubDevices(), std::string(), deviceId) != nullptr;
 }
 
 // Whether the new node has as many sub-devices as the old one and each of the old identifiers.
@@ -139,8 +135,8 @@ bool eachIsFirstBelowItsParent(MetNodes& met) {
   std::uint64_t place = 0;
   for (std::uint64_t& hash : met.hashes) hash = (hash & ~placeBits) | place++;
 
-  // Sorting them all would take a sixth of a walk. So leave out those that share the high bits of
-  // the hash, a few more than there are nodes to tell apart, with no other.
+  // Sorting them all would take a sixth of a walk. So drop first every node whose high hash bits no
+  // other node has. With two bits more than the places take, few are left.
   const unsigned int shift = 64 - std::min(placeWidth + 2, 32U);
   std::vector<bool> seen(std::size_t{1} << (64 - shift));
   std::vector<bool> seenAgain(seen.size());
@@ -373,6 +369,14 @@ bool compare(const DeviceNode& oldTree, const DeviceNode& newTree, const Questio
 }
 
 }  // namespace
+
+const DeviceNode* subDeviceAt(const DeviceNode::SubDevices& subDevices, const std::string& key,
+                              const std::string& deviceId) {
+  const auto entry = subDevices.find(key);
+  const bool carriesId = entry != subDevices.end() && entry->second != nullptr &&
+                         entry->second->getDeviceId() == deviceId;
+  return carriesId ? entry->second.get() : nullptr;
+}
 
 bool sameConfiguration(const DeviceNode& oldTree, const DeviceNode& newTree) {
   return compare(oldTree, newTree, {true, nullptr});

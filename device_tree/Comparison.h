@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "device_tree/DeviceNode.h"
@@ -23,5 +24,9 @@ bool sameConfiguration(const DeviceNode& oldTree, const DeviceNode& newTree,
 
 // In walk order, for one device its health first and then its statuses by name.
 std::vector<Difference> statusDifferences(const DeviceNode& oldTree, const DeviceNode& newTree);
+
+// The sub-device that is filed under the key, if it carries the identifier.
+const DeviceNode* subDeviceAt(const DeviceNode::SubDevices& subDevices, const std::string& key,
+                              const std::string& deviceId);
 
 }  // namespace orv::device_tree

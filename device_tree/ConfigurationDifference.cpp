@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "device_tree/Comparison.h"
 #include "device_tree/Utils.h"
 
 namespace orv::device_tree {
@@ -62,14 +63,6 @@ void compareDevice(const DeviceNode& oldNode, const DeviceNode& newNode, Differe
         return o.getType() == n.getType() && o.getName() == n.getName();
       },
       differences);
-}
-
-const DeviceNode* subDeviceAt(const SubDevices& subDevices, const std::string& key,
-                              const std::string& deviceId) {
-  const auto entry = subDevices.find(key);
-  const bool carriesId = entry != subDevices.end() && entry->second != nullptr &&
-                         entry->second->getDeviceId() == deviceId;
-  return carriesId ? entry->second.get() : nullptr;
 }
 
 // The one of `others` that the entry of `own` is compared with. Two sub-devices of a device may

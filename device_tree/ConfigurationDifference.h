@@ -26,7 +26,7 @@ struct ORV_DEVICE_TREE_EXPORT ConfigurationDifference {
   };
 
   /// One line: "pump-3: property model changed", "pump-3: device renamed to Feed pump". A number
-  /// outside the enumeration shows as "?".
+  /// outside the enumeration shows as "?". Throws std::bad_alloc.
   std::string debugString() const;
 
   Kind kind = DEVICE_ADDED;

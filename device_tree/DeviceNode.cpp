@@ -223,7 +223,8 @@ DeviceNode::DeviceNode(const proto::DeviceNode& message) : DeviceNode() {
     if (open.isBelowItself()) {
       throw std::runtime_error(parent.formatMessage(parent.sameIdRefusal()));
     }
-    parent.subDevices[complete->deviceId].swap(complete);
+    const auto end = parent.subDevices.cend();  // its place, if the message is in order
+    parent.subDevices.try_emplace(end, complete->deviceId)->second.swap(complete);
   }
 }
 

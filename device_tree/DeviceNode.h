@@ -83,7 +83,7 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   /// Throws std::runtime_error when the message repeats the name of a property or status within a
   /// device. Throws it too when the message puts a device below one of the same identifier. The
   /// text is the refusal of the editing operation, formatted once more by the node at that depth.
-  /// Throws std::bad_alloc. O(n log depth).
+  /// Throws std::bad_alloc. O(n log n), and O(n log depth) for what `toProtoBuf` wrote.
   DeviceNode(const orv::proto::monitoring::DeviceNode& message);
 
   DeviceNode& operator=(const DeviceNode&) = delete;
@@ -140,14 +140,15 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   /// - "Trying to add an invalid (null) sub-device";
   /// - "Sub-device has same ID as parent: " + this node's identifier, when the sub-device or a node
   ///   below it has that;
-  /// - "Sub-device already exists: " + the sub-device's identifier, when that is taken and
-  /// `replace`
-  ///   is false.
+  /// - "Sub-device already exists: " + the sub-device's identifier, when that is taken and not to
+  /// be
+  ///   replaced.
   ///
   /// Only this node's own identifier is looked for. So identifiers may repeat elsewhere in the
   /// tree, and one sub-device without an identifier can be filed. Events carry neither: give each
-  /// device an identifier that is unique in the tree before it is attached. A node that is filed
-  /// below two parents belongs to both trees, and a change shows in both.
+  /// device an identifier that is unique in the tree before it is attached. What comparing costs
+  /// depends on that as well, see `utils`. A node that is filed below two parents belongs to both
+  /// trees, and a change shows in both.
   ///
   /// O(n), n of the new subtree.
   bool addSubDevice(std::shared_ptr<DeviceNode> subDevice, bool replace,

@@ -53,6 +53,7 @@ class ORV_DEVICE_TREE_EXPORT GlobalStatus {
   std::string message;
 
  private:
+  // They read messages where a lack of memory has to pass, which the constructor does not let.
   friend class DeviceNode;
   friend class utils::EventHelper;
 

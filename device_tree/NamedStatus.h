@@ -46,8 +46,9 @@ class ORV_DEVICE_TREE_EXPORT NamedStatus {
   NamedStatus(const std::string& statusName, Type statusType, const Value& statusValue) noexcept;
 
   /// Takes name, type and the value field that belongs to the type, if it is present; other value
-  /// fields are ignored. An absent type reads as `TYPE_STRING`; a number outside the message's
-  /// enumeration, which a parser leaves absent, gives a `TYPE_INT` without a value.
+  /// fields are ignored. An absent type reads as `TYPE_STRING`. A parser leaves a number outside
+  /// the enumeration absent, so a received one becomes `TYPE_STRING`. One that was put into the
+  /// message in memory becomes `TYPE_INT` without a value.
   NamedStatus(const orv::proto::monitoring::NamedStatus& message) noexcept;
 
   const std::string& getName() const noexcept { return name; }
@@ -86,6 +87,7 @@ class ORV_DEVICE_TREE_EXPORT NamedStatus {
   void toProtoBuf(orv::proto::monitoring::NamedStatus& target) const noexcept;
 
  private:
+  // They read messages where a lack of memory has to pass, which the constructor does not let.
   friend class DeviceNode;
   friend class utils::EventHelper;
 
@@ -93,7 +95,7 @@ class ORV_DEVICE_TREE_EXPORT NamedStatus {
   ORV_DEVICE_TREE_NO_EXPORT void read(const orv::proto::monitoring::NamedStatus& source);
 
   std::string name;
-  Type type = TYPE_INT;
+  Type type = TYPE_INT;  // what an unknown number in a message becomes
   bool valueSet = false;
   Value value = 0L;
 };

@@ -20,8 +20,9 @@
 /// neither.
 ///
 /// An empty pointer stands for "no tree". One call uses its trees on one thread, and the caller
-/// leaves them unchanged meanwhile. Nothing is kept between calls. A
-/// snapshot is a tree of its own: after `snapshot = live` both are one tree, which shows no change.
+/// leaves them unchanged meanwhile. Nothing is kept between calls.
+///
+/// A snapshot is a tree of its own. After `snapshot = live` both are one tree, and no change shows.
 ///
 /// @par Which devices are compared
 /// A device is compared with the device of the same identifier. Where no identifier repeats within
@@ -134,17 +135,22 @@ class ORV_DEVICE_TREE_EXPORT EventHelper {
   ///
   /// A change of a device without an identifier is passed over where the tree has none.
   ///
-  /// An event does not carry:
-  /// - the change of a device's class alone;
-  /// - the step of an integer from 0 to not set, or back;
-  /// - a value whose kind is not that of its type: it arrives as not set;
-  /// - what happens to a sub-device without an identifier;
-  /// - which of several devices is meant, where an identifier repeats: one of them is changed, the
-  ///   same one for the same event and tree.
+  /// An event does not carry everything that a tree can hold. For a sender that keeps its snapshot
+  /// this way it means:
+  /// - never reported, as with a copied snapshot: a change of a device's class alone, the step of
+  /// an
+  ///   integer from 0 to not set or back, that of a double from 0 to -0 or back;
+  /// - reported each time: a value whose kind is not that of its type, a NaN, a level outside the
+  ///   enumeration;
+  /// - the whole tree each time: a sub-device without an identifier, siblings that share one, a
+  ///   property or status of an unknown type;
+  /// - uncertain: where an identifier repeats, which of the devices a change is made to, and
+  /// whether
+  ///   one of them has the status; a device below one of the same identifier makes the event of the
+  ///   whole tree one that is refused.
   ///
-  /// What is not carried is reported again by a sender that keeps its snapshot this way, and so is
-  /// a NaN. A sub-device without an identifier makes every report bring the whole tree. Who needs
-  /// those keeps the snapshot by copying.
+  /// Who needs those keeps the snapshot by copying. A device that got its identifier after it was
+  /// attached is filed elsewhere in a tree that came from a message: the two are never in step.
   ///
   /// Throws std::bad_alloc; then `tree` is unchanged. A whole tree costs what its construction from
   /// a message costs. A status change costs a look at the identifiers of the tree, as far as the

@@ -1,5 +1,4 @@
-// Trees and messages made to exhaust the stack or the time of whoever takes them over. What fails
-// here does not fail an expectation: it crashes or never ends.
+// Trees and messages made to exhaust the stack or the time: what fails here crashes or never ends.
 
 #include <google/protobuf/arena.h>
 

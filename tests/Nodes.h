@@ -3,8 +3,6 @@
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
 #include <vector>
 
 #include "device_tree/Utils.h"

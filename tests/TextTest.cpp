@@ -31,6 +31,7 @@ template <typename Value>
 void print(std::vector<Value> values, std::ostream& out) {
   for (const Value& value : values) {
     auto used = values.back().toProtoBuf();
+    used.ParseFromString(used.SerializeAsString() + "\x78\x01");  // and an unknown field
     value.toProtoBuf(used);
     const Value built = used;
     out << value.debugString() << " | " << used.ShortDebugString() << " | " << built.debugString()

@@ -4,14 +4,13 @@ transcript.py FILE [NAME=VALUE...]
 
 import difflib
 import os
-import pathlib
 import shlex
 import subprocess
 import sys
 import tempfile
 
 os.environ.update(setting.split("=", 1) for setting in sys.argv[2:])
-expected = pathlib.Path(sys.argv[1]).read_text(encoding="utf-8").splitlines()
+expected = open(sys.argv[1], encoding="utf-8").read().splitlines()
 script = ["exec 2>&1"]
 for line in expected:
     if line.startswith("$ "):
