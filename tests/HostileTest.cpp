@@ -54,6 +54,13 @@ TEST(Hostile, ManyLevels) {
   EXPECT_THROW(DeviceNode{message}, std::runtime_error);
 }
 
+TEST(Hostile, AnIdentifierFurtherDownIsNotThatOfASubDevice) {
+  const auto rack = [](const std::string& last) {
+    return node("rack", {node("a", {node("b"), node("c")}), node("b"), node(last)});
+  };
+  EXPECT_FALSE(utils::IsSameConfiguration(rack("c"), rack("d")));
+}
+
 // Every device has two sub-devices: the next tree, and one that carries the identifier of the next
 // tree's first sub-device and so stands for that. Each pair is met as often as a Fibonacci number.
 TEST(Hostile, RepeatedIdentifiersDoNotMultiplyTheComparison) {
@@ -61,7 +68,8 @@ TEST(Hostile, RepeatedIdentifiersDoNotMultiplyTheComparison) {
   NodePtr tree = node(numbered(LEVELS));
   for (int i = LEVELS; i-- > 0;) tree = node(numbered(i), {tree, node(numbered(i + 2))});
   const auto edited = std::make_shared<DeviceNode>(*tree);
-  EXPECT_EQ(countChanges(tree, edited), 0);
+  edited->getDeviceById(numbered(2))->setGlobalStatus({GlobalStatus::LEVEL_ERROR, ""});
+  EXPECT_EQ(countChanges(tree, edited), 2) << "itself, and where another one stands for it";
   // Listed, the changes of all devices would be as many as the pairs.
   for (const auto& id : edited->getTreeDeviceIds()) {
     edited->getDeviceById(id)->setGlobalStatus({GlobalStatus::LEVEL_ERROR, ""});

@@ -344,6 +344,7 @@ void checkMessages(const NodePtr& tree, proto::DeviceNode& kept) {
   write(*read(tree), expected);
   tree->toProtoBuf(kept);
   check(kept.SerializeAsString() == expected.SerializeAsString(), "a tree is written as it is");
+  check(tree->toProtoBuf().SerializeAsString() == expected.SerializeAsString(), "at each call");
   build(kept);
 }
 
@@ -583,9 +584,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (more.size() > MOST_NODES) return 0;
     nodes.insert(nodes.end(), more.begin(), more.end());
   }
-  while (!input.atEnd() && !input.oneIn(64)) edit(input, nodes, true);
-  trees.push_back(std::make_shared<DeviceNode>(*live));
-  while (!input.atEnd() && !input.oneIn(64)) edit(input, nodes, false);
+  for (const std::size_t edits : {32U, 16U, 2U}) {  // those in the middle of the state only
+    while (!input.atEnd() && !input.oneIn(edits)) edit(input, nodes, edits != 16);
+    trees.push_back(std::make_shared<DeviceNode>(*live));
+  }
 
   const std::string text = input.text();
   for (const auto& oldTree : trees) {

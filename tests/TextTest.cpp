@@ -3,7 +3,6 @@
 #include <clocale>
 #include <cmath>
 #include <fstream>
-#include <iterator>
 #include <limits>
 #include <sstream>
 

@@ -25,7 +25,6 @@ TEST(Threads, ReleaseWhatQueriesHandedOutAndUseTreesOfTheirOwn) {
       EXPECT_TRUE(EventHelper::ComputeEvent(snapshot, own, event));
     });
   }
-  // Meanwhile the owner prunes its tree and gives it up.
   std::string error;
   EXPECT_TRUE(tree->removeSubDevice("a", false, error));
   tree.reset();
