@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -24,7 +23,7 @@ TEST(Lives, OfTheCorpusAndOfRandomBytes) {
   std::mt19937 random;
   for (int life = 0; life < 4'000; ++life) {
     std::string bytes(random() % 2'000, ' ');
-    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
+    for (char& byte : bytes) byte = static_cast<char>(random());
     play(bytes, "random life " + std::to_string(life));
   }
 }

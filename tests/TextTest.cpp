@@ -100,7 +100,6 @@ TEST(Texts, OfATree) {
   EXPECT_EQ(rack.getDeviceById("dev-1"), nullptr) << "no shared pointer owns it";
 }
 
-// Each event in the file is applied to no tree and to one device.
 TEST(Texts, OfRefusedEvents) {
   std::ifstream file(ORV_TESTS "refusals.txt");
   std::string out;

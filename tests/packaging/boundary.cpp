@@ -9,8 +9,6 @@
 
 using namespace orv::device_tree;
 
-namespace {
-
 struct Rack : DeviceNode {
   using DeviceNode::DeviceNode;
   std::string debugString(unsigned int) const noexcept override { return "rack\n"; }
@@ -25,8 +23,6 @@ bool throws(Operation operation) try {
 }
 
 Property model(const char* value) { return {"model", Property::TYPE_STRING, value}; }
-
-}  // namespace
 
 int main() {
   Property one = model("X200");

@@ -14,7 +14,6 @@ PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name orv-device-tree.pc)")
 export PKG_CONFIG_PATH
 library() { pkg-config "$@" orv-device-tree; }
 
-# shellcheck disable=SC2046,SC2086 # the flags are separate words
 "${CXX:-g++}" -std=c++20 ${WARNINGS:-} "$here/boundary.cpp" -o "$work/boundary" \
   $(library --cflags --libs "${@:3}") -Wl,-rpath,"$(library --variable=libdir)"
 "$work/boundary"
