@@ -37,9 +37,9 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(about
 "For processes that watch devices and report on them: a process keeps an
-installation as a tree of devices and a deep copy of it as the snapshot last
-reported, and computes the one event message that leads from the snapshot to
-the tree.")
+installation as a live tree of devices, and as a snapshot the tree that it
+reported last, and computes the one event message that leads from the snapshot
+to the live tree.")
 
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")

@@ -140,9 +140,7 @@ class ORV_DEVICE_TREE_EXPORT DeviceNode : public orv::utils::IMessageFormatter,
   /// - "Trying to add an invalid (null) sub-device";
   /// - "Sub-device has same ID as parent: " + this node's identifier, when the sub-device or a node
   ///   below it has that;
-  /// - "Sub-device already exists: " + the sub-device's identifier, when that is taken and not to
-  /// be
-  ///   replaced.
+  /// - "Sub-device already exists: " + its identifier, when that is taken and `replace` is false.
   ///
   /// Only this node's own identifier is looked for. So identifiers may repeat elsewhere in the
   /// tree, and one sub-device without an identifier can be filed. Events carry neither: give each

@@ -137,17 +137,15 @@ class ORV_DEVICE_TREE_EXPORT EventHelper {
   ///
   /// An event does not carry everything that a tree can hold. For a sender that keeps its snapshot
   /// this way it means:
-  /// - never reported, as with a copied snapshot: a change of a device's class alone, the step of
-  /// an
-  ///   integer from 0 to not set or back, that of a double from 0 to -0 or back;
+  /// - never reported, as with a copied snapshot: a device's class alone, the step of an integer
+  ///   from 0 to not set or back, that of a double from 0 to -0 or back;
   /// - reported each time: a value whose kind is not that of its type, a NaN, a level outside the
   ///   enumeration;
   /// - the whole tree each time: a sub-device without an identifier, siblings that share one, a
   ///   property or status of an unknown type;
-  /// - uncertain: where an identifier repeats, which of the devices a change is made to, and
-  /// whether
-  ///   one of them has the status; a device below one of the same identifier makes the event of the
-  ///   whole tree one that is refused.
+  /// - uncertain, where an identifier repeats: which of the devices a change is made to, and so
+  ///   whether that has the status;
+  /// - always refused: the whole tree, if it has a device below one of the same identifier.
   ///
   /// Who needs those keeps the snapshot by copying. A device that got its identifier after it was
   /// attached is filed elsewhere in a tree that came from a message: the two are never in step.

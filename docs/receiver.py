@@ -52,11 +52,11 @@ def apply(event, tree):
 def main():
     tree = None
     if sys.argv[1] != "-":
-        text = pathlib.Path(sys.argv[1]).read_text(encoding="utf-8")
+        text = pathlib.Path(sys.argv[1]).read_bytes()
         tree = text_format.Parse(text, device_tree_pb2.DeviceNode())
-    tree = apply(text_format.Parse(sys.stdin.read(), Event()), tree)
+    tree = apply(text_format.Parse(sys.stdin.buffer.read(), Event()), tree)
     if tree is not None:
-        print(text_format.MessageToString(tree, as_utf8=True), end="")
+        sys.stdout.buffer.write(text_format.MessageToBytes(tree, as_utf8=True))
 
 
 if __name__ == "__main__":

@@ -1,39 +1,34 @@
 #include "Summary.h"
 
 #include <list>
+#include <utility>
 
 #include "device_tree/Utils.h"
 
-namespace proto = orv::proto::monitoring;
 namespace utils = orv::device_tree::utils;
 using orv::device_tree::ConfigurationDifference;
 using orv::device_tree::DeviceNode;
 using orv::device_tree::GlobalStatus;
 using orv::device_tree::NamedStatus;
-using Event = proto::DeviceToOrvServiceEvent;
+using Event = orv::proto::monitoring::DeviceToOrvServiceEvent;
 
 std::vector<std::string> summaryOf(const Event& event, const std::shared_ptr<DeviceNode>& oldTree,
                                    const std::shared_ptr<DeviceNode>& newTree) {
+  if (event.event_type() == Event::DEVICE_REMOVE) return {oldTree->getDeviceId() + ": removed"};
   std::vector<std::string> lines;
-  if (event.event_type() == Event::DEVICE_REMOVE) {
-    const auto& removed = event.GetExtension(proto::DeviceRemoveEvent::base);
-    lines.push_back(removed.device_id() + ": removed");
-  } else if (event.event_type() == Event::STATUS_CHANGE) {
-    const auto& changes = event.GetExtension(proto::StatusChangeEvent::base);
-    for (const auto& change : changes.global_status_changes()) {
-      lines.push_back(change.device_id() + ": " + GlobalStatus(change.status()).debugString());
-    }
-    for (const auto& change : changes.named_status_changes()) {
-      lines.push_back(change.device_id() + ": " + NamedStatus(change.status()).debugString());
-    }
-  } else {
+  if (event.event_type() != Event::STATUS_CHANGE) {
     lines.push_back(newTree->getDeviceId() + (oldTree ? ": reconfigured, " : ": added, ") +
                     std::to_string(newTree->getTreeDeviceIds().size()) + " devices, " +
                     newTree->getGlobalStatus().debugString());
-    if (!oldTree) return lines;
-    std::list<ConfigurationDifference> differences;
-    utils::GetConfigurationDifferences(oldTree, newTree, differences);
-    for (const auto& difference : differences) lines.push_back(difference.debugString());
   }
+  if (!oldTree) return lines;
+  std::list<ConfigurationDifference> differences;
+  utils::GetConfigurationDifferences(oldTree, newTree, differences);
+  for (const auto& difference : differences) lines.push_back(difference.debugString());
+  std::list<std::pair<std::string, GlobalStatus>> healths;
+  std::list<std::pair<std::string, std::shared_ptr<NamedStatus>>> statuses;
+  utils::GetStatusDifferences(oldTree, newTree, healths, statuses);
+  for (const auto& [id, health] : healths) lines.push_back(id + ": " + health.debugString());
+  for (const auto& [id, status] : statuses) lines.push_back(id + ": " + status->debugString());
   return lines;
 }

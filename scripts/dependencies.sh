@@ -8,9 +8,9 @@ packages_for() {
   case $1 in
     build) echo g++ cmake ninja-build libboost-dev libprotobuf-dev protobuf-compiler ;;
     test) echo libgtest-dev python3 python3-protobuf pkg-config binutils locales ;;
-    check) echo clang clang-format clang-tidy cppcheck libclang-rt-14-dev ;;
+    check) echo clang clang-format clang-tidy cppcheck ;;
     bench) echo libbenchmark-dev nlohmann-json3-dev python3 python3-matplotlib ;;
-    docs) echo doxygen python3 ;;
+    docs) echo doxygen ;;
     package) echo dpkg-dev file lintian pkg-config devscripts ;;
     fuzz) echo clang libclang-rt-14-dev llvm ;;
     *)

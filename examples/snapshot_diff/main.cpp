@@ -29,9 +29,9 @@ constexpr const char* usage = R"(Usage: snapshot_diff [--explain] OLD NEW
 Reads two device trees, messages of type orv.proto.monitoring.DeviceNode in Protocol Buffers text
 form, and prints the event that leads from OLD to NEW in the same form. "-" stands for no tree.
 
-  --explain  print a line for each change instead, of the configuration as well
+  --explain  print a line for each change instead, of configuration and of statuses
 
-Exit status: 0 when there is nothing to report, 1 when an event was printed, 2 on bad input.
+Exit status: 0 when there is nothing to report, 1 when there is, 2 on bad input.
 )";
 
 // The text form is read and printed by recursion; real installations have a few levels.
