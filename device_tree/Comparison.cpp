@@ -291,12 +291,12 @@ class IndexedComparison {
       const bool inStep = !newDone && old_.idOf(oldNext) == new_.idOf(newNext);
       if (inStep && !old_.repeats(oldNext) && !new_.repeats(newNext)) {
         if (!enter(oldNext, newNext, nullptr)) return false;
-      } else if (!inStep && question_.configuration &&
-                 !hasSubDevice(new_.node(pair.newPlace), old_.idOf(oldNext))) {
-        return false;
-      } else if (!search(pair.oldPlace, pair.newPlace, old_.idOf(oldNext))) {
-        return false;
+        continue;
       }
+      const std::string& deviceId = old_.idOf(oldNext);
+      const bool isMissing =
+          question_.configuration && !inStep && !hasSubDevice(new_.node(pair.newPlace), deviceId);
+      if (isMissing || !search(pair.oldPlace, pair.newPlace, deviceId)) return false;
     }
     return true;
   }

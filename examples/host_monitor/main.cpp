@@ -120,9 +120,14 @@ void monitor(const Options& options) {
       if (options.format == "text") {
         print("# reading " + number + "\n" + event.Utf8DebugString());
       } else {
+        std::string lines;
         for (const std::string& line : summaryOf(event, snapshot, live)) {
-          print(number + " " + line + "\n");
+          lines += number;
+          lines += ' ';
+          lines += line;
+          lines += '\n';
         }
+        print(lines);
       }
       std::string refusal;
       if (!EventHelper::ApplyEvent(event, snapshot, refusal)) throw std::logic_error(refusal);
