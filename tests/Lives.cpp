@@ -269,9 +269,10 @@ void edit(Input& input, std::vector<NodePtr>& nodes, bool configuration) {
     entries.insert(std::move(entry));
     return;
   }
-  if (kind == 3) {  // entries without an object; another value
+  if (kind == 3) {  // entries without an object; another type, another value
     if (input.oneIn(4)) mutableMap(node->getProperties())[text] = nullptr;
-    if (input.oneIn(4)) mutableMap(node->getStatuses())[text] = nullptr;
+    const auto other = std::make_shared<NamedStatus>(text, input.anyOf<NamedStatus::Type>());
+    if (input.oneIn(2)) mutableMap(node->getStatuses())[text] = input.oneIn(2) ? other : nullptr;
     if (input.oneIn(4)) mutableMap(node->getSubDevices())[text] = nullptr;
     const auto property = node->getProperties().begin();
     if (property != node->getProperties().end() && property->second) property->second->value = text;
