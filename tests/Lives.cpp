@@ -254,7 +254,9 @@ void edit(Input& input, std::vector<NodePtr>& nodes, bool configuration) {
   std::string refusal;
   bool done = true;
   if (kind == 0) {
-    const auto status = node->getStatus(text);
+    const auto entry = node->getStatuses().find(text);
+    const auto status = entry == node->getStatuses().end() ? nullptr : entry->second;
+    check(node->getStatus(text) == status, "a query hands out the tree's own object");
     const NamedStatus given = anyStatus(input);
     if (status && given.isValueSet()) status->setValue(given.getValue());
     if (status && !given.isValueSet()) status->unsetValue();

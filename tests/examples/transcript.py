@@ -1,6 +1,4 @@
-"""Runs the commands of a transcript in an empty directory and shows what they print otherwise now:
-transcript.py FILE [NAME=VALUE...]
-"""
+"""Runs a transcript's commands and shows what they print otherwise now: FILE [NAME=VALUE...]"""
 
 import difflib
 import os
