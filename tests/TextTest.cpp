@@ -14,6 +14,7 @@ using namespace nodes;
 
 void expectText(const std::string& text, const std::string& file) {
   std::ifstream stream(ORV_TESTS + file);
+  ASSERT_TRUE(stream) << file;
   EXPECT_EQ(text, std::string(std::istreambuf_iterator<char>(stream), {})) << file;
 }
 
@@ -74,7 +75,6 @@ std::string values() {
 TEST(Texts, OfValuesInEveryLocale) {
   expectText(values(), "values.txt");
   ASSERT_NE(std::setlocale(LC_ALL, "de_DE.UTF-8"), nullptr) << "ctest sets LOCPATH to it";
-  ASSERT_EQ(*std::localeconv()->decimal_point, ',');
   expectText(values(), "values.txt");
   std::setlocale(LC_ALL, "C");
 }
