@@ -1,6 +1,6 @@
-# What `cmake --install` puts beside the two libraries, their headers and schemas: the package
-# config, the pkg-config file and the receiver in Python, an example. Everything follows the prefix
-# that is chosen when installing, but for a CMAKE_INSTALL_LIBDIR that is absolute.
+# What `cmake --install` puts beside the libraries, their headers and schemas: the package config,
+# the pkg-config files and the receiver in Python, an example. Everything follows the prefix that is
+# chosen when installing, but for a CMAKE_INSTALL_LIBDIR that is absolute.
 include(CMakePackageConfigHelpers)
 
 set(proto_install_dir ${CMAKE_INSTALL_DATADIR}/${PROJECT_NAME}/proto)
@@ -41,3 +41,21 @@ install(FILES ${PROJECT_BINARY_DIR}/${PROJECT_NAME}.pc
 install(FILES ${PROJECT_SOURCE_DIR}/docs/receiver.py
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liborv-device-tree-dev/examples
   COMPONENT development)
+
+if(ORV_BUILD_REPORTING)
+  # A shared library brings libmosquitto by itself.
+  set(pc_requires_private)
+  if(NOT BUILD_SHARED_LIBS)
+    set(pc_requires_private libmosquitto)
+  endif()
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/orv-reporting.pc.in orv-reporting.pc @ONLY)
+
+  install(EXPORT ${PROJECT_NAME}-reporting
+    FILE ${PROJECT_NAME}-reporting-targets.cmake
+    NAMESPACE orv::
+    DESTINATION ${config_install_dir}
+    COMPONENT reporting_development)
+  install(FILES ${PROJECT_BINARY_DIR}/orv-reporting.pc
+    DESTINATION ${pc_install_dir}
+    COMPONENT reporting_development)
+endif()

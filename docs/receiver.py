@@ -1,16 +1,20 @@
 """Follows a device tree: applies the events of one root to the tree that is kept of it.
 
 As a program, receiver.py TREE <EVENT prints the tree after the event, all in the text format; "-"
-stands for no tree.
+stands for no tree. receiver.py --broker HOST[:PORT] ROOT follows a root over an MQTT broker until it
+is interrupted, and prints a line for each step.
 """
 
 import copy
 import pathlib
 import sys
+import time
+import uuid
 
 from google.protobuf import text_format
 from proto.monitoring import device_events_pb2 as events
 from proto.monitoring import device_tree_pb2
+from proto.monitoring import reporting_pb2
 
 Event = events.DeviceToOrvServiceEvent
 
@@ -49,7 +53,144 @@ def apply(event, tree):
     return tree
 
 
+class Follower:
+    """What is known of one root, from messages in whatever order and number."""
+
+    def __init__(self):
+        self.tree = None
+        self.epoch = None
+        self.n = 0
+        self.highest = 0  # n that arrived in the epoch
+        self.left = set()  # epochs that were left
+        self.lost = False
+        self.reported = None  # the reporter's own word: its name, the current epoch, the last n
+
+    def take(self, epoch, n, event):
+        """Returns whether the event was applied; otherwise the tree stays as it is."""
+        is_same = epoch == self.epoch
+        is_whole = event.event_type in (Event.DEVICE_ADD, Event.CONFIGURATION_CHANGE)
+        is_removal = event.event_type == Event.DEVICE_REMOVE
+        is_named = self.reported is not None and self.reported[1] == epoch
+        if n <= self.n if is_same else epoch in self.left and not is_named:
+            return False  # old
+        if not is_whole and not (is_same and (is_removal or n == self.n + 1)):
+            self.highest = max(self.highest, n) if is_same else self.highest
+            self.lost = self.lost or not is_same
+            return False  # something is missing before it
+        try:
+            self.tree = apply(event, self.tree)
+        except (LookupError, ValueError):
+            self.lost = True
+            raise
+        if not is_same:
+            self.left.add(self.epoch)
+            self.highest = 0
+        self.lost = self.lost and not (is_whole or is_removal)
+        self.epoch, self.n, self.highest = epoch, n, max(self.highest, n)
+        return True
+
+    def hear(self, reporter, epoch, n):
+        self.reported = (reporter, epoch, n)
+        if epoch == self.epoch:  # a higher n was none of the reporter's, or comes up again
+            self.highest = max(self.n, min(self.highest, n))
+
+    def is_current(self):
+        return (self.epoch is not None and not self.lost and self.highest <= self.n
+                and (self.reported is None or self.reported[1] == self.epoch))
+
+    def is_behind(self):
+        return self.reported is not None and self.reported[2] > self.n
+
+
+def level(text):
+    """The text as one level of a topic."""
+    if not text:
+        return "%"
+    special = set("/+#%") | {chr(code) for code in (*range(0x20), *range(0x7f, 0xa0))}
+    return "".join("".join(f"%{byte:02X}" for byte in character.encode())
+                   if character in special else character for character in text)
+
+
+def partition(root):
+    value = 0xcbf29ce484222325
+    for byte in root.encode():
+        value = (value ^ byte) * 0x100000001b3 % 2**64
+    return value % 64
+
+
+def follow(host, port, root):
+    from paho.mqtt import client as mqtt  # Debian's python3-paho-mqtt
+    from paho.mqtt.packettypes import PacketTypes
+    from paho.mqtt.properties import Properties
+
+    follower = Follower()
+    reporters = {}  # the last state of each, by name
+    topic = f"orv/1/event/{partition(root)}/{level(root)}"
+
+    def on_connect(client, *_):
+        client.subscribe([("orv/1/reporter/+", 1), (topic, 1)])
+
+    def on_message(client, _, message):
+        try:
+            if message.topic.startswith("orv/1/reporter/"):
+                take_state(message.topic.rpartition("/")[2],
+                           reporting_pb2.ReporterState.FromString(message.payload))
+            elif message.payload:  # an empty one clears the topic after a removal
+                sequence = dict(message.properties.UserProperty)["sequence"]
+                event = Event.FromString(message.payload)
+                done = follower.take(*map(int, sequence.split(".")), event)
+                print(sequence, Event.EventType.Name(event.event_type),
+                      "applied" if done else "not applied", flush=True)
+        except Exception as fault:  # whoever may publish can send anything
+            print("refused:", repr(fault), flush=True)
+
+    def take_state(name, state):
+        last = reporters.get(name)
+        if last and (state.connection < last.connection if state.start == last.start
+                     else not state.online):
+            return  # the late will of an earlier connection
+        reporters[name] = state
+        for entry in state.roots:
+            if entry.root == root and state.online:
+                follower.hear(name, entry.epoch, entry.n)
+                return
+        if follower.reported and follower.reported[0] == name:
+            follower.reported = None  # gone, or it has the root no longer
+
+    client = mqtt.Client(client_id=f"orv-{uuid.uuid4()}", protocol=mqtt.MQTTv5)
+    client.on_connect = on_connect
+    client.on_message = on_message
+    client.connect(host, port)
+    expires = Properties(PacketTypes.PUBLISH)
+    expires.MessageExpiryInterval = 60
+    in_step = due = time.monotonic()
+    pause = 1
+    while True:
+        if client.loop(timeout=0.2):  # an error: the connection is lost
+            time.sleep(1)
+            try:
+                client.reconnect()
+            except OSError as fault:
+                print("no connection:", fault, flush=True)
+                continue
+        now = time.monotonic()
+        if not follower.is_behind():
+            in_step = now
+        if (follower.reported is None or follower.reported[2] == 0
+                or follower.is_current() and now - in_step < 5):
+            due, pause = now + 1, 1
+        elif now >= due:
+            print("asking for the tree", flush=True)
+            request = reporting_pb2.TreeRequest(roots=[root]).SerializeToString()
+            client.publish("orv/1/request/" + follower.reported[0], request, 1, properties=expires)
+            pause = min(2 * pause, 60)
+            due = now + pause
+
+
 def main():
+    if sys.argv[1] == "--broker":
+        host, _, port = sys.argv[2].partition(":")
+        return follow(host, int(port or 1883), sys.argv[3])
     tree = None
     if sys.argv[1] != "-":
         text = pathlib.Path(sys.argv[1]).read_bytes()

@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-./scripts/dependencies.sh build test check bench
+./scripts/dependencies.sh build test check bench web
 mapfile -t sources < <(git ls-files '*.cpp')
 mapfile -t headers < <(git ls-files '*.h')
 
@@ -20,5 +20,5 @@ run-clang-tidy -quiet -p build/check "^$PWD/(?!build/)" 2> >(grep -v 'warnings g
 echo "cppcheck"
 cppcheck --quiet --error-exitcode=1 --std=c++17 --enable=warning,performance,portability \
   --inline-suppr --suppress=missingInclude --suppress=missingIncludeSystem -I . \
-  device_tree platform examples
+  device_tree platform reporting examples
 echo "All checks passed"

@@ -1,17 +1,24 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing for the purposes named, and says which.
 #
-#   ./scripts/dependencies.sh PURPOSE...     purposes: build test check bench docs package fuzz
+#   ./scripts/dependencies.sh PURPOSE...     purposes: build test broker web metrics page check
+#                                              bench docs package fuzz
 set -euo pipefail
 
 packages_for() {
   case $1 in
-    build) echo g++ cmake ninja-build libboost-dev libprotobuf-dev protobuf-compiler ;;
-    test) echo libgtest-dev python3 python3-protobuf pkg-config binutils locales ;;
+    build) echo g++ cmake ninja-build libboost-dev libprotobuf-dev protobuf-compiler \
+      pkg-config libmosquitto-dev ;;
+    test) echo libgtest-dev python3 python3-protobuf mosquitto mosquitto-clients openssl \
+      python3-paho-mqtt binutils locales ;;
+    broker) echo mosquitto ;;
+    web) echo libcpp-httplib-dev prometheus-cpp-dev nlohmann-json3-dev ;;
+    metrics) echo prometheus curl jq ;;
+    page) echo python3-selenium chromium chromium-driver fonts-dejavu-core ;;
     check) echo clang clang-format clang-tidy cppcheck ;;
     bench) echo libbenchmark-dev nlohmann-json3-dev python3 python3-matplotlib ;;
     docs) echo doxygen ;;
-    package) echo dpkg-dev file lintian pkg-config devscripts ;;
+    package) echo dpkg-dev file lintian devscripts ;;
     fuzz) echo clang libclang-rt-14-dev llvm ;;
     *)
       echo "dependencies.sh: unknown purpose '$1'" >&2

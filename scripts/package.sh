@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the two Debian packages into build/package with Debian's hardening flags, and checks them.
+# Builds the Debian packages into build/package with Debian's hardening flags, and checks them.
 # lintian must find no error. hardening-check looks for what the flags bring. Two of its checks are
 # off, because a flag shows only where there is something to protect. Fortified functions: no library
 # copies to a buffer whose size the compiler knows. Stack protector, of the message classes: they
@@ -24,5 +24,6 @@ cmake --build build/package
 lintian --fail-on error build/package/*.deb
 check_hardening() { hardening-check --nopie --nocfprotection --nofortify "$@"; }
 check_hardening build/package/device_tree/liborv_device_tree.so
+check_hardening build/package/reporting/liborv_reporting.so
 check_hardening --nostackprotector build/package/proto/monitoring/liborv_monitoring_proto.so
 ls -l build/package/*.deb

@@ -8,12 +8,15 @@ export LC_ALL=C
 
 expected=$(dirname "$0")/interface.txt
 actual=$({
-  nm -DC --defined-only "$1/lib/liborv_device_tree.so" | cut -d ' ' -f 3- | sort -u
+  nm -DC --defined-only "$1"/lib/liborv_{device_tree,reporting}.so | cut -s -d ' ' -f 3- | sort -u
   g++ -std=c++17 -I "$1/include/orv" -fsyntax-only -fdump-lang-class=/dev/stdout \
-    -x c++ - <<<'#include "device_tree/Utils.h"' |
-    awk -v RS= '/^(Class|Vtable for) orv::(device_tree|utils)::[A-Za-z:]+\n/'
+    -include device_tree/Utils.h -include reporting/Connection.h -include reporting/Collector.h \
+    -include reporting/Reporter.h \
+    -x c++ /dev/null |
+    awk -v RS= '/^(Class|Vtable for) orv::(device_tree|reporting|utils)::[A-Za-z:]+\n/'
 } | sed -e 's/\[abi:cxx11\]//g' -e ':again; s/> >/>>/g; t again' -e 's/std::__cxx11::/std::/g' \
   -e 's/std::basic_string<char, std::char_traits<char>, std::allocator<char>>/std::string/g' \
+  -e 's/std::chrono::time_point<std::chrono::_V2::steady_clock, [^>]*>>>/std::chrono::steady_clock::time_point/g' \
   -e 's/ (0x0x[0-9a-f]*)//' -e '/base size=\|vptr=\|primary-for/d')
 
 if [ "${2:-}" = --update ]; then

@@ -1,0 +1,117 @@
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "reporting/Endpoint.h"
+#include "reporting/Export.h"
+#include "reporting/Follower.h"
+#include "reporting/Seed.h"
+#include "reporting/Topics.h"
+
+namespace orv::reporting {
+
+/// What a collector knows about the tree of a root.
+enum class Condition : std::int32_t {
+  CURRENT = 0,
+  OUT_OF_DATE = 1,    ///< something is missing, or the collector itself is not connected
+  REPORTER_GONE = 2,  ///< nobody reports it now: the tree is the last that arrived
+  FORGOTTEN = 3       ///< the root was removed, or its reporter lists it no longer
+};
+
+struct CollectorOptions {
+  std::string prefix = "orv/1";
+  /// The partitions to follow, the last one included.
+  unsigned int firstPartition = 0;
+  unsigned int lastPartition = Topics::PARTITIONS - 1;
+  /// Events of more bytes are refused: they take about 80 times their size while they are read.
+  std::size_t mostBytes = 64'000'000;
+  /// A reporter that was silent for so long is gone. Its heartbeat must be shorter.
+  std::chrono::milliseconds silence = std::chrono::seconds(100);
+  /// How long a reporter may be ahead of a tree before the events count as lost.
+  std::chrono::milliseconds patience = std::chrono::seconds(5);
+  /// The first request for a tree comes within this time, spread at random. Each further one takes
+  /// twice as long as the one before it, up to `longestPause`.
+  std::chrono::milliseconds firstPause = std::chrono::seconds(1);
+  std::chrono::milliseconds longestPause = std::chrono::minutes(1);
+  /// So many trees are asked for each second, however many are missing.
+  unsigned int mostRequests = 50;
+  /// What the random numbers of this process follow from.
+  std::uint64_t seed = drawSeed();
+};
+
+/// What the user of a collector is told. It must not call the collector's own operations other than
+/// the const ones.
+struct CollectorCallbacks {
+  /// An event was applied: this is the tree after it, empty after a removal. The object stays the
+  /// same until an event with a whole tree.
+  std::function<void(const std::string& root, const Event& event, const Tree& tree)> applied;
+  /// What is known about a root has changed. The first news of a root is never FORGOTTEN, and comes
+  /// with its first tree or when that has to be asked for.
+  std::function<void(const std::string& root, Condition condition)> changed;
+  /// Something is wrong, in a line for people: a message that breaks a rule, two reporters of one
+  /// root or one name.
+  std::function<void(const std::string& problem)> problem;
+};
+
+/// Follows the trees of every reporter, or of a range of partitions.
+///
+/// Trees end up as their reporters have them, whatever is lost, doubled or reordered on the way.
+/// Where something is missing, the last good tree stays and is said to be out of date. The
+/// collector asks the reporter for the tree: with growing pauses, and a limited number at a time.
+///
+/// Of two reporters of one root the first one counts, as long as it is there and lists the root. Of
+/// two processes of one name the later one counts.
+///
+/// One thread at a time uses a collector and its trees; treat the trees as constant.
+class ORV_REPORTING_EXPORT Collector final : public Endpoint {
+ public:
+  /// Totals since the start.
+  struct Counters {
+    std::array<std::uint64_t, 4> outcomes{};  ///< events by Follower::Outcome
+    std::uint64_t requests = 0;               ///< trees that were asked for
+    std::uint64_t strangers = 0;              ///< messages that are none of the protocol's
+  };
+
+  /// What a collector has of a root.
+  struct View {
+    Condition condition;
+    Tree tree;  ///< empty while nothing has arrived
+    Sequence sequence;
+    std::string reporter;  ///< empty when nobody lists it
+  };
+
+  /// Throws std::invalid_argument when a broker would not take the prefix, or for a range of
+  /// partitions that has none.
+  explicit Collector(CollectorCallbacks callbacks, const CollectorOptions& options = {});
+
+  ~Collector() override;
+
+  /// The identifiers of the roots that are not forgotten, in ascending byte order. O(their number).
+  std::vector<std::string> roots() const;
+
+  /// Nothing for a root that is unknown or forgotten. O(log of the number of roots).
+  std::optional<View> view(const std::string& root) const;
+
+  const Counters& counters() const noexcept;
+
+  std::optional<Message> connecting() override;
+  void connected(Link& link, Time now) override;
+  void disconnected(Time now) override;
+  void settled(int number, const std::string& refusal, Time now) override;
+  void received(const Message& message, Time now) override;
+  Time serve(Time now) override;
+
+ private:
+  class ORV_REPORTING_NO_EXPORT State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace orv::reporting

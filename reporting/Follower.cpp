@@ -1,0 +1,85 @@
+#include "reporting/Follower.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "device_tree/Utils.h"
+
+namespace orv::reporting {
+
+using device_tree::utils::EventHelper;
+
+Follower::Follower(std::string root) : root_(std::move(root)) {}
+
+Follower::Outcome Follower::take(const Sequence& sequence, const Event& event,
+                                 std::string& errorMessage) {
+  errorMessage.clear();
+  const bool isSameEpoch = isOfEpoch(sequence);
+  if (isSameEpoch ? sequence.n <= sequence_.n : isLeft(sequence.epoch)) return Outcome::OLD;
+  const bool isNext = isSameEpoch && sequence.n == sequence_.n + 1;
+  const bool isRemoval = isSameEpoch && event.event_type() == Event::DEVICE_REMOVE;
+  if (!isWholeTree(event) && !isNext && !isRemoval) {
+    if (isSameEpoch) {
+      highest_ = std::max(highest_, sequence.n);
+    } else {
+      isLost_ = true;
+    }
+    return Outcome::GAP;
+  }
+  Tree tree = isWholeTree(event) ? nullptr : tree_;
+  bool isApplied = EventHelper::ApplyEvent(event, tree, errorMessage);
+  if (isApplied && tree && tree->getDeviceId() != root_) {
+    errorMessage = "The event holds the tree of another root";
+    isApplied = false;
+  }
+  if (!isApplied) {
+    isLost_ = true;
+    return Outcome::REFUSED;
+  }
+  if (!isSameEpoch) leaveEpoch();
+  if (isWholeTree(event) || isRemoval) isLost_ = false;
+  tree_ = std::move(tree);
+  sequence_ = sequence;
+  highest_ = std::max(highest_, sequence.n);
+  return Outcome::APPLIED;
+}
+
+void Follower::reported(const Sequence& latest) noexcept {
+  reported_ = latest;
+  if (isOfEpoch(latest)) highest_ = std::max(sequence_.n, std::min(highest_, latest.n));
+}
+
+void Follower::forget() {
+  leaveEpoch();
+  tree_.reset();
+  reported_.reset();
+}
+
+bool Follower::isCurrent() const noexcept {
+  return sequence_.n > 0 && !isLost_ && highest_ <= sequence_.n &&
+         (!reported_ || isOfEpoch(*reported_));
+}
+
+bool Follower::isBehind() const noexcept { return reported_ && reported_->n > sequence_.n; }
+
+bool Follower::isOfEpoch(const Sequence& other) const noexcept {
+  return sequence_.n > 0 && other.epoch == sequence_.epoch;
+}
+
+bool Follower::isLeft(std::uint64_t epoch) const {
+  if (reported_ && reported_->epoch == epoch) return false;
+  return std::find(left_.begin(), left_.end(), epoch) != left_.end();
+}
+
+void Follower::leaveEpoch() {
+  if (sequence_.n > 0) {
+    left_.erase(std::remove(left_.begin(), left_.end(), sequence_.epoch), left_.end());
+    left_.push_back(sequence_.epoch);
+    if (left_.size() > MOST_EPOCHS_LEFT) left_.pop_front();
+  }
+  sequence_ = {};
+  highest_ = 0;
+  isLost_ = false;
+}
+
+}  // namespace orv::reporting

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+
+#include "reporting/Export.h"
+#include "reporting/Sender.h"
+#include "reporting/Sequence.h"
+
+namespace orv::reporting {
+
+/// Keeps the tree of one root from the events that arrive, in whatever order and number.
+///
+/// The tree is always one that its sender had. Where something is missing, the last good tree
+/// stays, and `isCurrent` says that it is out of date until a whole tree arrives.
+///
+/// Which of two epochs is the current one cannot be told from events. Those of an epoch that was
+/// left for another one are old. But an old whole tree that arrives late looks like a new one. So
+/// what the reporter itself said last decides: an epoch that it names is never old, and a tree of
+/// another epoch is out of date.
+///
+/// It does no input or output and reads no clock. One thread at a time uses a follower and its
+/// tree.
+class ORV_REPORTING_EXPORT Follower {
+ public:
+  enum class Outcome : std::int32_t {
+    APPLIED = 0,
+    OLD = 1,     ///< dropped: it was applied already, or belongs to an epoch that was left
+    GAP = 2,     ///< dropped: what comes before it is missing
+    REFUSED = 3  ///< dropped: it breaks a rule
+  };
+
+  /// So many epochs that were left are remembered.
+  static constexpr std::size_t MOST_EPOCHS_LEFT = 16;
+
+  explicit Follower(std::string root);
+
+  /// Takes an event that arrived. What is not applied changes nothing in the tree. `errorMessage`
+  /// is emptied first. On REFUSED it is the text of `ApplyEvent`, or says that the tree is that of
+  /// another root. Costs what `ApplyEvent` costs. Throws std::bad_alloc.
+  Outcome take(const Sequence& sequence, const Event& event, std::string& errorMessage);
+
+  /// The reporter of the root says which event of which epoch was the last one. An event of a
+  /// higher n that arrived counts no longer: it was none of the reporter's, or comes up again.
+  void reported(const Sequence& latest) noexcept;
+
+  /// The tree is out of date until a whole tree arrives.
+  void miss() noexcept { isLost_ = true; }
+
+  /// The root is gone: lets the tree go. What still arrives of its epoch is old.
+  void forget();
+
+  /// Whether an event was applied and nothing says that the tree is out of date. Without a tree:
+  /// whether the root was removed.
+  bool isCurrent() const noexcept;
+
+  /// Whether the reporter's last word is ahead of the tree. The events may be on their way.
+  bool isBehind() const noexcept;
+
+  /// Empty for none. The object stays the same until a whole tree arrives.
+  const Tree& tree() const noexcept { return tree_; }
+
+  /// Whether the reporter says that it has published nothing yet. Its first event is a whole tree.
+  bool isAwaited() const noexcept { return reported_ && reported_->n == 0; }
+
+  /// The last event applied; n is 0 for none.
+  const Sequence& sequence() const noexcept { return sequence_; }
+
+ private:
+  ORV_REPORTING_NO_EXPORT bool isOfEpoch(const Sequence& other) const noexcept;
+  ORV_REPORTING_NO_EXPORT bool isLeft(std::uint64_t epoch) const;
+  ORV_REPORTING_NO_EXPORT void leaveEpoch();
+
+  std::string root_;
+  Tree tree_;
+  Sequence sequence_;
+  std::uint64_t highest_ = 0;  // n of the epoch's events that arrived
+  bool isLost_ = false;
+  std::optional<Sequence> reported_;
+  std::deque<std::uint64_t> left_;
+};
+
+}  // namespace orv::reporting

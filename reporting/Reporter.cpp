@@ -1,0 +1,337 @@
+#include "reporting/Reporter.h"
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <utility>
+
+#include "proto/monitoring/reporting.pb.h"
+#include "reporting/Topics.h"
+
+namespace orv::reporting {
+
+namespace monitoring = orv::proto::monitoring;
+
+namespace {
+
+constexpr std::size_t mostOnTheirWay = 1000;
+constexpr std::chrono::seconds firstPause(5);  // after a refusal
+constexpr std::chrono::minutes longestPause(10);
+constexpr Time again = Time::min();          // before what is due otherwise
+constexpr std::size_t largestWill = 65'000;  // bytes; MQTT gives it two bytes for its length
+
+}  // namespace
+
+class Reporter::State {
+ public:
+  State(std::string name, std::function<void(const std::string&)> problem,
+        const ReporterOptions& options)
+      : name_(std::move(name)),
+        problem_(std::move(problem)),
+        options_(options),
+        topics_(options.prefix),
+        random_(options.seed),
+        start_(random_()) {
+    if (name_.empty()) throw std::invalid_argument("A reporter needs a name");
+  }
+
+  void report(const Tree& live);
+  void remove(const std::string& id);
+  bool isSettled() const noexcept;
+
+  Message connecting();
+  void connected(Link& link);
+  void disconnected();
+  void settled(int number, const std::string& refusal, Time now);
+  void received(const Message& message);
+  Time serve(Time now);
+
+ private:
+  struct Root {
+    explicit Root(Sender newSender) : sender(std::move(newSender)) {}
+
+    Sender sender;
+    Tree live;               // empty: the root is to be removed
+    bool isChanged = false;  // since its last event was made, or that was refused
+    bool isOnItsWay = false;
+    std::string problem;            // that was told last
+    std::chrono::seconds pause{0};  // after the last refusal
+    Time tryAgain = Time::min();
+    std::optional<Time> due;  // in due_
+  };
+
+  Root& takeUp(const std::string& id);
+  void lookAt(const std::string& id, Root& root, Time due);
+  Time soon() { return again + Time::duration(++turns_); }  // each after the ones before it
+  void publishNext(const std::string& id, Time now);
+  Message state(bool isOnline) const;
+  void receiveRequest(const Message& message);
+  void receiveState(const Message& message);
+  void saySoon() { stateDue_ = std::min(stateDue_, lastState_ + std::chrono::seconds(1)); }
+  bool isFull() const { return onTheirWay_.size() + (stateOnItsWay_ ? 1 : 0) >= window_; }
+
+  std::string name_;
+  std::function<void(const std::string&)> problem_;
+  ReporterOptions options_;
+  Topics topics_;
+  std::mt19937_64 random_;
+  std::uint64_t start_;
+  std::uint64_t connection_ = 0;
+  Link* link_ = nullptr;
+  std::map<std::string, Root> roots_;
+  std::set<std::pair<Time, std::string>> due_;  // roots to look at
+  Time::rep turns_ = 0;
+  std::map<int, std::string> onTheirWay_;  // roots by the number of what was published
+  std::optional<int> stateOnItsWay_;
+  // A broker that refuses an event may end the connection too, and with it the answer. So after a
+  // connection that ended with something on its way, one message goes out at a time at first.
+  std::size_t window_ = mostOnTheirWay;
+  bool isSuspicious_ = false;
+  Time lastState_;
+  Time stateDue_;
+  std::string stateProblem_;            // that was told last
+  std::optional<std::uint64_t> rival_;  // start of a second process of this name
+};
+
+Reporter::State::Root& Reporter::State::takeUp(const std::string& id) {
+  const auto known = roots_.find(id);
+  if (known != roots_.end()) return known->second;
+  stateDue_ = Time::min();
+  return roots_.emplace(id, Sender(random_(), options_.treePause)).first->second;
+}
+
+void Reporter::State::lookAt(const std::string& id, Root& root, Time due) {
+  due = std::max(due, root.tryAgain);
+  if (root.due && *root.due <= due) return;
+  if (root.due) due_.erase({*root.due, id});
+  root.due = due;
+  due_.emplace(due, id);
+}
+
+void Reporter::State::report(const Tree& live) {
+  Root& root = takeUp(live->getDeviceId());
+  root.live = live;
+  root.isChanged = true;
+  lookAt(live->getDeviceId(), root, soon());
+}
+
+void Reporter::State::remove(const std::string& id) {
+  const auto root = roots_.find(id);
+  if (root == roots_.end()) return;
+  root->second.live.reset();
+  root->second.isChanged = true;
+  lookAt(id, root->second, soon());
+}
+
+bool Reporter::State::isSettled() const noexcept {
+  return std::all_of(roots_.begin(), roots_.end(), [](const auto& entry) {
+    const Root& root = entry.second;
+    return root.live && !root.isChanged && root.sender.onItsWay() == nullptr;
+  });
+}
+
+Message Reporter::State::connecting() {
+  ++connection_;
+  return state(false);
+}
+
+void Reporter::State::connected(Link& link) {
+  link_ = &link;
+  stateDue_ = Time::min();
+  window_ = isSuspicious_ ? 1 : mostOnTheirWay;
+  link_->subscribe({topics_.request(name_), topics_.reporter(name_)});
+}
+
+void Reporter::State::disconnected() {
+  link_ = nullptr;
+  isSuspicious_ = !onTheirWay_.empty() || stateOnItsWay_;
+  for (const auto& [number, id] : onTheirWay_) {
+    Root& root = roots_.at(id);
+    root.isOnItsWay = false;
+    root.sender.interrupted();
+    lookAt(id, root, again);
+  }
+  onTheirWay_.clear();
+  stateOnItsWay_.reset();
+}
+
+void Reporter::State::settled(int number, const std::string& refusal, Time now) {
+  if (refusal.empty()) window_ = std::min(2 * window_, mostOnTheirWay);
+  if (number == stateOnItsWay_) {
+    stateOnItsWay_.reset();
+    if (!refusal.empty() && refusal != stateProblem_) {
+      problem_("The broker refuses the state of " + name_ + ": " + refusal);
+    }
+    stateProblem_ = refusal;
+    return;
+  }
+  const std::string id = onTheirWay_.at(number);
+  onTheirWay_.erase(number);
+  Root& root = roots_.at(id);
+  root.isOnItsWay = false;
+  if (refusal.empty()) {
+    root.problem.clear();
+    root.pause = {};
+    root.tryAgain = Time::min();
+    if (root.sender.onItsWay() != nullptr) {
+      root.sender.taken();
+    } else if (!root.live) {  // the broker has forgotten the tree
+      if (root.due) due_.erase({*root.due, id});
+      roots_.erase(id);
+      stateDue_ = Time::min();
+      return;
+    }
+  } else {
+    root.sender.refused();
+    root.isChanged = true;
+    root.pause = std::clamp<std::chrono::seconds>(2 * root.pause, firstPause, longestPause);
+    root.tryAgain = now + root.pause;
+    if (refusal != root.problem) problem_("The broker refuses " + id + ": " + refusal);
+    root.problem = refusal;
+  }
+  if (root.isChanged || !root.live) lookAt(id, root, soon());
+  if (const auto treeDue = root.sender.treeDue()) lookAt(id, root, *treeDue);
+}
+
+void Reporter::State::received(const Message& message) {
+  if (message.topic == topics_.request(name_)) receiveRequest(message);
+  if (message.topic == topics_.reporter(name_)) receiveState(message);
+}
+
+Time Reporter::State::serve(Time now) {
+  if (link_ == nullptr) return Time::max();
+  if (stateDue_ <= now && !stateOnItsWay_) {
+    stateOnItsWay_ = link_->publish(state(true));
+    lastState_ = now;
+    stateDue_ = now + options_.heartbeat;
+  }
+  while (!isFull() && !due_.empty() && due_.begin()->first <= now) {
+    const std::string id = due_.begin()->second;
+    due_.erase(due_.begin());
+    roots_.at(id).due.reset();
+    publishNext(id, now);
+  }
+  const Time next = stateOnItsWay_ ? Time::max() : stateDue_;
+  return isFull() || due_.empty() ? next : std::min(next, due_.begin()->first);
+}
+
+void Reporter::State::publishNext(const std::string& id, Time now) {
+  Root& root = roots_.at(id);
+  if (root.isOnItsWay) return;
+  Message message;
+  message.topic = topics_.event(id);
+  const Publication* publication = root.sender.onItsWay();
+  std::string refusal;
+  if (publication == nullptr) {
+    publication = root.sender.next(root.live, now, refusal);
+    root.isChanged = !refusal.empty();
+  }
+  if (publication != nullptr) {
+    message.isRetained = isWholeTree(publication->event);
+    message.sequence = publication->sequence.text();
+    if (!publication->event.SerializeToString(&message.payload)) {
+      refusal = "The event has more than 2 GiB";
+      root.sender.refused();
+    }
+  } else {
+    message.isRetained = true;  // the broker shall forget the tree, if there is none any more
+  }
+  if (!refusal.empty()) {
+    if (refusal != root.problem) problem_("Cannot report " + id + ": " + refusal);
+    root.problem = refusal;
+  } else if (publication != nullptr || !root.live) {
+    onTheirWay_.emplace(link_->publish(message), id);
+    root.isOnItsWay = true;
+  } else {
+    root.problem.clear();
+    if (const auto treeDue = root.sender.treeDue()) lookAt(id, root, *treeDue);
+  }
+}
+
+Message Reporter::State::state(bool isOnline) const {
+  monitoring::ReporterState state;
+  state.set_start(start_);
+  state.set_connection(connection_);
+  state.set_online(isOnline);
+  for (const auto& [id, root] : roots_) {
+    const Sequence& last = root.sender.last();
+    if (!root.live && last.n == 0 && root.sender.onItsWay() == nullptr) continue;
+    monitoring::RootState& entry = *state.add_roots();
+    entry.set_root(id);
+    entry.set_epoch(last.epoch);
+    entry.set_n(last.n);
+  }
+  if (!isOnline && state.ByteSizeLong() > largestWill) state.clear_roots();
+  Message message;
+  message.topic = topics_.reporter(name_);
+  state.SerializeToString(&message.payload);
+  message.isRetained = true;
+  return message;
+}
+
+void Reporter::State::receiveRequest(const Message& message) {
+  monitoring::TreeRequest request;
+  if (!request.ParseFromString(message.payload)) {
+    problem_("A request to " + name_ + " cannot be read");
+    return;
+  }
+  for (const std::string& id : request.roots()) {
+    const auto root = roots_.find(id);
+    if (root == roots_.end()) continue;
+    root->second.sender.requestTree();
+    lookAt(id, root->second, *root->second.sender.treeDue());
+  }
+  if (request.roots().empty()) saySoon();
+}
+
+void Reporter::State::receiveState(const Message& message) {
+  monitoring::ReporterState state;
+  if (!state.ParseFromString(message.payload)) {
+    problem_("A state of " + name_ + " cannot be read");
+    saySoon();
+    return;
+  }
+  const bool isOwn = state.start() == start_;
+  if (!state.online()) {  // the will of a connection that ended earlier
+    saySoon();
+  } else if (!isOwn && !message.isRetained && rival_ != state.start()) {
+    rival_ = state.start();
+    problem_("Another process reports under the name " + name_);
+  }
+  // Of an earlier process of this name that is gone, or of this one before the broker lost what
+  // came after it: roots that are not there now shall not stay.
+  if (isOwn ? !message.isRetained : state.online()) return;
+  for (const auto& earlier : state.roots()) {
+    if (roots_.count(earlier.root()) == 0) lookAt(earlier.root(), takeUp(earlier.root()), soon());
+  }
+}
+
+Reporter::Reporter(std::string name, std::function<void(const std::string&)> problem,
+                   const ReporterOptions& options)
+    : state_(std::make_unique<State>(std::move(name), std::move(problem), options)) {}
+
+Reporter::~Reporter() = default;
+
+void Reporter::report(const Tree& live) { state_->report(live); }
+
+void Reporter::remove(const std::string& root) { state_->remove(root); }
+
+bool Reporter::isSettled() const noexcept { return state_->isSettled(); }
+
+std::optional<Message> Reporter::connecting() { return state_->connecting(); }
+
+void Reporter::connected(Link& link, Time /*now*/) { state_->connected(link); }
+
+void Reporter::disconnected(Time /*now*/) { state_->disconnected(); }
+
+void Reporter::settled(int number, const std::string& refusal, Time now) {
+  state_->settled(number, refusal, now);
+}
+
+void Reporter::received(const Message& message, Time /*now*/) { state_->received(message); }
+
+Time Reporter::serve(Time now) { return state_->serve(now); }
+
+}  // namespace orv::reporting

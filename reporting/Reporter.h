@@ -1,0 +1,78 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "reporting/Endpoint.h"
+#include "reporting/Export.h"
+#include "reporting/Seed.h"
+#include "reporting/Sender.h"
+
+namespace orv::reporting {
+
+struct ReporterOptions {
+  std::string prefix = "orv/1";
+  /// The time between two states of the reporter.
+  std::chrono::milliseconds heartbeat = std::chrono::seconds(30);
+  /// The shortest time between two whole trees of one root that collectors asked for.
+  std::chrono::milliseconds treePause = std::chrono::seconds(10);
+  /// What the random numbers of this process follow from. Two processes must not have the same.
+  std::uint64_t seed = drawSeed();
+};
+
+/// Reports the trees of one process to every collector.
+///
+/// The caller keeps its trees, says which of them changed, and serves the connection. The reporter
+/// looks at a tree only within `serve`. What changes while an event of a root is on its way, or
+/// while there is no connection, goes out as one event later; nothing that lasts is lost. An event
+/// that the broker refuses is made anew and tried again after 5 s, then after pauses that double,
+/// up to ten minutes.
+///
+/// Every reporter of a fleet needs a name of its own, and every root one reporter. A second process
+/// of the same name is told of, once; both go on.
+///
+/// One thread at a time uses a reporter and its trees. n is the number of devices of a tree.
+class ORV_REPORTING_EXPORT Reporter final : public Endpoint {
+ public:
+  /// `problem` gets a line for people when something is wrong: an event that the broker refuses, a
+  /// tree that cannot be reported, a second process of this name, a message that makes no sense.
+  /// For a root it is not told again while it stays the same. It must not call the reporter.
+  ///
+  /// Throws std::invalid_argument for an empty name and when a broker would not take the prefix.
+  Reporter(std::string name, std::function<void(const std::string&)> problem,
+           const ReporterOptions& options = {});
+
+  ~Reporter() override;
+
+  /// The tree is new or has changed. It is that of the root that its identifier names, from now on
+  /// in place of the tree reported for that root before. O(log of the number of roots); the cost of
+  /// `Sender::next` falls due in `serve`.
+  ///
+  /// The will of a connection lists the roots of the moment when it is made: report the trees that
+  /// are there before the first `serve`. A root that comes back while its removal is on its way
+  /// goes on with its sequence.
+  void report(const Tree& live);
+
+  /// The root is gone: its tree is let go, receivers forget it. Does nothing for an unknown root.
+  void remove(const std::string& root);
+
+  /// Whether the broker has taken everything that was reported and removed. O(number of roots).
+  bool isSettled() const noexcept;
+
+  std::optional<Message> connecting() override;
+  void connected(Link& link, Time now) override;
+  void disconnected(Time now) override;
+  void settled(int number, const std::string& refusal, Time now) override;
+  void received(const Message& message, Time now) override;
+  Time serve(Time now) override;
+
+ private:
+  class ORV_REPORTING_NO_EXPORT State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace orv::reporting

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "device_tree/DeviceNode.h"
+#include "proto/monitoring/device_events.pb.h"
+#include "reporting/Export.h"
+#include "reporting/Sequence.h"
+
+namespace orv::reporting {
+
+using Event = orv::proto::monitoring::DeviceToOrvServiceEvent;
+using Tree = std::shared_ptr<orv::device_tree::DeviceNode>;
+using Time = std::chrono::steady_clock::time_point;
+
+/// Whether the event replaces the tree, whatever came before it. Never throws.
+ORV_REPORTING_EXPORT bool isWholeTree(const Event& event) noexcept;
+
+/// An event with its place among the events of its root.
+struct Publication {
+  Sequence sequence;
+  Event event;
+};
+
+/// Decides which event of one root is published next.
+///
+/// At most one event is on its way. Until its fate is known, whatever changes in the live tree
+/// waits; then it goes out as one event. A sender keeps the tree that the broker took last. It does
+/// no input or output and reads no clock: the caller publishes, and says what became of it.
+///
+/// One thread at a time uses a sender and the live tree that it is given. n is the number of
+/// devices.
+class ORV_REPORTING_EXPORT Sender {
+ public:
+  /// Receivers cannot parse a tree of more levels.
+  static constexpr unsigned int MOST_LEVELS = 98;
+
+  /// `treePause` is the shortest time between two whole trees that were asked for.
+  Sender(std::uint64_t epoch, std::chrono::milliseconds treePause);
+
+  /// The next event on the way from what the broker took last to the live tree, empty for none. It
+  /// is on its way from then on. Nullptr when there is nothing to say, when an event is on its way
+  /// already, and when the live tree cannot be reported. `errorMessage` is emptied first and says
+  /// in that last case why:
+  /// - the tree has more than MOST_LEVELS levels;
+  /// - a tree cannot be built from its message, and the text is that of `ApplyEvent`.
+  ///
+  /// O(n): a comparison, a look at the levels and, for a whole tree, its message and a copy.
+  const Publication* next(const Tree& live, Time now, std::string& errorMessage);
+
+  /// The event that is on its way, nullptr for none. After `interrupted` it is published again as
+  /// it is.
+  const Publication* onItsWay() const noexcept { return publication_ ? &*publication_ : nullptr; }
+
+  /// The broker took the event that is on its way. O(n).
+  void taken();
+
+  /// The connection ended: the event that is on its way, if there is one, may have arrived.
+  void interrupted() noexcept { mayHaveArrived_ = publication_.has_value(); }
+
+  /// The broker did not take it. The next event covers what it said and has its number. If it may
+  /// have arrived before an interruption, the next event is a DEVICE_ADD with the next number.
+  void refused() noexcept;
+
+  /// Somebody needs the whole tree: the next event is a DEVICE_ADD once the pause is over. Many
+  /// requests until then are answered by one, or by any other event with the whole tree.
+  void requestTree() noexcept { owesTree_ = true; }
+  /// When that pause is over; empty when nobody has asked.
+  std::optional<Time> treeDue() const noexcept;
+
+  /// The last event that the broker took; n is 0 before the first.
+  const Sequence& last() const noexcept { return last_; }
+
+ private:
+  Sequence last_;
+  std::chrono::milliseconds treePause_;
+  Tree snapshot_;  // what the broker took last
+  std::optional<Publication> publication_;
+  bool mayHaveArrived_ = false;
+  Tree published_;  // of a publication with the whole tree: the next snapshot
+  std::optional<Time> lastTree_;
+  bool owesTree_ = false;
+};
+
+}  // namespace orv::reporting

@@ -1,0 +1,313 @@
+"""Plays faults against real brokers, with reporters and collectors in processes:
+faults.py PEER MOSQUITTO PROTOC SOURCES
+
+The trees change all the time. After each fault the collector, and one that starts only then, must
+come to what the reporters have. All scenarios run at once, as they mostly wait.
+"""
+
+import concurrent.futures
+import os
+import pathlib
+import random
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+PEER, MOSQUITTO, PROTOC, SOURCES = sys.argv[1:]
+
+
+def run(*command, **options):
+    return subprocess.run(command, check=True, timeout=60, **options)
+
+
+def wait(what, condition):
+    end = time.monotonic() + 60
+    while not condition():
+        assert time.monotonic() < end, "waited in vain for " + what
+        time.sleep(0.1)
+
+
+def heads(trees):
+    return {tree.split("\n")[0] for tree in trees}
+
+
+class Peer:
+    def __init__(self, path, environment, *arguments):
+        self.path = path
+        with open(path, "w") as output:
+            self.process = subprocess.Popen([PEER, *arguments], stdin=subprocess.PIPE, text=True,
+                                            stdout=output, stderr=output, env=environment)
+
+    def order(self, order):
+        print(order, file=self.process.stdin, flush=True)
+
+    def count(self, text):
+        return self.path.read_text().count(text)
+
+    def tells(self, text, times=1):
+        wait(text, lambda: self.count(text) >= times)
+
+    def trees(self, order="show"):
+        answers = self.count("== end\n")
+        self.order(order)
+        self.tells("== end\n", answers + 1)
+        return set(self.path.read_text().split("== end\n")[answers].split("== ")[1:])
+
+    def end(self):
+        self.process.stdin.close()
+        assert self.process.wait(60) == 0, "not ended in order"
+
+
+class Stage:
+    """The broker, the reporters and the collector of one scenario."""
+
+    def __init__(self, directory, port):
+        self.directory, self.port, self.broker = directory, port, None
+        self.url, self.environment = f"mqtt://localhost:{port}", {}
+        self.peers, self.reporters = [], {}
+
+    def start_broker(self, *settings):
+        """In place of the one that runs, which can save nothing at its end."""
+        if self.broker:
+            self.broker.kill()
+            self.broker.wait()
+        configuration, log = self.directory / "broker.conf", self.directory / "broker.log"
+        configuration.write_text("\n".join([
+            f"listener {self.port} localhost", "user root", "allow_anonymous true",
+            "max_queued_messages 0",
+            "persistence true", f"persistence_location {self.directory}/", *settings]))
+        with open(log, "w") as output:
+            self.broker = subprocess.Popen([MOSQUITTO, "-c", configuration], stderr=output)
+        wait("a broker", lambda: " running" in log.read_text())
+
+    def start(self, mode, *arguments):
+        path = self.directory / f"{len(self.peers)} {mode}"
+        self.peers.append(Peer(path, os.environ | self.environment, mode, self.url, *arguments))
+        return self.peers[-1]
+
+    def report(self, name, roots="3"):
+        self.reporters[name] = self.start("reporter", name, str(len(self.peers)), roots)
+
+    def begin(self, *settings):
+        self.start_broker(*settings)
+        self.collector = self.start("collector")
+        self.report("hall/a")
+        self.report("hall/b")
+        self.agree()
+
+    def hold(self):
+        return set().union(*(reporter.trees("hold") for reporter in self.reporters.values()))
+
+    def agree(self):
+        held = self.hold()
+        newcomer = self.start("collector")
+        for collector in (self.collector, newcomer):
+            wait("equal trees", lambda: collector.trees() == held)
+        newcomer.end()
+        for reporter in self.reporters.values():
+            reporter.order("go")
+        wait("changes", lambda: held.isdisjoint(self.collector.trees()))
+
+    def end(self):
+        gone = {tree.replace(" 0\n", " 2\n", 1) for tree in self.hold()}
+        for reporter in self.reporters.values():
+            reporter.end()
+        wait("the end of the reporters", lambda: self.collector.trees() == gone)
+        newcomer = self.start("collector")  # gets what the broker has kept, which may be older
+        wait("what is left", lambda: heads(newcomer.trees()) == heads(gone))
+        newcomer.end()
+        self.collector.end()
+
+
+def broker_back_in_an_earlier_state(stage):
+    stage.begin()
+    stage.broker.send_signal(signal.SIGUSR1)
+    wait("the saved state", (stage.directory / "mosquitto.db").exists)
+    stage.reporters["hall/a"].order("remove")
+    stage.agree()
+    stage.start_broker()
+    stage.agree()
+
+
+def broker_that_does_not_answer(stage):
+    stage.begin()
+    stage.broker.send_signal(signal.SIGSTOP)
+    for peer in (stage.collector, *stage.reporters.values()):
+        peer.tells("No connection")
+    stage.broker.send_signal(signal.SIGCONT)
+    stage.agree()
+
+
+def peers_killed(stage):
+    """A reporter while it removes one root; the next of its name lacks another one, too."""
+    stage.begin()
+    for name, reporter in list(stage.reporters.items()):
+        reporter.order("remove")
+        time.sleep(random.uniform(0, 0.05))  # wherever it is then
+        reporter.process.kill()
+        wait("its end", lambda: name + "/0 2" in heads(stage.collector.trees()))
+        stage.report(name, roots="1")
+        stage.agree()
+    stage.collector.process.kill()
+    stage.collector = stage.start("collector")
+    stage.agree()
+
+
+def two_reporters_of_one_name(stage):
+    stage.begin()
+    second = stage.start("reporter", "hall/a", "99", "2")
+    for peer in (second, stage.reporters["hall/a"], stage.collector):
+        peer.tells("under the name hall/a\n")
+    second.end()
+    stage.agree()
+    assert sum(peer.count("under the name hall/a\n") for peer in stage.peers) == 3, "told again"
+
+
+def event_too_large(stage):
+    """By the limit that a broker tells its clients, and by one that it keeps to itself."""
+    stage.begin()
+    reporter, refusal = stage.reporters["hall/a"], "The broker refuses hall/a/0: "
+    for times, limit in enumerate(["max_packet_size 20000", "message_size_limit 20000"], 1):
+        stage.start_broker(limit)
+        stage.agree()
+        reporter.order("big")
+        reporter.tells(refusal, times)
+        others = {tree for tree in stage.collector.trees() if not tree.startswith("hall/a/0 ")}
+        wait("other changes", lambda: others.isdisjoint(stage.collector.trees()))
+        reporter.order("small")
+        stage.agree()
+    assert reporter.count(refusal) == 2, "told again"
+
+
+def event_not_allowed(stage):
+    """The broker ends the connection too; the other roots, too many for a will, go on."""
+    rules = stage.directory / "rules"
+    rules.write_text("topic readwrite #\ntopic deny orv/1/event/+/hall%2Fa%2F7\n")
+    stage.start_broker(f"acl_file {rules}")
+    stage.collector = stage.start("collector")
+    stage.report("hall/a", roots="3000")
+    stage.reporters["hall/a"].tells("The broker refuses hall/a/7: Not authorized")
+    wait("other trees", lambda: 2999 == sum(head.endswith(" 0")
+                                            for head in heads(stage.collector.trees())))
+    rules.write_text("topic readwrite #\n")
+    stage.broker.send_signal(signal.SIGHUP)
+    held = stage.hold()
+    wait("equal trees", lambda: stage.collector.trees() == held)
+
+
+def wrong_password(stage):
+    log, passwords = stage.directory / "broker.log", stage.directory / "passwords"
+    run("mosquitto_passwd", "-c", "-b", passwords, "user", "right")
+    stage.start_broker(f"password_file {passwords}")
+    stage.url, stage.environment = f"mqtt://user@localhost:{stage.port}", {"ORV_PASSWORD": "other"}
+    begin = time.monotonic()
+    stage.collector = stage.start("collector")
+    stage.report("hall/a")
+    wait("attempts", lambda: log.read_text().count("not authorised") >= 10)
+    assert time.monotonic() - begin > 3, "the pauses do not grow"
+    assert all(peer.count("Not authorized") == 1 for peer in stage.peers), "not told once"
+    run("mosquitto_passwd", "-b", passwords, "user", "other")
+    stage.broker.send_signal(signal.SIGHUP)
+    stage.agree()
+
+
+def encrypted(stage):
+    key, certificate = stage.directory / "key", stage.directory / "certificate"
+    run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=localhost",
+        "-addext", "subjectAltName=DNS:localhost", "-keyout", key, "-out", certificate,
+        stderr=subprocess.DEVNULL)
+    stage.url = f"mqtts://localhost:{stage.port}"
+    strangers = [stage.start("collector")]
+    stage.environment = {"ORV_CA": str(certificate)}
+    stage.url = f"mqtts://127.0.0.1:{stage.port}"
+    strangers.append(stage.start("collector"))
+    stage.url = f"mqtts://localhost:{stage.port}"
+    stage.begin(f"certfile {certificate}", f"keyfile {key}")
+    stage.environment = {"SSL_CERT_FILE": str(certificate)}  # as if the system trusted it
+    stage.start_broker(f"certfile {certificate}", f"keyfile {key}")
+    stage.agree()
+    for peer in strangers:
+        peer.tells("verif")
+        assert peer.count("Connected") == 0, "connected to a broker that it cannot trust"
+
+
+def strangers(stage):
+    stage.begin()
+    reporter, collector = stage.reporters["hall/a"], stage.collector
+    topic, tree = run("mosquitto_sub", "-p", str(stage.port), "-t", "orv/1/event/+/hall%2Fa%2F0",
+                      "-C", "1", "-F", "%t %x", text=True, stdout=subprocess.PIPE).stdout.split()
+    tree, state = bytes.fromhex(tree), b"\x18\x01\x22\x0a\x0a\x08hall/a/0"
+    for topic, payload, sequence, problem, *hearers in [
+            (topic, b"\xff", "1.1", "An event of hall/a/0 cannot be read", collector),
+            (topic, b"\x08\x32", "1.1", "An event of hall/a/0 is refused", collector),
+            (topic, tree, "", "An event of hall/a/0 has the sequence ''", collector),
+            (topic, tree, "1.1", ""),
+            ("orv/1/event/64/it", tree, "1.1", "the topic orv/1/event/64/it", collector),
+            ("orv/1/reporter/%2", b"", "", "the topic orv/1/reporter/%2", collector),
+            ("orv/1/reporter/it", state, "", "reported by hall/a and by it", collector),
+            ("orv/1/reporter/it", b"", "", ""),
+            ("orv/1/reporter/hall%2Fa", b"", "", ""),
+            ("orv/1/reporter/hall%2Fa", b"\xff", "", "A state of hall/a cannot be read", collector,
+             reporter),
+            ("orv/1/request/hall%2Fa", b"\xff", "", "A request to hall/a cannot", reporter)]:
+        run("mosquitto_pub", "-V", "5", "-q", "1", "-p", str(stage.port), "-t", topic, "-r",
+            "-D", "PUBLISH", "user-property", "sequence", sequence, "-s" if payload else "-n",
+            input=payload)
+        for hearer in hearers:
+            hearer.tells(problem)
+    stage.agree()
+
+
+def receiver_in_python(stage):
+    stage.begin()
+    schemas = pathlib.Path(SOURCES, "proto/monitoring").glob("*.proto")
+    run(PROTOC, f"--proto_path={SOURCES}", f"--python_out={stage.directory}", *schemas)
+    path = stage.directory / "receiver"
+    with open(path, "w") as output:
+        receiver = subprocess.Popen(
+            [sys.executable, "-B", f"{SOURCES}/docs/receiver.py", "--broker",
+             f"localhost:{stage.port}", "hall/a/0"], stdout=output, stderr=output,
+            env=os.environ | {"PYTHONPATH": str(stage.directory)})
+    wait("events", lambda: path.read_text().count("STATUS_CHANGE applied") > 2)
+    stage.hold()  # or the next whole tree comes by itself,
+    stage.collector.end()  # or on another's request
+    run("mosquitto_pub", "-V", "5", "-q", "1", "-p", str(stage.port), "-s", "-t",
+        "orv/1/event/21/hall%2Fa%2F0", "-D", "PUBLISH", "user-property", "sequence", "1.2",
+        input=b"\x08\x01")
+    for step in ("STATUS_CHANGE not applied", "asking for the tree", "DEVICE_ADD applied"):
+        wait(step, lambda: step in path.read_text().partition("\n1.2 ")[2])
+    receiver.terminate()
+    stage.collector = stage.start("collector")
+    stage.agree()
+
+
+def play(scenario, port):
+    begin = time.monotonic()
+    with tempfile.TemporaryDirectory() as directory:
+        stage = Stage(pathlib.Path(directory), port)
+        try:
+            scenario(stage)
+            stage.end()
+            print(f"{scenario.__name__}: {time.monotonic() - begin:.0f} s\n", end="", flush=True)
+            return True
+        except Exception as failure:
+            said = [f"-- {path.name}:\n{path.read_text(errors='replace')[-5000:]}\n"
+                    for path in sorted(stage.directory.iterdir()) if path.is_file()]
+            print(f"{scenario.__name__}: {failure!r}\n" + "".join(said), end="", flush=True)
+            return False
+        finally:
+            for process in [peer.process for peer in stage.peers] + [stage.broker]:
+                process.kill()
+
+
+SCENARIOS = [broker_back_in_an_earlier_state, broker_that_does_not_answer, peers_killed,
+             two_reporters_of_one_name, event_too_large, event_not_allowed, wrong_password, encrypted, strangers,
+             receiver_in_python]
+# Free ports below those that the system gives to clients.
+PORTS = [port for port in random.sample(range(20000, 32000), 2 * len(SCENARIOS))
+         if socket.socket().connect_ex(("localhost", port)) != 0]
+with concurrent.futures.ThreadPoolExecutor(len(SCENARIOS)) as pool:
+    sys.exit(not all(list(pool.map(play, SCENARIOS, PORTS))))
