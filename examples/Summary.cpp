@@ -10,17 +10,31 @@ using orv::device_tree::ConfigurationDifference;
 using orv::device_tree::DeviceNode;
 using orv::device_tree::GlobalStatus;
 using orv::device_tree::NamedStatus;
-using Event = orv::proto::monitoring::DeviceToOrvServiceEvent;
+namespace monitoring = orv::proto::monitoring;
+using Event = monitoring::DeviceToOrvServiceEvent;
 
 std::vector<std::string> summaryOf(const Event& event, const std::shared_ptr<DeviceNode>& oldTree,
                                    const std::shared_ptr<DeviceNode>& newTree) {
-  if (event.event_type() == Event::DEVICE_REMOVE) return {oldTree->getDeviceId() + ": removed"};
-  std::vector<std::string> lines;
-  if (event.event_type() != Event::STATUS_CHANGE) {
-    lines.push_back(newTree->getDeviceId() + (oldTree ? ": reconfigured, " : ": added, ") +
-                    std::to_string(newTree->getTreeDeviceIds().size()) + " devices, " +
-                    newTree->getGlobalStatus().debugString());
+  if (event.event_type() == Event::DEVICE_REMOVE) {
+    return {event.GetExtension(monitoring::DeviceRemoveEvent::base).device_id() + ": removed"};
   }
+  std::vector<std::string> lines;
+  if (event.event_type() == Event::STATUS_CHANGE) {
+    const auto& changes = event.GetExtension(monitoring::StatusChangeEvent::base);
+    for (const auto& change : changes.global_status_changes()) {
+      lines.push_back(change.device_id() + ": " + GlobalStatus(change.status()).debugString());
+    }
+    for (const auto& change : changes.named_status_changes()) {
+      lines.push_back(change.device_id() + ": " + NamedStatus(change.status()).debugString());
+    }
+    return lines;
+  }
+  const std::string change = !oldTree                                  ? ": added, "
+                             : event.event_type() == Event::DEVICE_ADD ? ": sent anew, "
+                                                                       : ": reconfigured, ";
+  lines.push_back(newTree->getDeviceId() + change +
+                  std::to_string(newTree->getTreeDeviceIds().size()) + " devices, " +
+                  newTree->getGlobalStatus().debugString());
   if (!oldTree) return lines;
   std::list<ConfigurationDifference> differences;
   utils::GetConfigurationDifferences(oldTree, newTree, differences);

@@ -198,7 +198,7 @@ void addSensors(const fs::path& chips, DeviceNode& host) {
 
 }  // namespace
 
-std::shared_ptr<DeviceNode> makeHost(const fs::path& root) {
+std::shared_ptr<DeviceNode> makeHost(const fs::path& root, const std::string& id) {
   const fs::path needed = root / "proc/stat";
   if (!std::ifstream(needed)) {
     throw std::runtime_error("cannot read " + needed.string() + ": " +
@@ -206,7 +206,7 @@ std::shared_ptr<DeviceNode> makeHost(const fs::path& root) {
   }
   const fs::path kernel = root / "proc/sys/kernel";
   const auto name = line(kernel / "hostname").value_or("unknown");
-  auto host = std::make_shared<DeviceNode>("host", name, Class::HOST);
+  auto host = std::make_shared<DeviceNode>(id.empty() ? name : id, name, Class::HOST);
   addProperty(*host, "machine", line(kernel / "arch"));
   addProperty(*host, "kernel", line(kernel / "osrelease"));
   return host;

@@ -7,11 +7,14 @@
 
 #include <filesystem>
 #include <memory>
+#include <string>
 
 #include "device_tree/DeviceNode.h"
 
-// The host without parts. Throws std::runtime_error when there is no machine to be read.
-std::shared_ptr<orv::device_tree::DeviceNode> makeHost(const std::filesystem::path& root);
+// The host without parts; an empty identifier stands for the machine's own name. Throws
+// std::runtime_error when there is no machine to be read.
+std::shared_ptr<orv::device_tree::DeviceNode> makeHost(const std::filesystem::path& root,
+                                                       const std::string& id);
 
 // Brings the host up to date: its own values in place, its parts anew.
 void updateHost(const std::filesystem::path& root, orv::device_tree::DeviceNode& host);

@@ -1,25 +1,29 @@
 // Watches the machine it runs on and prints, reading by reading, the event that leads from what it
-// reported last to what it finds now.
+// reported last to what it finds now. Reports to a broker too, if asked to.
 #include <getopt.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
-#include <csignal>
+#include <chrono>
 #include <cstdlib>
-#include <ctime>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 
+#include "BrokerOptions.h"
 #include "HostReader.h"
+#include "Publisher.h"
+#include "Signals.h"
 #include "Summary.h"
 #include "device_tree/Utils.h"
 
 using orv::device_tree::DeviceNode;
 using orv::device_tree::utils::EventHelper;
 using Event = orv::proto::monitoring::DeviceToOrvServiceEvent;
+using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -34,9 +38,13 @@ since the last report. The first report adds the machine itself.
                       text = the event messages in Protocol Buffers text form
   --tree              print the device tree before the first report
   --root DIR          read DIR/proc and DIR/sys, say of a recorded machine, instead of /proc and /sys
-  --help              print this text
+  --name NAME         identifier of the machine's device (default: "host"; with --broker the
+                      machine's own name, and NAME is the name of the reporter too)
+)";
+constexpr const char* usageEnd = R"(  --help              print this text
 
-A reading that finds no change counts, but prints nothing. Ctrl-C ends the program with status 0,
+A reading that finds no change counts, but prints nothing. With --broker the program publishes what
+changed; lines about the connection go to the standard error. Ctrl-C ends the program with status 0,
 a bad option or an unreadable DIR with status 2.
 )";
 
@@ -46,6 +54,8 @@ struct Options {
   std::string format = "summary";
   bool tree = false;
   std::string root = "/";
+  std::string name;
+  BrokerOptions broker;
 };
 
 // Sets the number that is written there, and returns whether one is.
@@ -61,13 +71,19 @@ void print(const std::string& text) {
 }
 
 Options parse(int argc, char** argv) {
-  const std::array<option, 7> known = {{{"interval", required_argument, nullptr, 'i'},
-                                        {"count", required_argument, nullptr, 'c'},
-                                        {"format", required_argument, nullptr, 'f'},
-                                        {"tree", no_argument, nullptr, 't'},
-                                        {"root", required_argument, nullptr, 'r'},
-                                        {"help", no_argument, nullptr, 'h'},
-                                        {}}};
+  const std::array<option, 13> known = {{{"interval", required_argument, nullptr, 'i'},
+                                         {"count", required_argument, nullptr, 'c'},
+                                         {"format", required_argument, nullptr, 'f'},
+                                         {"tree", no_argument, nullptr, 't'},
+                                         {"root", required_argument, nullptr, 'r'},
+                                         {"help", no_argument, nullptr, 'h'},
+                                         {"name", required_argument, nullptr, 'n'},
+                                         {"broker", required_argument, nullptr, 'B'},
+                                         {"password-file", required_argument, nullptr, 'P'},
+                                         {"ca", required_argument, nullptr, 'A'},
+                                         {"certificate", required_argument, nullptr, 'C'},
+                                         {"key", required_argument, nullptr, 'K'},
+                                         {}}};
   Options options;
   const auto require = [](bool good, const std::string& fault) {
     if (!good) throw std::runtime_error(fault + " '" + optarg + "'");
@@ -75,11 +91,17 @@ Options parse(int argc, char** argv) {
   for (int code = 0; (code = getopt_long(argc, argv, "", known.data(), nullptr)) != -1;) {
     if (code == '?') std::exit(2);  // getopt_long has named the fault
     if (code == 'h') {
-      print(usage);
+      print(usage + std::string(brokerUsage) + usageEnd);
       std::exit(0);
     }
     if (code == 't') options.tree = true;
     if (code == 'r') options.root = optarg;
+    if (code == 'n') options.name = optarg;
+    if (code == 'B') options.broker.url = optarg;
+    if (code == 'P') options.broker.passwordFile = optarg;
+    if (code == 'A') options.broker.caFile = optarg;
+    if (code == 'C') options.broker.certificateFile = optarg;
+    if (code == 'K') options.broker.keyFile = optarg;
     if (code == 'f') {
       options.format = optarg;
       require(options.format == "summary" || options.format == "text",
@@ -98,18 +120,18 @@ Options parse(int argc, char** argv) {
   throw std::runtime_error(std::string("unexpected argument '") + argv[optind] + "'");
 }
 
-void monitor(const Options& options) {
-  // The signals wait until the program does, so that no report is cut short.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
-  const auto seconds = static_cast<std::time_t>(options.interval);
-  const auto rest = options.interval - static_cast<double>(seconds);
-  const timespec interval = {seconds, static_cast<long>(rest * 1e9)};
+// How long the last report waits for the broker.
+constexpr std::chrono::seconds farewell(10);
 
-  const std::shared_ptr<DeviceNode> live = makeHost(options.root);
+void monitor(const Options& options) {
+  const Signals signals;
+  const auto interval =
+      std::chrono::ceil<Clock::duration>(std::chrono::duration<double>(options.interval));
+  const bool isPublished = !options.broker.url.empty();
+  const std::shared_ptr<DeviceNode> live =
+      makeHost(options.root, isPublished || !options.name.empty() ? options.name : "host");
+  const std::unique_ptr<Publisher> publisher =
+      isPublished ? makePublisher(options.broker, live->getDeviceId()) : nullptr;
   std::shared_ptr<DeviceNode> snapshot;  // the tree as it was reported last
   Event event;
   for (unsigned long reading = 1;; ++reading) {
@@ -131,8 +153,18 @@ void monitor(const Options& options) {
       }
       std::string refusal;
       if (!EventHelper::ApplyEvent(event, snapshot, refusal)) throw std::logic_error(refusal);
+      if (publisher) publisher->report(live);
     }
-    if (reading == options.count || sigtimedwait(&signals, nullptr, &interval) > 0) return;
+    const bool isLast = reading == options.count;
+    const auto end = Clock::now() + (isLast ? farewell : interval);
+    do {
+      if (isLast && (!publisher || publisher->isSettled())) return;
+      const auto slice =
+          std::min<Clock::duration>(end - Clock::now(), std::chrono::milliseconds(200));
+      if (publisher) publisher->serve(std::chrono::ceil<std::chrono::milliseconds>(slice));
+      if (signals.arrive(publisher ? Clock::duration(0) : end - Clock::now())) return;
+    } while (Clock::now() < end);
+    if (isLast) throw std::runtime_error("the broker has not taken the last report");
   }
 }
 

@@ -1,0 +1,143 @@
+#include "collector/Fleet.h"
+
+#include <array>
+#include <functional>
+#include <tuple>
+#include <utility>
+
+using orv::device_tree::GlobalStatus;
+using orv::proto::monitoring::GlobalStatus_Level_Name;
+using orv::reporting::Collector;
+using orv::reporting::CollectorCallbacks;
+using orv::reporting::Condition;
+using orv::reporting::Event;
+using orv::reporting::Link;
+using orv::reporting::Message;
+using orv::reporting::Time;
+using orv::reporting::Tree;
+
+void Turns::lock() {
+  std::unique_lock<std::mutex> guard(mutex_);
+  const std::uint64_t mine = next_++;
+  passed_.wait(guard, [this, mine] { return current_ == mine; });
+}
+
+void Turns::unlock() {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  ++current_;
+  passed_.notify_all();
+}
+
+Fleet::Fleet(CollectorCallbacks callbacks, const orv::reporting::CollectorOptions& options)
+    : events_({{Event::DEVICE_ADD, 0},
+               {Event::DEVICE_REMOVE, 0},
+               {Event::CONFIGURATION_CHANGE, 0},
+               {Event::STATUS_CHANGE, 0}}),
+      start_(orv::reporting::drawSeed()),
+      collector_(observe(std::move(callbacks)), options) {}
+
+CollectorCallbacks Fleet::observe(CollectorCallbacks callbacks) {
+  CollectorCallbacks result;
+  result.applied = [this, tell = std::move(callbacks.applied)](
+                       const std::string& id, const Event& event, const Tree& tree) {
+    apply(id, event, tree);
+    tell(id, event, tree);
+  };
+  result.changed = [this, tell = std::move(callbacks.changed)](const std::string& id,
+                                                               Condition condition) {
+    change(id, condition);
+    tell(id, condition);
+  };
+  result.problem = std::move(callbacks.problem);
+  return result;
+}
+
+void Fleet::apply(const std::string& id, const Event& event, const Tree& tree) {
+  ++events_[event.event_type()];
+  if (!tree && roots_.count(id) == 0) return;  // the removal of a root that is not known
+  Root& root = roots_[id];
+  root.tree = tree;
+  root.lastEvent = std::chrono::system_clock::now();
+  Summary summary;
+  summary.condition = root.summary.condition;
+  if (tree) {
+    const GlobalStatus& health = tree->getGlobalStatus();
+    summary.name = tree->getName();
+    summary.health = GlobalStatus_Level_Name(health.toProtoBuf().level());
+    summary.message = health.message;
+    summary.devices =
+        orv::reporting::isWholeTree(event) ? tree->getTreeDeviceIds().size() : root.summary.devices;
+  }
+  update(root, summary);
+}
+
+void Fleet::change(const std::string& id, Condition condition) {
+  if (condition == Condition::FORGOTTEN) {
+    roots_.erase(id);
+    listVersion_ = ++version_;
+    return;
+  }
+  Root& root = roots_[id];
+  Summary summary = root.summary;
+  summary.condition = condition;
+  update(root, summary);
+}
+
+void Fleet::update(Root& root, const Summary& summary) {
+  const auto values = [](const Summary& one) {
+    return std::tie(one.name, one.health, one.message, one.condition, one.devices);
+  };
+  const bool isNew = root.version == 0;
+  root.version = ++version_;
+  if (!isNew && values(root.summary) == values(summary)) return;
+  root.summary = summary;
+  listVersion_ = version_;
+}
+
+Collector::View Fleet::view(const std::string& root) const { return collector_.view(root).value(); }
+
+std::string Fleet::tagOf(std::uint64_t version) const {
+  return std::to_string(start_) + "." + std::to_string(version);
+}
+
+std::string Fleet::rootTag(const std::string& root) const {
+  // Another reporter of the same tree is no event, and nobody is told.
+  return tagOf(roots_.at(root).version) + "." +
+         std::to_string(std::hash<std::string>()(view(root).reporter));
+}
+
+std::optional<Message> Fleet::connecting() {
+  const auto guard = lock();
+  return collector_.connecting();
+}
+
+void Fleet::connected(Link& link, Time now) {
+  const auto guard = lock();
+  collector_.connected(link, now);
+}
+
+void Fleet::disconnected(Time now) {
+  const auto guard = lock();
+  collector_.disconnected(now);
+}
+
+void Fleet::settled(int number, const std::string& refusal, Time now) {
+  const auto guard = lock();
+  collector_.settled(number, refusal, now);
+}
+
+void Fleet::received(const Message& message, Time now) {
+  const auto guard = lock();
+  collector_.received(message, now);
+}
+
+Time Fleet::serve(Time now) {
+  const auto guard = lock();
+  return collector_.serve(now);
+}
+
+std::string textOf(Condition condition) {
+  const std::array<const char*, 4> texts = {"current", "out of date", "its reporter is gone",
+                                            "forgotten"};
+  return texts.at(static_cast<std::size_t>(condition));
+}

@@ -1,0 +1,95 @@
+// The fleet that a collector follows, for those who look at it on other threads.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "reporting/Collector.h"
+
+// A lock that goes to whoever asked first. The loop of a busy collector takes it again at once, and
+// a std::mutex would hardly ever pass to somebody else.
+class Turns {
+ public:
+  void lock();
+  void unlock();
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable passed_;
+  std::uint64_t next_ = 0;
+  std::uint64_t current_ = 0;
+};
+
+// Stands between a connection and a collector and holds a lock during each call. So it is never
+// held while the connection waits for the network.
+class Fleet final : public orv::reporting::Endpoint {
+ public:
+  // What a list of the roots shows of one.
+  struct Summary {
+    std::string name;
+    std::string health = "?";  // while there is no tree
+    std::string message;
+    orv::reporting::Condition condition = orv::reporting::Condition::OUT_OF_DATE;
+    std::size_t devices = 0;
+  };
+  struct Root {
+    Summary summary;
+    orv::reporting::Tree tree;
+    std::chrono::system_clock::time_point lastEvent;  // when it was applied
+    std::uint64_t version = 0;
+  };
+
+  // The callbacks are called under the lock.
+  Fleet(orv::reporting::CollectorCallbacks callbacks,
+        const orv::reporting::CollectorOptions& options);
+
+  // Hold it while you use what follows and what that returns.
+  std::unique_lock<Turns> lock() const { return std::unique_lock<Turns>(turns_); }
+
+  const std::map<std::string, Root>& roots() const { return roots_; }
+  // The root has to be one of roots().
+  orv::reporting::Collector::View view(const std::string& root) const;
+  const orv::reporting::Collector::Counters& counters() const { return collector_.counters(); }
+  // How many events were applied, for each type.
+  const std::map<orv::reporting::Event::EventType, std::uint64_t>& events() const {
+    return events_;
+  }
+
+  // Short texts that stay the same exactly as long as the summaries of all roots do, or what `view`
+  // returns of one.
+  std::string listTag() const { return tagOf(listVersion_); }
+  std::string rootTag(const std::string& root) const;
+
+  std::optional<orv::reporting::Message> connecting() override;
+  void connected(orv::reporting::Link& link, orv::reporting::Time now) override;
+  void disconnected(orv::reporting::Time now) override;
+  void settled(int number, const std::string& refusal, orv::reporting::Time now) override;
+  void received(const orv::reporting::Message& message, orv::reporting::Time now) override;
+  orv::reporting::Time serve(orv::reporting::Time now) override;
+
+ private:
+  orv::reporting::CollectorCallbacks observe(orv::reporting::CollectorCallbacks callbacks);
+  void apply(const std::string& id, const orv::reporting::Event& event,
+             const orv::reporting::Tree& tree);
+  void change(const std::string& id, orv::reporting::Condition condition);
+  void update(Root& root, const Summary& summary);
+  std::string tagOf(std::uint64_t version) const;
+
+  mutable Turns turns_;
+  std::map<std::string, Root> roots_;
+  std::map<orv::reporting::Event::EventType, std::uint64_t> events_;
+  std::uint64_t start_;  // random: the versions of another process are others
+  std::uint64_t version_ = 0;
+  std::uint64_t listVersion_ = 0;
+  orv::reporting::Collector collector_;
+};
+
+// For people.
+std::string textOf(orv::reporting::Condition condition);

@@ -1,0 +1,230 @@
+#include "collector/Http.h"
+
+#include <google/protobuf/util/json_util.h>
+#include <httplib.h>
+
+#include <charconv>
+#include <chrono>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "collector/Fleet.h"
+#include "collector/Metrics.h"
+#include "collector/Text.h"
+#include "page.h"
+
+using httplib::Request;
+using httplib::Response;
+using Json = nlohmann::ordered_json;
+using orv::proto::monitoring::DeviceNode;
+
+namespace {
+
+void setJson(Response& response, const std::string& text) {
+  // The parameter keeps the library from compressing it, which takes longer than all else.
+  response.set_content(text, "application/json; charset=utf-8");
+}
+
+std::string dump(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// Protocol Buffers would leave out what is not UTF-8.
+void makeValid(DeviceNode& device) {
+  const auto replace = [](std::string* text) { *text = validText(*text); };
+  replace(device.mutable_id());
+  replace(device.mutable_name());
+  if (device.global_status().has_message()) {
+    replace(device.mutable_global_status()->mutable_message());
+  }
+  for (auto& property : *device.mutable_properties()) {
+    replace(property.mutable_name());
+    replace(property.mutable_value());
+  }
+  for (auto& status : *device.mutable_statuses()) {
+    replace(status.mutable_name());
+    if (status.has_string_value()) replace(status.mutable_string_value());
+  }
+  for (auto& subDevice : *device.mutable_sub_devices()) makeValid(subDevice);
+}
+
+// Whether the reader has the content of that tag already; the answer is complete then.
+bool isKnown(const std::string& tag, const Request& request, Response& response) {
+  response.set_header("ETag", '"' + tag + '"');
+  const std::string known = request.get_header_value("If-None-Match");
+  if (known != "*" && known.find('"' + tag + '"') == std::string::npos) return false;
+  response.status = 304;
+  return true;
+}
+
+void answerRoots(const Fleet& fleet, const Request& request, Response& response) {
+  std::vector<std::pair<std::string, Fleet::Summary>> list;
+  {
+    const auto guard = fleet.lock();
+    if (isKnown(fleet.listTag(), request, response)) return;
+    list.reserve(fleet.roots().size());
+    for (const auto& [id, root] : fleet.roots()) list.emplace_back(id, root.summary);
+  }
+  Json roots = Json::array();
+  for (const auto& [id, summary] : list) {
+    roots.push_back({{"id", id},
+                     {"name", summary.name},
+                     {"health", summary.health},
+                     {"message", summary.message},
+                     {"condition", textOf(summary.condition)},
+                     {"devices", summary.devices}});
+  }
+  setJson(response, dump({{"roots", std::move(roots)}}));
+}
+
+void answerRoot(const Fleet& fleet, const std::string& id, const Request& request,
+                Response& response) {
+  Json json = {{"id", id}};
+  DeviceNode tree;
+  {
+    const auto guard = fleet.lock();
+    if (fleet.roots().count(id) == 0) {
+      response.status = 404;
+      return setJson(response, dump({{"error", "There is no root '" + id + "'"}}));
+    }
+    if (isKnown(fleet.rootTag(id), request, response)) return;
+    const auto view = fleet.view(id);
+    json["condition"] = textOf(view.condition);
+    json["reporter"] = view.reporter;
+    json["sequence"] = view.sequence.text();
+    if (view.tree) view.tree->toProtoBuf(tree);
+  }
+  std::string text = dump(json);
+  if (tree.has_id()) {
+    makeValid(tree);
+    google::protobuf::util::JsonPrintOptions options;
+    options.preserve_proto_field_names = true;
+    std::string treeText;
+    const auto status = google::protobuf::util::MessageToJsonString(tree, &treeText, options);
+    if (!status.ok()) throw std::runtime_error(status.ToString());
+    text.back() = ',';
+    text += "\"tree\":" + treeText + "}";
+  }
+  setJson(response, text);
+}
+
+void answerMetrics(const Fleet& fleet, Response& response) {
+  const auto metrics = std::make_shared<Metrics>(fleet);
+  const auto send = [metrics](std::size_t /*offset*/, httplib::DataSink& sink) {
+    const std::string text = metrics->next();
+    if (!text.empty()) return sink.write(text.data(), text.size());
+    sink.done();
+    return true;
+  };
+  response.set_chunked_content_provider("text/plain; version=0.0.4; charset=utf-8", send);
+}
+
+class Server {
+ public:
+  Server(const std::string& where, const Fleet& fleet);
+  ~Server();
+
+  std::string url() const { return "http://" + name_ + ":" + std::to_string(port_) + "/"; }
+
+ private:
+  bool answer(const Request& request, Response& response) const;
+  bool isForUs(const Request& request) const;
+
+  const Fleet& fleet_;
+  std::string host_ = "127.0.0.1";
+  std::string name_;  // of the host in a URL
+  int port_ = 0;
+  httplib::Server server_;
+  std::thread thread_;
+};
+
+Server::Server(const std::string& where, const Fleet& fleet) : fleet_(fleet) {
+  const std::size_t colon = where.rfind(':');
+  if (colon != std::string::npos) host_ = where.substr(0, colon);
+  if (host_.size() > 1 && host_.front() == '[') host_ = host_.substr(1, host_.size() - 2);
+  name_ = host_.find(':') == std::string::npos ? host_ : "[" + host_ + "]";
+  const std::string digits = where.substr(colon + 1);
+  const char* const end = digits.data() + digits.size();
+  std::uint16_t port = 0;
+  const auto [rest, error] = std::from_chars(digits.data(), end, port);
+  if (error != std::errc() || rest != end || host_.empty()) {
+    throw std::runtime_error("--http: not [ADDRESS:]PORT: '" + where + "'");
+  }
+  server_.new_task_queue = [] { return new httplib::ThreadPool(16); };
+  server_.set_keep_alive_timeout(2);
+  server_.set_keep_alive_max_count(1000);
+  server_.set_payload_max_length(0);
+  server_.set_tcp_nodelay(true);
+  // Otherwise two processes could share the port.
+  server_.set_socket_options([](int socket) {
+    const int yes = 1;
+    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
+  server_.set_default_headers(
+      {{"Cache-Control", "no-cache"},
+       {"Content-Security-Policy",
+        "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; "
+        "connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
+       {"X-Content-Type-Options", "nosniff"}});
+  // Takes all paths here: the library would match them with regular expressions.
+  server_.set_pre_routing_handler([this](const Request& request, Response& response) {
+    return answer(request, response) ? httplib::Server::HandlerResponse::Handled
+                                     : httplib::Server::HandlerResponse::Unhandled;
+  });
+  if (port == 0) {
+    port_ = server_.bind_to_any_port(host_);
+  } else {
+    port_ = server_.bind_to_port(host_, port) ? port : -1;
+  }
+  if (port_ < 0) {
+    throw std::runtime_error("--http: cannot listen on '" + where + "': is the port taken?");
+  }
+  thread_ = std::thread([this] { server_.listen_after_bind(); });
+  while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+Server::~Server() {
+  server_.stop();
+  thread_.join();
+}
+
+// Whether the request was answered; the library refuses the others.
+bool Server::answer(const Request& request, Response& response) const {
+  const std::string root = "/api/roots/";
+  if (request.method != "GET" && request.method != "HEAD") return false;
+  if (!isForUs(request)) {
+    response.status = 403;
+  } else if (request.path == "/") {
+    response.set_content(page, "text/html; charset=utf-8");
+  } else if (request.path == "/api/roots") {
+    answerRoots(fleet_, request, response);
+  } else if (request.path.compare(0, root.size(), root) == 0) {
+    answerRoot(fleet_, request.path.substr(root.size()), request, response);
+  } else if (request.path == "/metrics") {
+    answerMetrics(fleet_, response);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+// Whoever has a web server can have its name lead to this machine. The browser then lets the pages
+// of that server read what is served here, but it sends that name.
+bool Server::isForUs(const Request& request) const {
+  if (host_ != "localhost" && host_ != "::1" && host_.rfind("127.", 0) != 0) return true;
+  const std::string sent = request.get_header_value("Host") + ":";
+  return sent.rfind("localhost:", 0) == 0 || sent.rfind(name_ + ":", 0) == 0;
+}
+
+}  // namespace
+
+std::shared_ptr<void> serveHttp(const std::string& where, const Fleet& fleet,
+                                const std::function<void(const std::string&)>& tell) {
+  const auto server = std::make_shared<Server>(where, fleet);
+  tell(server->url());
+  return server;
+}

@@ -1,0 +1,201 @@
+#include "collector/Metrics.h"
+
+#include <prometheus/text_serializer.h>
+
+#include <array>
+#include <boost/variant/apply_visitor.hpp>
+#include <cctype>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <type_traits>
+#include <unordered_set>
+
+#include "collector/Text.h"
+
+using orv::device_tree::DeviceNode;
+using orv::proto::monitoring::DeviceNode_DeviceClass_Name;
+using orv::reporting::Condition;
+using prometheus::ClientMetric;
+using prometheus::MetricFamily;
+using prometheus::MetricType;
+
+namespace {
+
+using Labels = std::vector<ClientMetric::Label>;
+using Series = std::vector<ClientMetric>;
+
+std::string labelOf(const std::string& text) { return validText(text, 256); }
+
+void add(Series& series, Labels labels, double value) {
+  ClientMetric& metric = series.emplace_back();
+  metric.label = std::move(labels);
+  metric.gauge.value = metric.counter.value = value;  // the family says which of the two counts
+}
+
+// Calls `visit` with each device and its label. Of two that have one label, the first counts: a
+// reader refuses the whole answer when two series are equal.
+using Visit = std::function<void(const DeviceNode& device, const std::string& label)>;
+void walk(const DeviceNode& device, std::unordered_set<std::string>& labels, const Visit& visit) {
+  const auto [label, isNew] = labels.insert(labelOf(device.getDeviceId()));
+  if (isNew) visit(device, *label);
+  for (const auto& [id, subDevice] : device.getSubDevices()) walk(*subDevice, labels, visit);
+}
+
+void addInfo(const std::string& root, const DeviceNode& device, const std::string& label,
+             Series& series) {
+  const std::string& kind = DeviceNode_DeviceClass_Name(device.getDeviceClass());
+  add(series,
+      {{"root", root}, {"device", label}, {"name", labelOf(device.getName())}, {"class", kind}}, 1);
+}
+
+void addHealth(const std::string& root, const DeviceNode& device, const std::string& label,
+               Series& series) {
+  int level = 0;
+  for (const char* const name : {"ok", "warning", "error"}) {
+    add(series, {{"root", root}, {"device", label}, {"level", name}},
+        device.getGlobalStatus().level == level ? 1 : 0);
+    ++level;
+  }
+}
+
+void addStatuses(const std::string& root, const DeviceNode& device, const std::string& label,
+                 Series& series) {
+  std::unordered_set<std::string> names;
+  for (const auto& [key, status] : device.getStatuses()) {
+    if (!status->isValueSet()) continue;
+    const auto addNumber = [&, name = &status->getName()](const auto& value) {
+      if constexpr (std::is_arithmetic_v<std::decay_t<decltype(value)>>) {
+        const auto [text, isNew] = names.insert(labelOf(*name));
+        if (!isNew) return;
+        add(series, {{"root", root}, {"device", label}, {"status", *text}},
+            static_cast<double>(value));
+      }
+    };
+    boost::apply_visitor(addNumber, status->getValue());
+  }
+}
+
+// The families that grow with the number of devices.
+struct Family {
+  const char* name;
+  const char* help;
+  void (*add)(const std::string& root, const DeviceNode& device, const std::string& label,
+              Series& series);
+};
+const std::array<Family, 3> families = {{
+    {"orv_device_info", "Name and class of the device.", addInfo},
+    {"orv_device_health", "1 for the level that the health of the device has, 0 for the others.",
+     addHealth},
+    {"orv_device_status",
+     "A status of the device that is a number. It is true while the root is up, however long ago "
+     "it changed.",
+     addStatuses},
+}};
+
+MetricFamily counter(const char* name, const char* help, std::uint64_t value) {
+  MetricFamily result = {name, help, MetricType::Counter, {}};
+  add(result.metric, {}, static_cast<double>(value));
+  return result;
+}
+
+}  // namespace
+
+Metrics::Metrics(const Fleet& fleet) : fleet_(fleet) {
+  constexpr std::size_t enough = 500;  // devices in a piece, unless one root has more
+  const auto guard = fleet.lock();
+  std::unordered_set<std::string> labels;
+  std::size_t devices = 0;
+  for (const auto& [id, root] : fleet.roots()) {
+    const auto [label, isNew] = labels.insert(labelOf(id));
+    if (!isNew) continue;
+    if (!roots_.empty() && devices + root.summary.devices > enough) {
+      ends_.push_back(roots_.size());
+      devices = 0;
+    }
+    devices += 1 + root.summary.devices;
+    roots_.emplace_back(id, *label);
+  }
+  ends_.push_back(roots_.size());
+}
+
+std::vector<MetricFamily> Metrics::Collect() const {
+  const auto guard = fleet_.lock();
+  return family_ == families.size() ? collectTotals() : collectDevices();
+}
+
+std::vector<MetricFamily> Metrics::collectDevices() const {
+  const Family& family = families.at(family_);
+  MetricFamily result = {family.name, piece_ == 0 ? family.help : "", MetricType::Gauge, {}};
+  for (std::size_t at = piece_ == 0 ? 0 : ends_[piece_ - 1]; at < ends_[piece_]; ++at) {
+    const auto entry = fleet_.roots().find(roots_[at].first);
+    if (entry == fleet_.roots().end()) continue;  // gone since
+    const Fleet::Root& root = entry->second;
+    if (!root.tree || root.summary.condition == Condition::REPORTER_GONE) continue;
+    std::unordered_set<std::string> labels;
+    walk(*root.tree, labels, [&](const DeviceNode& device, const std::string& label) {
+      family.add(roots_[at].second, device, label, result.metric);
+    });
+  }
+  return {std::move(result)};
+}
+
+std::vector<MetricFamily> Metrics::collectTotals() const {
+  MetricFamily up = {"orv_root_up",
+                     "Whether the tree of the root is current. Of a root whose reporter is gone, "
+                     "nothing else is told.",
+                     MetricType::Gauge,
+                     {}};
+  MetricFamily last = {"orv_root_last_event_timestamp_seconds",
+                       "When the last event of the root was applied.",
+                       MetricType::Gauge,
+                       {}};
+  for (const auto& [id, label] : roots_) {
+    const auto entry = fleet_.roots().find(id);
+    if (entry == fleet_.roots().end()) continue;
+    const Fleet::Root& root = entry->second;
+    add(up.metric, {{"root", label}}, root.summary.condition == Condition::CURRENT ? 1 : 0);
+    if (root.tree && root.summary.condition != Condition::REPORTER_GONE) {
+      const std::chrono::duration<double> time = root.lastEvent.time_since_epoch();
+      add(last.metric, {{"root", label}}, time.count());
+    }
+  }
+  MetricFamily events = {
+      "orv_collector_events_total", "Events that were applied.", MetricType::Counter, {}};
+  for (const auto& [type, number] : fleet_.events()) {
+    std::string name = orv::reporting::Event::EventType_Name(type);
+    for (char& letter : name) letter = static_cast<char>(std::tolower(letter));
+    add(events.metric, {{"type", name}}, static_cast<double>(number));
+  }
+  using Outcome = orv::reporting::Follower::Outcome;
+  const auto& counters = fleet_.counters();
+  const auto outcome = [&counters](Outcome which) {
+    return counters.outcomes.at(static_cast<std::size_t>(which));
+  };
+  return {
+      std::move(up),
+      std::move(last),
+      std::move(events),
+      counter("orv_collector_gaps_total",
+              "Events dropped because what comes before them is missing.", outcome(Outcome::GAP)),
+      counter("orv_collector_old_events_total", "Events dropped because they are old.",
+              outcome(Outcome::OLD)),
+      counter("orv_collector_refused_total", "Events dropped because they break a rule.",
+              outcome(Outcome::REFUSED)),
+      counter("orv_collector_strangers_total", "Messages that are none of the protocol's.",
+              counters.strangers),
+      counter("orv_collector_requests_total", "Trees that were asked for.", counters.requests)};
+}
+
+std::string Metrics::next() {
+  std::string text;
+  while (text.empty() && family_ <= families.size()) {
+    text = prometheus::TextSerializer().Serialize(Collect());
+    if (piece_ > 0) text.erase(0, text.find('\n') + 1);  // the type: the first piece has told it
+    if (++piece_ == ends_.size() || family_ == families.size()) {
+      piece_ = 0;
+      ++family_;
+    }
+  }
+  return text;
+}

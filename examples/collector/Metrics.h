@@ -1,0 +1,36 @@
+// The metrics of a fleet in the text format of Prometheus.
+#pragma once
+
+#include <prometheus/collectable.h>
+#include <prometheus/metric_family.h>
+
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "collector/Fleet.h"
+
+// Goes through the metrics of a fleet piece by piece: the text is long, and the fleet must not be
+// locked for as long as making it takes. The format wants each family in one go, so a piece is one
+// family of some roots.
+class Metrics final : public prometheus::Collectable {
+ public:
+  explicit Metrics(const Fleet& fleet);
+
+  // The present piece.
+  std::vector<prometheus::MetricFamily> Collect() const override;
+
+  // The text of the present piece, and goes on to the next one. Empty at the end.
+  std::string next();
+
+ private:
+  std::vector<prometheus::MetricFamily> collectDevices() const;
+  std::vector<prometheus::MetricFamily> collectTotals() const;
+
+  const Fleet& fleet_;
+  std::vector<std::pair<std::string, std::string>> roots_;  // identifier and label
+  std::vector<std::size_t> ends_;                           // of the pieces, in roots_
+  std::size_t family_ = 0;
+  std::size_t piece_ = 0;
+};

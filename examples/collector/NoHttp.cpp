@@ -1,0 +1,9 @@
+// Stands in for Http.cpp where what that needs is not installed.
+#include <stdexcept>
+
+#include "collector/Http.h"
+
+std::shared_ptr<void> serveHttp(const std::string& /*where*/, const Fleet& /*fleet*/,
+                                const std::function<void(const std::string&)>& /*tell*/) {
+  throw std::runtime_error("--http: built without cpp-httplib, prometheus-cpp and nlohmann-json");
+}

@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# Shows a fleet at work: a broker of its own on the loopback, this machine and two recorded ones that
+# report to it, and the collector, which prints what changes in them and shows them on a page.
+# Installs what is missing, builds into build/demo, and ends everything that it started.
+#
+#   ./scripts/fleet.sh [--stay] [SECONDS]
+#
+# One of the recorded machines fails after three quarters of SECONDS, 30 unless told otherwise. At
+# their end everything ends; with --stay it goes on until it is interrupted with Ctrl-C.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+limit=(timeout --signal=INT)
+if [ "${1:-}" = --stay ]; then
+  limit=()
+  shift
+fi
+seconds=${1:-30}
+case $seconds in
+  '' | 0* | *[!0-9]*)
+    echo "usage: fleet.sh [--stay] [SECONDS]" >&2
+    exit 2
+    ;;
+esac
+
+. scripts/fleet_of.sh
+build_fleet
+cd "$work"
+
+# Makes the recorded machine live: MACHINE SECONDS.
+replay() {
+  while sleep "$2"; do
+    put "$1/proc/loadavg" "0.$((RANDOM % 90 + 10)) 0.50 0.75 1/120 4711"
+    put "$1/sys/class/hwmon/hwmon0/temp1_input" "$((40000 + RANDOM * 2))"
+    put "$1/sys/class/net/eth0/carrier" "$((RANDOM % 8 != 0))"
+  done
+}
+
+start_broker
+host_monitor --broker "$broker" --interval 10 >/dev/null 2>live.log &
+for name in station-7 station-8; do
+  unpack_machine $name
+  host_monitor --broker "$broker" --root $name --interval 1 >/dev/null 2>$name.log &
+done
+last=$!
+disown $last  # it fails below, which needs no word of the shell
+replay station-7 3 &
+replay station-8 4 &
+# Near the end the second recorded machine fails.
+(sleep $((seconds * 3 / 4)) && kill -9 $last) &
+
+echo "A broker at $broker, the page at the address below, and what the collector prints:"
+echo
+[ ${#limit[@]} -eq 0 ] || limit+=("$seconds")
+"${limit[@]}" collector --broker "$broker" --http "$(free_port 18080)" || [ $? -eq 124 ]

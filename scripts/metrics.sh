@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Checks the metrics of the collector: promtool finds nothing in them, and a Prometheus that scrapes
+# them answers with what a host monitor reported of a recorded machine. Installs what is missing,
+# builds into build/demo, and ends everything that it started.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+./scripts/dependencies.sh metrics
+. scripts/fleet_of.sh
+build_fleet
+cd "$work"
+
+start_broker
+unpack_machine station-7
+host_monitor --broker "$broker" --root station-7 --interval 1 >/dev/null 2>host.log &
+last=$!
+disown $last  # it is killed below, which needs no word of the shell
+port=$(free_port 18080)
+collector --broker "$broker" --http "$port" >events.log 2>collector.log &
+
+cat >prometheus.yml <<END
+scrape_configs:
+  - job_name: fleet
+    scrape_interval: 1s
+    static_configs: [targets: ['127.0.0.1:$port']]
+END
+prometheus=127.0.0.1:$(free_port 19090)
+prometheus --config.file=prometheus.yml --storage.tsdb.path=data \
+  --web.listen-address="$prometheus" 2>prometheus.log &
+
+# Whether Prometheus has the value for the query: QUERY VALUE.
+answers() {
+  curl -sS -G "http://$prometheus/api/v1/query" --data-urlencode "query=$1" 2>curl.log |
+    jq -e --arg value "$2" '[.data.result[].value[1]] == [$value]' >/dev/null
+}
+celsius='orv_device_status{device="station-7/hwmon0/temp1",status="celsius"}'
+await 60 answers "$celsius" 41.5
+put station-7/sys/class/hwmon/hwmon0/temp1_input 52250
+await 20 answers "$celsius" 52.25
+await 20 answers 'orv_device_health{root="station-7",device="station-7/net/eth1",level="warning"}' 1
+
+curl -sS "http://127.0.0.1:$port/metrics" >metrics.txt
+promtool check metrics <metrics.txt
+kill -9 $last
+await 20 answers 'orv_root_up{root="station-7"}' 0
+await 20 answers "count($celsius) or vector(0)" 0
+echo "Prometheus has the $(grep -vc '^#' metrics.txt) metrics"

@@ -1,0 +1,131 @@
+"""Uses the collector's page in chromium: page.py BROKER PORT [DIRECTORY]
+
+Runs in a directory with the recorded machines station-7, -8 and -9 and the process numbers of those
+that report them (station-9 is well). Writes pictures of the page into DIRECTORY, if that is given.
+"""
+
+import contextlib
+import os
+import pathlib
+import signal
+import socket
+import subprocess
+import sys
+import time
+
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.keys import Keys
+
+BROKER, PORT, *PICTURES = sys.argv[1:]
+HOSTILE = "<img src=x onerror=\"document.title='taken over'\">"
+
+
+def wait(what, condition):
+    end = time.monotonic() + 30
+    while not (result := condition()):
+        assert time.monotonic() < end, "waited in vain for " + what
+        time.sleep(0.05)
+    return result
+
+
+def put(file, value):
+    pathlib.Path(file + ".new").write_text(value + "\n", encoding="utf-8")
+    os.rename(file + ".new", file)
+
+
+@contextlib.contextmanager
+def collector():
+    with open("events.log", "a", encoding="utf-8") as log:
+        process = subprocess.Popen(["collector", "--broker", BROKER, "--http", PORT],
+                                   stdout=log, stderr=log)
+    try:
+        yield
+    finally:
+        process.send_signal(signal.SIGINT)
+        process.wait(20)
+
+
+def view(width, scheme):
+    feature = {"name": "prefers-color-scheme", "value": scheme}
+    browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [feature]})
+    browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+        "width": width, "height": 780, "deviceScaleFactor": 1, "mobile": False})
+
+
+def texts(selector):
+    return browser.execute_script("""return [...document.querySelectorAll(arguments[0])]
+        .filter((one) => one.checkVisibility()).map((one) => one.innerText)""", selector)
+
+
+def roots():
+    return [text.split()[0] for text in texts("#rows a")]
+
+
+def warm(celsius):
+    """Makes station-7 warmer, waits for it on the page, and says whether the eye is led to it."""
+    put("station-7/sys/class/hwmon/hwmon0/temp1_input", str(celsius * 1000))
+    wait("the value", lambda: str(celsius) in texts(".statuses dd"))
+    return browser.execute_script("""return [...document.querySelectorAll(".statuses dd")]
+        .some((one) => one.innerText === arguments[0] && one.getAnimations().length)""",
+                                  str(celsius))
+
+
+def use_page():
+    wait("the collector", lambda: not socket.socket().connect_ex(("127.0.0.1", int(PORT))))
+    browser.get(f"http://127.0.0.1:{PORT}/")
+    wait("three roots", lambda: roots() == ["station-7", "station-8", "station-9"] and
+         all("11 devices" in text for text in texts("#rows a")))
+    browser.find_element("id", "findRoot").send_keys(Keys.TAB)
+    browser.switch_to.active_element.send_keys(Keys.ARROW_DOWN)
+    browser.switch_to.active_element.send_keys(Keys.ARROW_UP)
+    browser.switch_to.active_element.send_keys(Keys.ENTER)
+    wait("the tree that the keyboard opened",
+         lambda: texts("h2") == ["station-7"] and texts("summary"))
+    browser.execute_script("window.isSamePage = true")
+    assert warm(43.5), "a value that changed is not marked"
+
+    os.kill(int(pathlib.Path("station-8.pid").read_text(encoding="utf-8")), signal.SIGKILL)
+    wait("the root without reporter", lambda: "its reporter is gone" in texts("#rows a")[1])
+    for width, scheme, name in (400, "dark", "fleet_small"), (1600, "light", "fleet"):
+        view(width, scheme)
+        assert warm(44.5 + width / 100), "a value that changed is not marked"
+        assert browser.execute_script("""return [...document.querySelectorAll("html, #tree")]
+            .every((one) => one.scrollWidth <= one.clientWidth)"""), "it does not fit"
+        if PICTURES:
+            browser.save_screenshot(f"{PICTURES[0]}/{name}.png")
+
+    browser.find_element("id", "find").send_keys("ETH1")
+    wait("the device that is looked for",
+         lambda: len(texts("summary")) == 2 and "load" not in texts("dt"))
+    browser.find_element("id", "findRoot").send_keys("n-9")
+    wait("the root that is looked for", lambda: roots() == ["station-9"])
+    for field in "find", "findRoot":
+        browser.find_element("id", field).send_keys(Keys.CONTROL, "a", Keys.NULL, Keys.DELETE)
+    browser.find_element("id", "unwell").click()
+    wait("what is not well",
+         lambda: roots() == ["station-7", "station-8"] and len(texts("summary")) == 2)
+    browser.find_element("id", "unwell").click()
+
+    put("station-7/sys/class/hwmon/hwmon0/name", HOSTILE)
+    wait("the text of markup", lambda: HOSTILE in texts("summary b"))
+    assert browser.execute_script("return window.isSamePage && document.images.length === 0")
+    assert browser.title == "Fleet"
+    log = browser.get_log("browser")
+    assert not log, log
+
+
+options = webdriver.ChromeOptions()
+for argument in ("headless=new", "no-sandbox", "disable-gpu", "disable-quic", "no-first-run",
+                 "disable-background-networking", "disable-component-update", "disable-sync"):
+    options.add_argument("--" + argument)
+options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+with webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options) as browser:
+    view(1600, "light")
+    with collector():
+        use_page()
+    wait("the missing collector", lambda: "does not answer" in "".join(texts("#trouble")))
+    with collector():
+        wait("the collector again",
+             lambda: not "".join(texts("#trouble")) and "station-9" in roots())
+print("The page is as it should be")
