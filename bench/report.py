@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Writes performance.md and performance.svg from the results of one run of the benchmarks.
+"""Writes performance.md and performance.svg from the results of one run of the benchmarks, or the
+last section of performance.md from those of a fleet.
 
   report.py RESULTS.json DIRECTORY
 """
@@ -60,6 +61,11 @@ def duration(microseconds):
     return f"{microseconds * 1e3:.3g} ns"
 
 
+def markdown(heads, rows):
+    lines = [heads, ["---"] + ["--:"] * (len(heads) - 1)] + rows
+    return "\n".join("| " + " | ".join(line) + " |" for line in lines)
+
+
 def table(costs, corner, label):
     """A row for each label that a run gets, a column for each size."""
     rows = collections.defaultdict(dict)
@@ -68,9 +74,8 @@ def table(costs, corner, label):
             text = f"**{number(cost.ratio)}** {duration(cost.microseconds)}"
             rows[label(run)][run.devices] = text
     sizes = sorted({size for row in rows.values() for size in row})
-    lines = [[corner] + [f"{size:,}" for size in sizes], ["---"] + ["--:"] * len(sizes)]
-    lines += [[name] + [row.get(size, "–") for size in sizes] for name, row in rows.items()]
-    return "\n".join("| " + " | ".join(line) + " |" for line in lines)
+    lines = [[name] + [row.get(size, "–") for size in sizes] for name, row in rows.items()]
+    return markdown([corner] + [f"{size:,}" for size in sizes], lines)
 
 
 def tables(costs):
@@ -146,17 +151,53 @@ def compiler():
     return f"{words[0]} {words[-1]}".replace("c++", "g++")
 
 
+def template(name):
+    return string.Template(pathlib.Path(__file__).with_name(name).read_text())
+
+
+def fleet(results):
+    """The section about a fleet."""
+    broker = results["broker"]
+    rates = []
+    for key, name in (("base", "1 % of all statuses"), ("highest", "the highest rate that holds"),
+                      ("too_high", "a rate that does not hold")):
+        if run := broker.get(key):
+            rates.append([name, *(f"{run[count]:,.0f}" for count in ("rate", "events", "changes")),
+                          *(duration(run[delay] * 1e3) for delay in ("median", "percentile")),
+                          str(run["gaps"]), str(run["requests"])])
+    growth = []
+    for key, name in (("event", "an event"), ("state", "a state, for each root")):
+        rounds = [costs[key] for costs in results["growth"]]
+        few, many = map(statistics.median, zip(*rounds))
+        ratio = statistics.median(many / few for few, many in rounds)
+        growth.append([name, duration(few), duration(many), f"**{number(ratio)}**"])
+    return template("fleet.md.in").substitute(
+        delay=duration(broker["base"]["percentile"] * 1e3),
+        start=duration(broker["start"] * 1e6),
+        root=f"{broker['root'] / 1e3:.0f} kB",
+        collector=f"{broker['collector'] / 1e6:.0f} MB",
+        reporter=f"{broker['reporter'] / 1e6:.0f} MB",
+        rates=markdown(["each second", "events made", "arrived", "statuses", "median delay",
+                        "99th percentile", "gaps", "requests"], rates),
+        growth=markdown(["", "1,000 roots", "10,000 roots", "ratio"], growth))
+
+
 def main():
     if len(sys.argv) != 3:
         sys.exit(__doc__.strip())
     results = json.loads(pathlib.Path(sys.argv[1]).read_text())
     directory = pathlib.Path(sys.argv[2])
+    page = directory / "performance.md"
+    if "growth" in results:
+        section = fleet(results)
+        others = page.read_text().partition(section.splitlines()[0])[0]
+        page.write_text(f"{others.rstrip()}\n\n{section}")
+        return
     costs = read(results["benchmarks"])
-    template = string.Template(pathlib.Path(__file__).with_name("performance.md.in").read_text())
     machine = f"{results['context']['num_cpus']} cores, {platform.machine()}, {compiler()}"
-    page = template.substitute(machine=machine, **tables(costs), **figures(costs))
     directory.mkdir(parents=True, exist_ok=True)
-    (directory / "performance.md").write_text(page)
+    page.write_text(template("performance.md.in").substitute(
+        machine=machine, **tables(costs), **figures(costs)))
     plot(costs, directory / "performance.svg")
 
 
