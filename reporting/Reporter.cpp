@@ -43,7 +43,7 @@ class Reporter::State {
 
   Message connecting();
   void connected(Link& link);
-  void disconnected();
+  void disconnected(Time now);
   void settled(int number, const std::string& refusal, Time now);
   void received(const Message& message);
   Time serve(Time now);
@@ -65,12 +65,14 @@ class Reporter::State {
   Root& takeUp(const std::string& id);
   void lookAt(const std::string& id, Root& root, Time due);
   Time soon() { return again + Time::duration(++turns_); }  // each after the ones before it
+  void refuse(const std::string& id, Root& root, const std::string& reason, Time now);
   void publishNext(const std::string& id, Time now);
   Message state(bool isOnline) const;
   void receiveRequest(const Message& message);
   void receiveState(const Message& message);
   void saySoon() { stateDue_ = std::min(stateDue_, lastState_ + std::chrono::seconds(1)); }
-  bool isFull() const { return onTheirWay_.size() + (stateOnItsWay_ ? 1 : 0) >= window_; }
+  std::size_t inFlight() const { return onTheirWay_.size() + (stateOnItsWay_ ? 1 : 0); }
+  bool isFull() const { return inFlight() >= (alone_ ? 1 : window_); }
 
   std::string name_;
   std::function<void(const std::string&)> problem_;
@@ -82,13 +84,15 @@ class Reporter::State {
   Link* link_ = nullptr;
   std::map<std::string, Root> roots_;
   std::set<std::pair<Time, std::string>> due_;  // roots to look at
-  Time::rep turns_ = 0;
-  std::map<int, std::string> onTheirWay_;  // roots by the number of what was published
+  Time::rep turns_ = mostOnTheirWay;            // those before are of what goes out again
+  std::map<int, std::string> onTheirWay_;       // roots by the number of what was published
   std::optional<int> stateOnItsWay_;
-  // A broker that refuses an event may end the connection too, and with it the answer. So after a
-  // connection that ended with something on its way, one message goes out at a time at first.
+  // A broker that refuses an event may end the connection too, with the answer to it and to others.
+  // So what was on its way then goes out again in its order, one message at first, then two, four;
+  // and an event that was refused is tried again with nothing else on its way.
   std::size_t window_ = mostOnTheirWay;
   bool isSuspicious_ = false;
+  std::optional<std::string> alone_;  // the root that waits for that, or is on its way so
   Time lastState_;
   Time stateDue_;
   std::string stateProblem_;            // that was told last
@@ -144,21 +148,27 @@ void Reporter::State::connected(Link& link) {
   link_->subscribe({topics_.request(name_), topics_.reporter(name_)});
 }
 
-void Reporter::State::disconnected() {
+void Reporter::State::disconnected(Time now) {
   link_ = nullptr;
-  isSuspicious_ = !onTheirWay_.empty() || stateOnItsWay_;
+  const bool isCulprit = inFlight() == 1 && (window_ == 1 || alone_);
+  isSuspicious_ = inFlight() > 0;
+  Time turn = again;
   for (const auto& [number, id] : onTheirWay_) {
     Root& root = roots_.at(id);
     root.isOnItsWay = false;
     root.sender.interrupted();
-    lookAt(id, root, again);
+    if (isCulprit) {
+      refuse(id, root, root.pause.count() > 0 ? root.problem : "It ends the connection", now);
+    } else {
+      lookAt(id, root, turn += Time::duration(1));
+    }
   }
   onTheirWay_.clear();
+  alone_.reset();
   stateOnItsWay_.reset();
 }
 
 void Reporter::State::settled(int number, const std::string& refusal, Time now) {
-  if (refusal.empty()) window_ = std::min(2 * window_, mostOnTheirWay);
   if (number == stateOnItsWay_) {
     stateOnItsWay_.reset();
     if (!refusal.empty() && refusal != stateProblem_) {
@@ -171,7 +181,11 @@ void Reporter::State::settled(int number, const std::string& refusal, Time now) 
   onTheirWay_.erase(number);
   Root& root = roots_.at(id);
   root.isOnItsWay = false;
-  if (refusal.empty()) {
+  if (id == alone_) alone_.reset();
+  if (!refusal.empty()) {
+    refuse(id, root, refusal, now);
+  } else {
+    window_ = std::min(window_ + 1, mostOnTheirWay);
     root.problem.clear();
     root.pause = {};
     root.tryAgain = Time::min();
@@ -183,16 +197,20 @@ void Reporter::State::settled(int number, const std::string& refusal, Time now) 
       stateDue_ = Time::min();
       return;
     }
-  } else {
-    root.sender.refused();
-    root.isChanged = true;
-    root.pause = std::clamp<std::chrono::seconds>(2 * root.pause, firstPause, longestPause);
-    root.tryAgain = now + root.pause;
-    if (refusal != root.problem) problem_("The broker refuses " + id + ": " + refusal);
-    root.problem = refusal;
+    if (root.isChanged || !root.live) lookAt(id, root, soon());
   }
-  if (root.isChanged || !root.live) lookAt(id, root, soon());
   if (const auto treeDue = root.sender.treeDue()) lookAt(id, root, *treeDue);
+}
+
+void Reporter::State::refuse(const std::string& id, Root& root, const std::string& reason,
+                             Time now) {
+  root.sender.refused();
+  root.isChanged = true;
+  root.pause = std::clamp<std::chrono::seconds>(2 * root.pause, firstPause, longestPause);
+  root.tryAgain = now + root.pause;
+  lookAt(id, root, root.tryAgain);
+  if (reason != root.problem) problem_("The broker refuses " + id + ": " + reason);
+  root.problem = reason;
 }
 
 void Reporter::State::received(const Message& message) {
@@ -210,8 +228,18 @@ Time Reporter::State::serve(Time now) {
   while (!isFull() && !due_.empty() && due_.begin()->first <= now) {
     const std::string id = due_.begin()->second;
     due_.erase(due_.begin());
-    roots_.at(id).due.reset();
+    Root& root = roots_.at(id);
+    root.due.reset();
+    if (root.pause.count() > 0) {
+      alone_ = id;
+      if (inFlight() > 0) {
+        root.tryAgain = again;
+        lookAt(id, root, again);
+        break;
+      }
+    }
     publishNext(id, now);
+    if (!root.isOnItsWay) alone_.reset();
   }
   const Time next = stateOnItsWay_ ? Time::max() : stateDue_;
   return isFull() || due_.empty() ? next : std::min(next, due_.begin()->first);
@@ -324,7 +352,7 @@ std::optional<Message> Reporter::connecting() { return state_->connecting(); }
 
 void Reporter::connected(Link& link, Time /*now*/) { state_->connected(link); }
 
-void Reporter::disconnected(Time /*now*/) { state_->disconnected(); }
+void Reporter::disconnected(Time now) { state_->disconnected(now); }
 
 void Reporter::settled(int number, const std::string& refusal, Time now) {
   state_->settled(number, refusal, now);

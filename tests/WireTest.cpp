@@ -301,6 +301,60 @@ TEST(Wire, TopicsCarryEveryRootAndNothingElse) {
   }
 }
 
+// A broker that ends the connection when it gets a root's event, and with it the last answers.
+TEST(Wire, ABrokerThatEndsTheConnectionHoldsUpOneRootAlone) {
+  Side side;
+  const std::map<std::string, Message> nothing;
+  side.retained = &nothing;
+  Time now{1000s};
+  std::vector<std::string> problems;
+  Reporter reporter("a", [&](const std::string& problem) { problems.push_back(problem); });
+  const std::string bad = Topics("orv/1").event("50");
+  std::vector<Tree> live;
+  for (int i = 0; i < 100; ++i) {
+    live.push_back(std::make_shared<DeviceNode>(std::to_string(i), "", DeviceNode::DeviceClass()));
+    reporter.report(live.back());
+  }
+  // Returns how many of the other roots' events are without an answer at its end.
+  const auto liveThroughOneConnection = [&](std::size_t lost) {
+    (void)reporter.connecting();
+    reporter.connected(side, now);
+    std::deque<int> taken;
+    for (bool isBad = false; !isBad;) {
+      reporter.serve(now);
+      if (side.up.empty()) break;
+      while (!isBad && !side.up.empty()) {
+        isBad = side.up.front().second.topic == bad;
+        if (!isBad) taken.push_back(side.up.front().first);
+        side.up.pop_front();
+      }
+      while (taken.size() > (isBad ? lost : 0)) {
+        reporter.settled(taken.front(), "", now);
+        taken.pop_front();
+      }
+    }
+    const std::size_t unanswered = taken.size() + side.up.size();
+    side.up.clear();
+    reporter.disconnected(now);
+    return unanswered;
+  };
+  EXPECT_GT(liveThroughOneConnection(100), 90U);
+  for (int attempts = 0; problems.empty(); ++attempts) {
+    ASSERT_LT(attempts, 8) << "more than halving takes";
+    liveThroughOneConnection(100);
+  }
+  EXPECT_EQ(liveThroughOneConnection(100), 0U) << "all others go through";
+  for (int minute = 0; minute < 60; ++minute) {
+    now += 60s;
+    for (const Tree& tree : live) {
+      tree->setName(std::to_string(minute));
+      reporter.report(tree);
+    }
+    EXPECT_EQ(liveThroughOneConnection(100), 0U) << "tried again with nothing beside it";
+  }
+  EXPECT_EQ(problems, (std::vector<std::string>{"The broker refuses 50: It ends the connection"}));
+}
+
 Tree chain(unsigned int levels, const std::string& lowest) {
   std::string error;
   auto tree = std::make_shared<DeviceNode>(lowest, "", DeviceNode::DeviceClass());
