@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks the metrics of the collector: promtool finds nothing in them, and a Prometheus that scrapes
-# them answers with what a host monitor reported of a recorded machine. Installs what is missing,
-# builds into build/demo, and ends everything that it started.
+# them in two halves answers with what a host monitor reported of a recorded machine. Installs what
+# is missing, builds into build/demo, and ends everything that it started.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -22,7 +22,9 @@ cat >prometheus.yml <<END
 scrape_configs:
   - job_name: fleet
     scrape_interval: 1s
-    static_configs: [targets: ['127.0.0.1:$port']]
+    static_configs:
+      - {targets: ['127.0.0.1:$port'], labels: {__param_partitions: 0-31, partitions: 0-31}}
+      - {targets: ['127.0.0.1:$port'], labels: {__param_partitions: 32-63, partitions: 32-63}}
 END
 prometheus=127.0.0.1:$(free_port 19090)
 prometheus --config.file=prometheus.yml --storage.tsdb.path=data \
@@ -41,6 +43,9 @@ await 20 answers 'orv_device_health{root="station-7",device="station-7/net/eth1"
 
 curl -sS "http://127.0.0.1:$port/metrics" >metrics.txt
 promtool check metrics <metrics.txt
+for wrong in 0-64 3-2 1 '' 0-1x; do
+  curl -sS "http://127.0.0.1:$port/metrics?partitions=$wrong" | grep -q '^partitions: not A-B'
+done
 kill -9 $last
 await 20 answers 'orv_root_up{root="station-7"}' 0
 await 20 answers "count($celsius) or vector(0)" 0

@@ -14,6 +14,7 @@
 
 #include "collector/Fleet.h"
 #include "collector/Metrics.h"
+#include "collector/Partitions.h"
 #include "collector/Text.h"
 #include "page.h"
 
@@ -112,8 +113,17 @@ void answerRoot(const Fleet& fleet, const std::string& id, const Request& reques
   setJson(response, text);
 }
 
-void answerMetrics(const Fleet& fleet, Response& response) {
-  const auto metrics = std::make_shared<Metrics>(fleet);
+void answerMetrics(const Fleet& fleet, const Request& request, Response& response) {
+  Partitions partitions;
+  try {
+    if (request.has_param("partitions")) {
+      partitions = partitionsOf(request.get_param_value("partitions"));
+    }
+  } catch (const std::exception& fault) {
+    response.status = 400;
+    return response.set_content(std::string("partitions: ") + fault.what() + "\n", "text/plain");
+  }
+  const auto metrics = std::make_shared<Metrics>(fleet, partitions);
   const auto send = [metrics](std::size_t /*offset*/, httplib::DataSink& sink) {
     const std::string text = metrics->next();
     if (!text.empty()) return sink.write(text.data(), text.size());
@@ -205,7 +215,7 @@ bool Server::answer(const Request& request, Response& response) const {
   } else if (request.path.compare(0, root.size(), root) == 0) {
     answerRoot(fleet_, request.path.substr(root.size()), request, response);
   } else if (request.path == "/metrics") {
-    answerMetrics(fleet_, response);
+    answerMetrics(fleet_, request, response);
   } else {
     return false;
   }

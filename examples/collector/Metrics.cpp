@@ -101,12 +101,13 @@ MetricFamily counter(const char* name, const char* help, std::uint64_t value) {
 
 }  // namespace
 
-Metrics::Metrics(const Fleet& fleet) : fleet_(fleet) {
+Metrics::Metrics(const Fleet& fleet, const Partitions& partitions) : fleet_(fleet) {
   constexpr std::size_t enough = 500;  // devices in a piece, unless one root has more
   const auto guard = fleet.lock();
   std::unordered_set<std::string> labels;
   std::size_t devices = 0;
   for (const auto& [id, root] : fleet.roots()) {
+    if (!partitions.contain(id)) continue;
     const auto [label, isNew] = labels.insert(labelOf(id));
     if (!isNew) continue;
     if (!roots_.empty() && devices + root.summary.devices > enough) {

@@ -10,13 +10,15 @@
 #include <vector>
 
 #include "collector/Fleet.h"
+#include "collector/Partitions.h"
 
 // Goes through the metrics of a fleet piece by piece: the text is long, and the fleet must not be
 // locked for as long as making it takes. The format wants each family in one go, so a piece is one
 // family of some roots.
 class Metrics final : public prometheus::Collectable {
  public:
-  explicit Metrics(const Fleet& fleet);
+  // Of the roots of these partitions. The counters of the collector are always there.
+  Metrics(const Fleet& fleet, const Partitions& partitions);
 
   // The present piece.
   std::vector<prometheus::MetricFamily> Collect() const override;

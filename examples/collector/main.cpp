@@ -17,6 +17,7 @@
 #include "Summary.h"
 #include "collector/Fleet.h"
 #include "collector/Http.h"
+#include "collector/Partitions.h"
 #include "reporting/Collector.h"
 #include "reporting/Connection.h"
 
@@ -66,15 +67,6 @@ Options parse(int argc, char** argv) {
                                          {"help", no_argument, nullptr, 'h'},
                                          {}}};
   Options options;
-  // Reads a number from `text` up to the character `last`, and returns what follows that.
-  const auto read = [](const std::string& text, char last, auto& number) {
-    const char* const end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || *rest != last) {
-      throw std::runtime_error("not a number or range: '" + std::string(optarg) + "'");
-    }
-    return std::string(rest == end ? rest : rest + 1);
-  };
   for (int code = 0; (code = getopt_long(argc, argv, "", known.data(), nullptr)) != -1;) {
     if (code == '?') std::exit(2);  // getopt_long has named the fault
     if (code == 'h') {
@@ -88,10 +80,18 @@ Options parse(int argc, char** argv) {
     if (code == 'K') options.broker.keyFile = optarg;
     if (code == 'x') options.collector.prefix = optarg;
     if (code == 'H') options.http = optarg;
-    if (code == 'c') read(optarg, '\0', options.count);
     if (code == 'p') {
-      read(read(optarg, '-', options.collector.firstPartition), '\0',
-           options.collector.lastPartition);
+      const Partitions partitions = partitionsOf(optarg);
+      options.collector.firstPartition = partitions.first;
+      options.collector.lastPartition = partitions.last;
+    }
+    if (code == 'c') {
+      const std::string text = optarg;
+      const char* const end = text.data() + text.size();
+      const auto [rest, error] = std::from_chars(text.data(), end, options.count);
+      if (error != std::errc() || rest != end) {
+        throw std::runtime_error("not a number: '" + text + "'");
+      }
     }
   }
   if (optind != argc) throw std::runtime_error(std::string("unexpected '") + argv[optind] + "'");
