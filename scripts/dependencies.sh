@@ -10,7 +10,7 @@ packages_for() {
     build) echo g++ cmake ninja-build libboost-dev libprotobuf-dev protobuf-compiler \
       pkg-config libmosquitto-dev ;;
     test) echo libgtest-dev python3 python3-protobuf mosquitto mosquitto-clients openssl \
-      python3-paho-mqtt binutils locales ;;
+      faketime python3-paho-mqtt binutils locales ;;
     broker) echo mosquitto ;;
     web) echo libcpp-httplib-dev prometheus-cpp-dev nlohmann-json3-dev ;;
     metrics) echo prometheus curl jq ;;

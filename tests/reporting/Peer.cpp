@@ -9,6 +9,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <iomanip>
 #include <iostream>
 #include <random>
 
@@ -29,6 +31,10 @@ std::string nextOrder() {
   pollfd input = {STDIN_FILENO, POLLIN, 0};
   std::string order;
   if (poll(&input, 1, 0) == 1 && !std::getline(std::cin, order)) return "end";
+  if (order == "clock") {
+    const std::time_t now = std::time(nullptr);
+    std::cout << "clock: " << std::put_time(std::gmtime(&now), "%F") << std::endl;
+  }
   return order;
 }
 

@@ -1,5 +1,5 @@
 """Plays faults against real brokers, with reporters and collectors in processes:
-faults.py PEER MOSQUITTO PROTOC SOURCES
+faults.py PEER MOSQUITTO PROTOC FAKETIME SOURCES
 
 The trees change all the time. After each fault the collector, and one that starts only then, must
 come to what the reporters have. All scenarios run at once, as they mostly wait.
@@ -16,7 +16,7 @@ import sys
 import tempfile
 import time
 
-PEER, MOSQUITTO, PROTOC, SOURCES = sys.argv[1:]
+PEER, MOSQUITTO, PROTOC, FAKETIME, SOURCES = sys.argv[1:]
 
 
 def run(*command, **options):
@@ -166,6 +166,21 @@ def two_reporters_of_one_name(stage):
     assert sum(peer.count("under the name hall/a\n") for peer in stage.peers) == 3, "told again"
 
 
+def clocks_set_back(stage):
+    offset = stage.directory / "offset"
+    offset.write_text("+0")
+    stage.environment = {
+        "LD_PRELOAD": FAKETIME, "FAKETIME_TIMESTAMP_FILE": str(offset), "FAKETIME_NO_CACHE": "1",
+        "FAKETIME_DONT_FAKE_MONOTONIC": "1", "ASAN_OPTIONS": "verify_asan_link_order=0"}
+    stage.begin()
+    offset.write_text("-1d")
+    yesterday = time.strftime("clock: %F", time.gmtime(time.time() - 86400))
+    for peer in (stage.collector, *stage.reporters.values()):
+        peer.order("clock")
+        peer.tells(yesterday)
+    stage.agree()
+
+
 def event_too_large(stage):
     """By the limit that a broker tells its clients, and by one that it keeps to itself."""
     stage.begin()
@@ -303,9 +318,10 @@ def play(scenario, port):
                 process.kill()
 
 
-SCENARIOS = [broker_back_in_an_earlier_state, broker_that_does_not_answer, peers_killed,
-             two_reporters_of_one_name, event_too_large, event_not_allowed, wrong_password, encrypted, strangers,
-             receiver_in_python]
+SCENARIOS = [
+    broker_back_in_an_earlier_state, broker_that_does_not_answer, peers_killed,
+    two_reporters_of_one_name, clocks_set_back, event_too_large, event_not_allowed, wrong_password,
+    encrypted, strangers, receiver_in_python]
 # Free ports below those that the system gives to clients.
 PORTS = [port for port in random.sample(range(20000, 32000), 2 * len(SCENARIOS))
          if socket.socket().connect_ex(("localhost", port)) != 0]
