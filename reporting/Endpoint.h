@@ -26,7 +26,7 @@ struct Message {
 /// A live connection, as an endpoint sees it.
 class ORV_REPORTING_EXPORT Link {
  public:
-  virtual ~Link() = default;
+  virtual ~Link();
 
   /// Asks for the messages of these topics and for those that the broker has kept of them.
   virtual void subscribe(const std::vector<std::string>& topics) = 0;
@@ -41,7 +41,7 @@ class ORV_REPORTING_EXPORT Link {
 /// One thread at a time uses an endpoint and the trees that it knows.
 class ORV_REPORTING_EXPORT Endpoint {
  public:
-  virtual ~Endpoint() = default;
+  virtual ~Endpoint();
 
   /// A connection will be attempted. Returns its will, the message that the broker publishes when
   /// the connection breaks.
