@@ -6,6 +6,7 @@
 #include <set>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "proto/monitoring/reporting.pb.h"
 #include "reporting/Topics.h"
@@ -19,7 +20,8 @@ namespace {
 constexpr std::size_t mostOnTheirWay = 1000;
 constexpr std::chrono::seconds firstPause(5);  // after a refusal
 constexpr std::chrono::minutes longestPause(10);
-constexpr Time again = Time::min();          // before what is due otherwise
+constexpr Time again = Time::min();  // before what is due otherwise
+constexpr const char* endsConnection = "It ends the connection";
 constexpr std::size_t largestWill = 65'000;  // bytes; MQTT gives it two bytes for its length
 
 }  // namespace
@@ -65,7 +67,9 @@ class Reporter::State {
   Root& takeUp(const std::string& id);
   void lookAt(const std::string& id, Root& root, Time due);
   Time soon() { return again + Time::duration(++turns_); }  // each after the ones before it
+  void refuseState(const std::string& reason);
   void refuse(const std::string& id, Root& root, const std::string& reason, Time now);
+  void takeTurns(Time now);
   void publishNext(const std::string& id, Time now);
   Message state(bool isOnline) const;
   void receiveRequest(const Message& message);
@@ -150,7 +154,9 @@ void Reporter::State::connected(Link& link) {
 
 void Reporter::State::disconnected(Time now) {
   link_ = nullptr;
-  const bool isCulprit = inFlight() == 1 && (window_ == 1 || alone_);
+  // A state may have gone out meanwhile. It was taken when this connection began.
+  const bool isCulprit = onTheirWay_.size() == 1 && (window_ == 1 || alone_);
+  if (onTheirWay_.empty() && stateOnItsWay_ && window_ == 1) refuseState(endsConnection);
   isSuspicious_ = inFlight() > 0;
   Time turn = again;
   for (const auto& [number, id] : onTheirWay_) {
@@ -158,7 +164,7 @@ void Reporter::State::disconnected(Time now) {
     root.isOnItsWay = false;
     root.sender.interrupted();
     if (isCulprit) {
-      refuse(id, root, root.pause.count() > 0 ? root.problem : "It ends the connection", now);
+      refuse(id, root, root.pause.count() > 0 ? root.problem : endsConnection, now);
     } else {
       lookAt(id, root, turn += Time::duration(1));
     }
@@ -171,11 +177,7 @@ void Reporter::State::disconnected(Time now) {
 void Reporter::State::settled(int number, const std::string& refusal, Time now) {
   if (number == stateOnItsWay_) {
     stateOnItsWay_.reset();
-    if (!refusal.empty() && refusal != stateProblem_) {
-      problem_("The broker refuses the state of " + name_ + ": " + refusal);
-    }
-    stateProblem_ = refusal;
-    return;
+    return refuseState(refusal);
   }
   const std::string id = onTheirWay_.at(number);
   onTheirWay_.erase(number);
@@ -202,12 +204,21 @@ void Reporter::State::settled(int number, const std::string& refusal, Time now) 
   if (const auto treeDue = root.sender.treeDue()) lookAt(id, root, *treeDue);
 }
 
+void Reporter::State::refuseState(const std::string& reason) {
+  if (!reason.empty() && reason != stateProblem_) {
+    problem_("The broker refuses the state of " + name_ + ": " + reason);
+  }
+  stateProblem_ = reason;
+}
+
 void Reporter::State::refuse(const std::string& id, Root& root, const std::string& reason,
                              Time now) {
   root.sender.refused();
   root.isChanged = true;
   root.pause = std::clamp<std::chrono::seconds>(2 * root.pause, firstPause, longestPause);
   root.tryAgain = now + root.pause;
+  if (root.due) due_.erase({*root.due, id});
+  root.due.reset();
   lookAt(id, root, root.tryAgain);
   if (reason != root.problem) problem_("The broker refuses " + id + ": " + reason);
   root.problem = reason;
@@ -225,6 +236,7 @@ Time Reporter::State::serve(Time now) {
     lastState_ = now;
     stateDue_ = now + options_.heartbeat;
   }
+  takeTurns(now);
   while (!isFull() && !due_.empty() && due_.begin()->first <= now) {
     const std::string id = due_.begin()->second;
     due_.erase(due_.begin());
@@ -243,6 +255,21 @@ Time Reporter::State::serve(Time now) {
   }
   const Time next = stateOnItsWay_ ? Time::max() : stateDue_;
   return isFull() || due_.empty() ? next : std::min(next, due_.begin()->first);
+}
+
+// What waited for a time that has come goes out after what waits for its turn already, but not
+// after what changes from now on.
+void Reporter::State::takeTurns(Time now) {
+  std::vector<std::string> ids;
+  for (auto next = due_.lower_bound({Time(), ""}); next != due_.end() && next->first <= now;
+       ++next) {
+    ids.push_back(next->second);
+  }
+  for (const std::string& id : ids) {
+    Root& root = roots_.at(id);
+    root.tryAgain = again;
+    lookAt(id, root, soon());
+  }
 }
 
 void Reporter::State::publishNext(const std::string& id, Time now) {
