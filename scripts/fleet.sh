@@ -10,18 +10,16 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-limit=(timeout --signal=INT)
+limit=(timeout --foreground --signal=INT)
 if [ "${1:-}" = --stay ]; then
   limit=()
   shift
 fi
 seconds=${1:-30}
-case $seconds in
-  '' | 0* | *[!0-9]*)
-    echo "usage: fleet.sh [--stay] [SECONDS]" >&2
-    exit 2
-    ;;
-esac
+if [ $# -gt 1 ] || ! [[ $seconds =~ ^[1-9][0-9]*$ ]]; then
+  echo "usage: fleet.sh [--stay] [SECONDS]" >&2
+  exit 2
+fi
 
 . scripts/fleet_of.sh
 build_fleet

@@ -46,6 +46,11 @@ promtool check metrics <metrics.txt
 for wrong in 0-64 3-2 1 '' 0-1x; do
   curl -sS "http://127.0.0.1:$port/metrics?partitions=$wrong" | grep -q '^partitions: not A-B'
 done
+# What another page in the browser of somebody here could send, or a reader who wants much for little.
+for wrong in '403 Host: example.org' '403 Host: localhost.example.org:80' '416 Range: bytes=0-,0-'; do
+  [ "$(curl -sS -o body -w '%{http_code}' -H "${wrong#* }" "http://127.0.0.1:$port/")" = "${wrong%% *}" ]
+  [ ! -s body ]
+done
 kill -9 $last
 await 20 answers 'orv_root_up{root="station-7"}' 0
 await 20 answers "count($celsius) or vector(0)" 0

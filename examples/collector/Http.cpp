@@ -26,7 +26,7 @@ using orv::proto::monitoring::DeviceNode;
 namespace {
 
 void setJson(Response& response, const std::string& text) {
-  // The parameter keeps the library from compressing it, which takes longer than all else.
+  // The parameter keeps the library from compressing JSON, which takes longer than all else.
   response.set_content(text, "application/json; charset=utf-8");
 }
 
@@ -50,7 +50,29 @@ void makeValid(DeviceNode& device) {
     replace(status.mutable_name());
     if (status.has_string_value()) replace(status.mutable_string_value());
   }
-  for (auto& subDevice : *device.mutable_sub_devices()) makeValid(subDevice);
+}
+
+// Appends the JSON form that Protocol Buffers give the tree, device by device: a tree has more
+// levels than they write at once. Leaves the message without the sub-devices.
+void append(DeviceNode& device, std::string& text) {
+  google::protobuf::RepeatedPtrField<DeviceNode> subDevices;
+  subDevices.Swap(device.mutable_sub_devices());
+  makeValid(device);
+  google::protobuf::util::JsonPrintOptions options;
+  options.preserve_proto_field_names = true;
+  std::string own;
+  const auto status = google::protobuf::util::MessageToJsonString(device, &own, options);
+  if (!status.ok()) throw std::runtime_error(status.ToString());
+  text += own;
+  if (subDevices.empty()) return;
+  text.back() = ',';
+  text += "\"sub_devices\":[";
+  for (DeviceNode& subDevice : subDevices) {
+    append(subDevice, text);
+    text += ',';
+  }
+  text.back() = ']';
+  text += '}';
 }
 
 // Whether the reader has the content of that tag already; the answer is complete then.
@@ -101,14 +123,10 @@ void answerRoot(const Fleet& fleet, const std::string& id, const Request& reques
   }
   std::string text = dump(json);
   if (tree.has_id()) {
-    makeValid(tree);
-    google::protobuf::util::JsonPrintOptions options;
-    options.preserve_proto_field_names = true;
-    std::string treeText;
-    const auto status = google::protobuf::util::MessageToJsonString(tree, &treeText, options);
-    if (!status.ok()) throw std::runtime_error(status.ToString());
     text.back() = ',';
-    text += "\"tree\":" + treeText + "}";
+    text += "\"tree\":";
+    append(tree, text);
+    text += '}';
   }
   setJson(response, text);
 }
@@ -130,7 +148,11 @@ void answerMetrics(const Fleet& fleet, const Request& request, Response& respons
     sink.done();
     return true;
   };
-  response.set_chunked_content_provider("text/plain; version=0.0.4; charset=utf-8", send);
+  // The library compresses what begins with "text/", for Prometheus with gzip, in little time. But
+  // for whoever takes Brotli it takes that, which is a hundred times slower.
+  const bool isSlow = request.get_header_value("Accept-Encoding").find("br") != std::string::npos;
+  const std::string kind = isSlow ? "Text" : "text";  // which mean the same
+  response.set_chunked_content_provider(kind + "/plain; version=0.0.4; charset=utf-8", send);
 }
 
 class Server {
@@ -155,18 +177,19 @@ class Server {
 Server::Server(const std::string& where, const Fleet& fleet) : fleet_(fleet) {
   const std::size_t colon = where.rfind(':');
   if (colon != std::string::npos) host_ = where.substr(0, colon);
-  if (host_.size() > 1 && host_.front() == '[') host_ = host_.substr(1, host_.size() - 2);
-  name_ = host_.find(':') == std::string::npos ? host_ : "[" + host_ + "]";
+  const bool hasBrackets = host_.size() > 2 && host_.front() == '[' && host_.back() == ']';
+  if (hasBrackets) host_ = host_.substr(1, host_.size() - 2);
+  name_ = hasBrackets ? "[" + host_ + "]" : host_;
   const std::string digits = where.substr(colon + 1);
   const char* const end = digits.data() + digits.size();
   std::uint16_t port = 0;
   const auto [rest, error] = std::from_chars(digits.data(), end, port);
-  if (error != std::errc() || rest != end || host_.empty()) {
+  if (error != std::errc() || rest != end || host_.empty() ||
+      host_.find_first_of(hasBrackets ? "[]" : "[]:") != std::string::npos) {
     throw std::runtime_error("--http: not [ADDRESS:]PORT: '" + where + "'");
   }
   server_.new_task_queue = [] { return new httplib::ThreadPool(16); };
-  server_.set_keep_alive_timeout(2);
-  server_.set_keep_alive_max_count(1000);
+  server_.set_keep_alive_max_count(1);  // a connection that waits would hold a thread
   server_.set_payload_max_length(0);
   server_.set_tcp_nodelay(true);
   // Otherwise two processes could share the port.
@@ -208,6 +231,8 @@ bool Server::answer(const Request& request, Response& response) const {
   if (request.method != "GET" && request.method != "HEAD") return false;
   if (!isForUs(request)) {
     response.status = 403;
+  } else if (!request.ranges.empty()) {
+    response.status = 416;  // the library would copy the content as often as a request lists it
   } else if (request.path == "/") {
     response.set_content(page, "text/html; charset=utf-8");
   } else if (request.path == "/api/roots") {
@@ -222,12 +247,18 @@ bool Server::answer(const Request& request, Response& response) const {
   return true;
 }
 
+bool isOfThisMachine(const std::string& name) {
+  return name == "localhost" || name == "[::1]" ||
+         (name.rfind("127.", 0) == 0 && name.find_first_not_of("0123456789.") == std::string::npos);
+}
+
 // Whoever has a web server can have its name lead to this machine. The browser then lets the pages
 // of that server read what is served here, but it sends that name.
 bool Server::isForUs(const Request& request) const {
-  if (host_ != "localhost" && host_ != "::1" && host_.rfind("127.", 0) != 0) return true;
-  const std::string sent = request.get_header_value("Host") + ":";
-  return sent.rfind("localhost:", 0) == 0 || sent.rfind(name_ + ":", 0) == 0;
+  const std::string sent = request.get_header_value("Host");
+  const std::size_t colon = sent.rfind(':');
+  const bool hasPort = colon != std::string::npos && sent.find(']', colon) == std::string::npos;
+  return !isOfThisMachine(name_) || isOfThisMachine(hasPort ? sent.substr(0, colon) : sent);
 }
 
 }  // namespace

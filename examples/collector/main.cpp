@@ -8,6 +8,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -50,7 +51,7 @@ the address of the page. Ctrl-C ends the program with status 0, a bad option wit
 struct Options {
   BrokerOptions broker;
   orv::reporting::CollectorOptions collector;
-  std::string http;
+  std::optional<std::string> http;
   unsigned long count = 0;
 };
 
@@ -142,7 +143,7 @@ void collect(const Options& options) {
   Fleet fleet(callbacks, options.collector);
   orv::reporting::Connection connection(brokerOf(options.broker), fleet, tell);
   std::shared_ptr<void> http;
-  if (!options.http.empty()) http = serveHttp(options.http, fleet, tell);
+  if (options.http) http = serveHttp(*options.http, fleet, tell);
   while (options.count == 0 || events < options.count) {
     connection.serve(std::chrono::milliseconds(200));
     if (signals.arrive(std::chrono::nanoseconds(0))) return;
