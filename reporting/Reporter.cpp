@@ -76,7 +76,11 @@ class Reporter::State {
   void receiveState(const Message& message);
   void saySoon() { stateDue_ = std::min(stateDue_, lastState_ + std::chrono::seconds(1)); }
   std::size_t inFlight() const { return onTheirWay_.size() + (stateOnItsWay_ ? 1 : 0); }
-  bool isFull() const { return inFlight() >= (alone_ ? 1 : window_); }
+  void endRetry() {
+    retried_.reset();
+    isAlone_ = false;
+  }
+  bool isFull() const { return inFlight() >= (isAlone_ ? 1 : window_); }
 
   std::string name_;
   std::function<void(const std::string&)> problem_;
@@ -96,7 +100,8 @@ class Reporter::State {
   // and an event that was refused is tried again with nothing else on its way.
   std::size_t window_ = mostOnTheirWay;
   bool isSuspicious_ = false;
-  std::optional<std::string> alone_;  // the root that waits for that, or is on its way so
+  std::optional<std::string> retried_;  // the refused root whose turn it is to be tried again
+  bool isAlone_ = false;                // it is on its way, or waits for the others to be taken
   Time lastState_;
   Time stateDue_;
   std::string stateProblem_;            // that was told last
@@ -154,8 +159,9 @@ void Reporter::State::connected(Link& link) {
 
 void Reporter::State::disconnected(Time now) {
   link_ = nullptr;
-  // A state may have gone out meanwhile. It was taken when this connection began.
-  const bool isCulprit = onTheirWay_.size() == 1 && (window_ == 1 || alone_);
+  // A state may be on its way, too. The one that began this connection was answered.
+  const bool isCulprit =
+      onTheirWay_.size() == 1 && (window_ == 1 || onTheirWay_.begin()->second == retried_);
   if (onTheirWay_.empty() && stateOnItsWay_ && window_ == 1) refuseState(endsConnection);
   isSuspicious_ = inFlight() > 0;
   Time turn = again;
@@ -170,7 +176,7 @@ void Reporter::State::disconnected(Time now) {
     }
   }
   onTheirWay_.clear();
-  alone_.reset();
+  endRetry();
   stateOnItsWay_.reset();
 }
 
@@ -183,7 +189,7 @@ void Reporter::State::settled(int number, const std::string& refusal, Time now) 
   onTheirWay_.erase(number);
   Root& root = roots_.at(id);
   root.isOnItsWay = false;
-  if (id == alone_) alone_.reset();
+  if (id == retried_) endRetry();
   if (!refusal.empty()) {
     refuse(id, root, refusal, now);
   } else {
@@ -243,7 +249,8 @@ Time Reporter::State::serve(Time now) {
     Root& root = roots_.at(id);
     root.due.reset();
     if (root.pause.count() > 0) {
-      alone_ = id;
+      retried_ = id;
+      isAlone_ = true;
       if (inFlight() > 0) {
         root.tryAgain = again;
         lookAt(id, root, again);
@@ -251,19 +258,25 @@ Time Reporter::State::serve(Time now) {
       }
     }
     publishNext(id, now);
-    if (!root.isOnItsWay) alone_.reset();
+    if (id == retried_ && !root.isOnItsWay) endRetry();
   }
+  if (inFlight() == 0) window_ = mostOnTheirWay;  // what an earlier connection lost is settled
   const Time next = stateOnItsWay_ ? Time::max() : stateDue_;
   return isFull() || due_.empty() ? next : std::min(next, due_.begin()->first);
 }
 
 // What waited for a time that has come goes out after what waits for its turn already, but not
-// after what changes from now on.
+// after what changes from now on. Of the refused roots one at a time: the others wait for it
+// meanwhile.
 void Reporter::State::takeTurns(Time now) {
   std::vector<std::string> ids;
   for (auto next = due_.lower_bound({Time(), ""}); next != due_.end() && next->first <= now;
        ++next) {
-    ids.push_back(next->second);
+    const std::string& id = next->second;
+    const bool wasRefused = roots_.at(id).pause.count() > 0;
+    if (wasRefused && retried_) continue;
+    if (wasRefused) retried_ = id;
+    ids.push_back(id);
   }
   for (const std::string& id : ids) {
     Root& root = roots_.at(id);
@@ -296,11 +309,13 @@ void Reporter::State::publishNext(const std::string& id, Time now) {
   if (!refusal.empty()) {
     if (refusal != root.problem) problem_("Cannot report " + id + ": " + refusal);
     root.problem = refusal;
+    root.pause = {};
   } else if (publication != nullptr || !root.live) {
     onTheirWay_.emplace(link_->publish(message), id);
     root.isOnItsWay = true;
   } else {
     root.problem.clear();
+    root.pause = {};
     if (const auto treeDue = root.sender.treeDue()) lookAt(id, root, *treeDue);
   }
 }

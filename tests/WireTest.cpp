@@ -380,6 +380,73 @@ TEST(Wire, ABrokerThatEndsTheConnectionHoldsUpOneRootAlone) {
   EXPECT_EQ(sent.size(), 1U);
   settleAll(sent);
   for (; !reporter.isSettled(); reporter.serve(now)) settleAll(std::exchange(side.up, {}));
+
+  for (int i = 0; i < 3; ++i, side.up.clear()) {
+    reporter.disconnected(now);
+    reporter.connected(side, now);
+    reporter.serve(now);
+    settleAll(std::exchange(side.up, {}));
+    reporter.serve(now);
+    reporter.serve(now += 60s);
+    EXPECT_EQ(side.up.size(), 1U) << "a state";
+  }
+  EXPECT_EQ(problems.size(), 1U) << "a connection may end for other reasons";
+}
+
+TEST(Wire, RefusedRootsHoldUpNoOther) {
+  Side side;
+  const std::map<std::string, Message> nothing;
+  side.retained = &nothing;
+  Time now{1000s};
+  std::vector<std::string> problems;
+  Reporter reporter("a", [&](const std::string& problem) { problems.push_back(problem); });
+  std::vector<Tree> live;
+  for (int i = 0; i < 300; ++i) {
+    live.push_back(std::make_shared<DeviceNode>(std::to_string(i), "", DeviceNode::DeviceClass()));
+    reporter.report(live.back());
+  }
+  (void)reporter.connecting();
+  reporter.connected(side, now);
+  const std::string good = Topics("orv/1").event("200");
+  bool isOpen = false;
+  // Returns how many events go out at once, the good root's one among them or else none.
+  const auto go = [&] {
+    reporter.serve(now);
+    const auto sent = std::exchange(side.up, {});
+    bool isGood = false;
+    for (const auto& [number, message] : sent) {
+      isGood = isGood || message.topic == good;
+      const bool isTaken = isOpen || message.topic == good || message.sequence.empty();
+      reporter.settled(number, isTaken ? "" : "no", now);
+    }
+    return isGood ? sent.size() : 0;
+  };
+  EXPECT_EQ(go(), 301U) << "with the state";
+  EXPECT_EQ(problems.size(), 299U);
+  now += 6s;
+  EXPECT_EQ(go(), 0U);
+  live.at(200)->setName("changed");
+  reporter.report(live.at(200));
+  EXPECT_TRUE(go() || go()) << "after at most one that is tried again";
+
+  isOpen = true;
+  for (int i = 0; !reporter.isSettled(); ++i, now += 1s) {
+    ASSERT_LT(i, 1000);
+    go();
+  }
+  // One that has nothing to say any more gives its turn on.
+  isOpen = false;
+  for (const char* name : {"changed", ""}) {
+    live.at(0)->setName(name);
+    reporter.report(live.at(0));
+    go();
+    now += 6s;
+  }
+  for (const Tree& tree : live) {
+    tree->setName("all");
+    reporter.report(tree);
+  }
+  EXPECT_GT(go(), 299U);
 }
 
 Tree chain(unsigned int levels, const std::string& lowest) {

@@ -177,19 +177,22 @@ class Server {
 Server::Server(const std::string& where, const Fleet& fleet) : fleet_(fleet) {
   const std::size_t colon = where.rfind(':');
   if (colon != std::string::npos) host_ = where.substr(0, colon);
+  name_ = host_;
   const bool hasBrackets = host_.size() > 2 && host_.front() == '[' && host_.back() == ']';
   if (hasBrackets) host_ = host_.substr(1, host_.size() - 2);
-  name_ = hasBrackets ? "[" + host_ + "]" : host_;
   const std::string digits = where.substr(colon + 1);
   const char* const end = digits.data() + digits.size();
   std::uint16_t port = 0;
   const auto [rest, error] = std::from_chars(digits.data(), end, port);
   if (error != std::errc() || rest != end || host_.empty() ||
-      host_.find_first_of(hasBrackets ? "[]" : "[]:") != std::string::npos) {
+      host_.find_first_of("[]") != std::string::npos ||
+      hasBrackets != (host_.find(':') != std::string::npos)) {
     throw std::runtime_error("--http: not [ADDRESS:]PORT: '" + where + "'");
   }
   server_.new_task_queue = [] { return new httplib::ThreadPool(16); };
-  server_.set_keep_alive_max_count(1);  // a connection that waits would hold a thread
+  // A connection that waits holds a thread.
+  server_.set_keep_alive_max_count(1);
+  server_.set_keep_alive_timeout(1);
   server_.set_payload_max_length(0);
   server_.set_tcp_nodelay(true);
   // Otherwise two processes could share the port.
