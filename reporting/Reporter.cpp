@@ -97,7 +97,7 @@ class Reporter::State {
   std::optional<int> stateOnItsWay_;
   // A broker that refuses an event may end the connection too, with the answer to it and to others.
   // So what was on its way then goes out again in its order, one message at first, then two, four;
-  // and an event that was refused is tried again with nothing else on its way.
+  // and an event that was refused is tried again with no other on its way.
   std::size_t window_ = mostOnTheirWay;
   bool isSuspicious_ = false;
   std::optional<std::string> retried_;  // the refused root whose turn it is to be tried again
