@@ -30,8 +30,8 @@ struct ReporterOptions {
 /// looks at a tree only within `serve`. What changes while an event of a root is on its way, or
 /// while there is no connection, goes out as one event later; nothing that lasts is lost. An event
 /// that the broker refuses is made anew and tried again after 5 s, then after pauses that double,
-/// up to ten minutes, with no other event on its way: a broker may end the connection with a refusal,
-/// or in place of one.
+/// up to ten minutes, with no other event on its way: a broker may end the connection with a
+/// refusal, or in place of one.
 ///
 /// Every reporter of a fleet needs a name of its own, and every root one reporter. A second process
 /// of the same name is told of, once; both go on.
