@@ -434,6 +434,8 @@ TEST_F(Refusals, OfManyRootsHoldUpNoOther) {
     ASSERT_LT(i, 1000);
     go();
   }
+  change(live.size());
+  EXPECT_EQ(go(), 300U) << "those that were refused are no longer alone";
   // One that has nothing to say any more gives its turn on.
   isOpen = false;
   const std::string name = live.at(0)->getName();
@@ -541,12 +543,14 @@ class Told : public ::testing::Test, protected Side {
                         now);
   }
 
-  void tree(const std::string& id, const Sequence& sequence) {
+  void tree(const std::string& id, const Sequence& sequence, const std::string& idInside) {
     Sender sender(sequence.epoch, 0s);
     std::string refusal;
-    const std::string payload = sender.next(chain(1, id), now, refusal)->event.SerializeAsString();
+    const std::string payload =
+        sender.next(chain(1, idInside), now, refusal)->event.SerializeAsString();
     collector->received({Topics("orv/1").event(id), payload, {}, sequence.text(), {}}, now);
   }
+  void tree(const std::string& id, const Sequence& sequence) { tree(id, sequence, id); }
 
   std::vector<std::string> heard() { return std::exchange(said, {}); }
 
@@ -583,8 +587,28 @@ TEST_F(Told, TwoReportersOfOneRootOrNameAreSaidOnceAndDoNotFight) {
   EXPECT_EQ(heard(), (Lines{"r 3"})) << "its state was cleared by hand";
 }
 
+TEST_F(Told, ACollectorOfAPartHearsOfThatPart) {
+  CollectorOptions options;
+  options.firstPartition = options.lastPartition = Topics::partitionOf("r");
+  Side side;
+  const std::map<std::string, Message> nothing;
+  side.retained = &nothing;
+  collector = std::make_unique<Collector>(
+      CollectorCallbacks{[](const auto&...) {}, [](const auto&...) {}, [](const auto&) {}},
+      options);
+  collector->connected(side, now);
+  const std::string events = Topics("orv/1").event("r");
+  EXPECT_EQ(side.topics, (Lines{"orv/1/reporter/+", events.substr(0, events.size() - 1) + "+"}));
+  state("a", 1, true, {{"r", {1, 1}}, {"elsewhere", {2, 1}}});
+  tree("r", {1, 1});
+  tree("elsewhere", {2, 1});
+  EXPECT_EQ(collector->roots(), Lines{"r"});
+}
+
 TEST_F(Told, AnEventOfNobodyAndALostOneAreMadeGood) {
   state("a", 1, true, {{"r", {1, 1}}});
+  tree("r", {1, 1}, "x");
+  EXPECT_EQ(heard(), (Lines{"An event of r is refused: The event holds the tree of another root"}));
   tree("r", {1, 1});
   const std::string empty("\x08\x01\xba\x06\x00", 5);  // a STATUS_CHANGE without changes
   collector->received({Topics("orv/1").event("r"), empty, {}, "1.9", {}}, now);
