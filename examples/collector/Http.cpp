@@ -148,10 +148,10 @@ void answerMetrics(const Fleet& fleet, const Request& request, Response& respons
     sink.done();
     return true;
   };
-  // The library compresses what begins with "text/", for Prometheus with gzip, in little time. But
-  // for whoever takes Brotli it takes that, which is a hundred times slower.
+  // The library compresses what begins with "text/": with gzip for Prometheus, but with Brotli for
+  // whoever takes that, a hundred times slower. "Text/" means the same and is left as it is.
   const bool isSlow = request.get_header_value("Accept-Encoding").find("br") != std::string::npos;
-  const std::string kind = isSlow ? "Text" : "text";  // which mean the same
+  const std::string kind = isSlow ? "Text" : "text";
   response.set_chunked_content_provider(kind + "/plain; version=0.0.4; charset=utf-8", send);
 }
 

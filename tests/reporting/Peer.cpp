@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <iomanip>
 #include <iostream>
 #include <random>
 
@@ -31,10 +30,7 @@ std::string nextOrder() {
   pollfd input = {STDIN_FILENO, POLLIN, 0};
   std::string order;
   if (poll(&input, 1, 0) == 1 && !std::getline(std::cin, order)) return "end";
-  if (order == "clock") {
-    const std::time_t now = std::time(nullptr);
-    std::cout << "clock: " << std::put_time(std::gmtime(&now), "%F") << std::endl;
-  }
+  if (order == "clock") say("clock " + std::to_string(std::time(nullptr)));
   return order;
 }
 
