@@ -1,0 +1,64 @@
+#include <gtest/gtest.h>
+
+#include "reporting/Sender.h"
+#include "tests/Nodes.h"
+
+namespace {
+
+using namespace nodes;
+using namespace orv::reporting;
+using namespace std::chrono_literals;
+
+Tree chain(unsigned int levels, const std::string& lowest) {
+  Tree tree = node(lowest);
+  while (--levels > 0) tree = node(std::to_string(levels), {tree});
+  return tree;
+}
+
+TEST(Sender, SendsWhatReceiversCanTakeAndSaysWhatNot) {
+  const Time now{1000s};
+  std::string refusal;
+  Sender sender(7, 10s);
+  EXPECT_EQ(sender.next(chain(99, "x"), now, refusal), nullptr);
+  EXPECT_EQ(refusal, "The tree has more than 98 levels");
+  Tree live = chain(3, "x");
+  attach(*live->getDeviceById("x"), node("1"));
+  EXPECT_EQ(sender.next(live, now, refusal), nullptr);
+  EXPECT_NE(refusal.find("Sub-device has same ID as parent: 1"), std::string::npos) << refusal;
+
+  live = chain(98, "x");
+  const Publication* publication = sender.next(live, now, refusal);
+  ASSERT_TRUE(publication && Event().ParseFromString(publication->event.SerializeAsString()));
+  EXPECT_EQ(sender.next(live, now, refusal), nullptr) << "while an event is on its way";
+  sender.refused();
+  ASSERT_NE(sender.next(live, now, refusal), nullptr);
+  EXPECT_EQ(sender.onItsWay()->sequence, (Sequence{7, 1})) << "certainly not taken: used again";
+  sender.taken();
+
+  // However many ask, one whole tree goes out when the pause is over; changes go out before it.
+  sender.requestTree();
+  sender.requestTree();
+  EXPECT_EQ(sender.next(live, now + 9s, refusal), nullptr);
+  live->setGlobalStatus({{}, "changed"});
+  ASSERT_NE(sender.next(live, now + 9s, refusal), nullptr);
+  EXPECT_EQ(sender.onItsWay()->event.event_type(), Event::STATUS_CHANGE);
+  sender.taken();
+  ASSERT_NE(sender.next(live, now + 10s, refusal), nullptr);
+  EXPECT_EQ(sender.onItsWay()->event.event_type(), Event::DEVICE_ADD);
+  sender.taken();
+  EXPECT_EQ(sender.next(live, now + 60s, refusal), nullptr);
+
+  // Two devices of one identifier: receivers take the change for that of the first one, and refuse.
+  const Tree second = node("b");
+  ASSERT_TRUE(second->addStatus(NamedStatus("s", NamedStatus::TYPE_UINT, 1UL), refusal));
+  live = node("r", {node("a", {node("b")}), node("d", {second})});
+  Sender other(8, 10s);
+  for (const auto type : {Event::DEVICE_ADD, Event::STATUS_CHANGE, Event::DEVICE_ADD}) {
+    ASSERT_NE(other.next(live, now, refusal), nullptr);
+    EXPECT_EQ(other.onItsWay()->event.event_type(), type);
+    other.taken();
+    second->getStatus("s")->setValue(2UL);
+  }
+}
+
+}  // namespace
