@@ -5,155 +5,129 @@
 #include "proto/monitoring/reporting.pb.h"
 #include "reporting/Collector.h"
 #include "tests/Nodes.h"
-#include "tests/reporting/Wire.h"
+#include "tests/reporting/Conversation.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using namespace wire;
 
-// What a collector is told and asks for, message by message.
-class CollectorTest : public ::testing::Test, protected Side {
+const Topics topics("orv/1");
+
+using Roots = std::vector<std::pair<std::string, Sequence>>;
+
+Message state(const std::string& name, std::uint64_t start, const Roots& roots,
+              bool isOnline = true) {
+  orv::proto::monitoring::ReporterState state;
+  state.set_start(start);
+  state.set_online(isOnline);
+  for (const auto& [id, latest] : roots) {
+    auto& root = *state.add_roots();
+    root.set_root(id);
+    root.set_epoch(latest.epoch);
+    root.set_n(latest.n);
+  }
+  return {topics.reporter(name), state.SerializeAsString(), false, {}, {}};
+}
+
+Message goodbye(const std::string& name, std::uint64_t start) {
+  return state(name, start, {}, false);
+}
+
+Message tree(const std::string& id, const Sequence& sequence, const std::string& idInside) {
+  Sender sender(sequence.epoch, 0s);
+  std::string refusal;
+  const Event& event = sender.next(nodes::node(idInside), {}, refusal)->event;
+  return {topics.event(id), event.SerializeAsString(), false, sequence.text(), {}};
+}
+Message tree(const std::string& id, const Sequence& sequence) { return tree(id, sequence, id); }
+
+class CollectorTest : public ::testing::Test {
  protected:
-  CollectorTest() {
-    CollectorCallbacks callbacks;
-    callbacks.applied = [](const auto&, const Event&, const Tree&) {};
-    callbacks.changed = [this](const std::string& id, Condition condition) {
-      said.push_back(id + " " + std::to_string(static_cast<int>(condition)));
+  CollectorTest() { talk.connect(); }
+
+  CollectorCallbacks callbacks() {
+    const auto changed = [this](const std::string& id, Condition condition) {
+      const auto words = {" is current", " is out of date", " has no reporter", " is forgotten"};
+      talk.tell(id + words.begin()[static_cast<int>(condition)]);
     };
-    callbacks.problem = [this](const std::string& problem) { said.push_back(problem); };
-    collector = std::make_unique<Collector>(callbacks);
-    collector->connected(*this, now);
-  }
-  void subscribe(const std::vector<std::string>& /*topics*/) override {}
-
-  void state(const std::string& name, std::uint64_t start, bool isOnline,
-             const std::vector<std::pair<std::string, Sequence>>& roots, bool isKept = false) {
-    orv::proto::monitoring::ReporterState state;
-    state.set_start(start);
-    state.set_online(isOnline);
-    for (const auto& [id, latest] : roots) {
-      auto& root = *state.add_roots();
-      root.set_root(id);
-      root.set_epoch(latest.epoch);
-      root.set_n(latest.n);
-    }
-    collector->received({Topics("orv/1").reporter(name), state.SerializeAsString(), isKept, {}, {}},
-                        now);
+    return {[](const auto&...) {}, changed, [this](const auto& problem) { talk.tell(problem); }};
   }
 
-  void tree(const std::string& id, const Sequence& sequence, const std::string& idInside) {
-    Sender sender(sequence.epoch, 0s);
-    std::string refusal;
-    const std::string payload =
-        sender.next(nodes::node(idInside), now, refusal)->event.SerializeAsString();
-    collector->received({Topics("orv/1").event(id), payload, {}, sequence.text(), {}}, now);
-  }
-  void tree(const std::string& id, const Sequence& sequence) { tree(id, sequence, id); }
-
-  std::vector<std::string> heard() { return std::exchange(said, {}); }
-
-  using Lines = std::vector<std::string>;
-  Time now{1000s};
-  std::unique_ptr<Collector> collector;
-  std::vector<std::string> said;
+  Collector collector{callbacks()};
+  Conversation talk{collector};
 };
 
-TEST_F(CollectorTest, TwoReportersOfOneRootOrNameAreSaidOnceAndDoNotFight) {
-  state("a", 1, true, {{"r", {10, 1}}});
-  tree("r", {10, 1});
-  EXPECT_EQ(heard(), (Lines{"r 0"}));
-  for (int i = 0; i < 3; ++i) {
-    state("b", 2, true, {{"r", {20, 1}}});
-    tree("r", {20, 1});
-    tree("r", {10, 2});
-    state("a", 1, true, {{"r", {10, 2}}});
+TEST_F(CollectorTest, OfTwoReportersOfOneRootFollowsTheFirst) {
+  talk.hear(state("a", 1, {{"r", {10, 1}}})).hear(tree("r", {10, 1})).expect("r is current");
+  talk.hear(state("b", 2, {{"r", {20, 1}}})).expect("The root r is reported by a and by b");
+  for (std::uint64_t n = 2; n < 5; ++n) {
+    talk.hear(tree("r", {20, 1})).hear(tree("r", {10, n}));
+    talk.hear(state("a", 1, {{"r", {10, n}}})).hear(state("b", 2, {{"r", {20, 1}}}));
   }
-  EXPECT_EQ(heard(), (Lines{"The root r is reported by a and by b", "r 1", "r 0"}));
-  state("a", 3, true, {{"r", {30, 1}}});
-  state("a", 1, true, {{"r", {10, 2}}});
-  state("a", 1, true, {{"r", {10, 2}}});
-  state("a", 1, false, {});
-  EXPECT_EQ(heard(), (Lines{"r 1", "Two processes report under the name a"}));
-  state("a", 3, false, {});
-  state("b", 2, true, {{"r", {20, 1}}});
-  tree("r", {20, 2});
-  EXPECT_EQ(heard(), (Lines{"r 2", "r 1", "r 0"}));
-  now += 101s;
-  collector->serve(now);
-  EXPECT_EQ(heard(), (Lines{"r 2"})) << "silent for too long";
-  collector->received({"orv/1/reporter/b", "", true, {}, {}}, now);
-  EXPECT_EQ(heard(), (Lines{"r 3"})) << "its state was cleared by hand";
+  talk.expect("r is out of date, r is current");
+  talk.hear(goodbye("a", 1)).expect("r has no reporter");
+  talk.hear(state("b", 2, {{"r", {20, 1}}})).hear(tree("r", {20, 2}));
+  talk.expect("r is out of date, r is current");
+  talk.after(100s).expect("").after(2s).expect("r has no reporter");
+  talk.hear({topics.reporter("b"), "", true, {}, {}}).expect("r is forgotten");
 }
 
-TEST_F(CollectorTest, ACollectorOfAPartHearsOfThatPart) {
+TEST_F(CollectorTest, OfTwoProcessesOfOneNameFollowsTheLater) {
+  talk.hear(state("a", 1, {{"r", {10, 1}}})).hear(tree("r", {10, 1})).expect("r is current");
+  talk.hear(state("a", 3, {{"r", {30, 1}}})).expect("r is out of date");
+  talk.hear(state("a", 1, {{"r", {10, 2}}})).expect("Two processes report under the name a");
+  talk.hear(state("a", 1, {{"r", {10, 2}}})).hear(goodbye("a", 1)).expect("");
+  talk.hear(goodbye("a", 3)).expect("r has no reporter");
+}
+
+TEST_F(CollectorTest, OfAPartHearsOfThatPart) {
   CollectorOptions options;
   options.firstPartition = options.lastPartition = Topics::partitionOf("r");
-  Side side;
-  const std::map<std::string, Message> nothing;
-  side.retained = &nothing;
-  collector = std::make_unique<Collector>(
-      CollectorCallbacks{[](const auto&...) {}, [](const auto&...) {}, [](const auto&) {}},
-      options);
-  collector->connected(side, now);
-  const std::string events = Topics("orv/1").event("r");
-  EXPECT_EQ(side.topics, (Lines{"orv/1/reporter/+", events.substr(0, events.size() - 1) + "+"}));
-  state("a", 1, true, {{"r", {1, 1}}, {"elsewhere", {2, 1}}});
-  tree("r", {1, 1});
-  tree("elsewhere", {2, 1});
-  EXPECT_EQ(collector->roots(), Lines{"r"});
+  Collector some(callbacks(), options);
+  Conversation other(some);
+  other.connect().hear(state("a", 1, {{"r", {1, 1}}, {"elsewhere", {2, 1}}}));
+  other.hear(tree("r", {1, 1})).hear(tree("elsewhere", {2, 1}));
+  const std::string events = topics.event("r");
+  EXPECT_EQ(other.topics, (std::vector<std::string>{"orv/1/reporter/+",
+                                                    events.substr(0, events.size() - 1) + "+"}));
+  EXPECT_EQ(some.roots(), std::vector<std::string>{"r"});
 }
 
-TEST_F(CollectorTest, AnEventOfNobodyAndALostOneAreMadeGood) {
-  state("a", 1, true, {{"r", {1, 1}}});
-  tree("r", {1, 1}, "x");
-  EXPECT_EQ(heard(), (Lines{"An event of r is refused: The event holds the tree of another root"}));
-  tree("r", {1, 1});
-  const std::string empty("\x08\x01\xba\x06\x00", 5);  // a STATUS_CHANGE without changes
-  collector->received({Topics("orv/1").event("r"), empty, {}, "1.9", {}}, now);
-  EXPECT_EQ(heard(), (Lines{"r 0", "r 1"}));
-  state("a", 1, true, {{"r", {1, 1}}});
-  EXPECT_EQ(heard(), (Lines{"r 0"}));
-  state("a", 1, true, {{"r", {1, 2}}});
-  for (int second = 0; second < 4; ++second) collector->serve(now += 1s);
-  EXPECT_EQ(heard(), Lines{}) << "the event may be on its way";
-  collector->serve(now += 1s);
-  EXPECT_EQ(heard(), (Lines{"r 1"}));
-  EXPECT_EQ(up.back().second.topic, "orv/1/request/a");
+TEST_F(CollectorTest, MakesGoodWhatIsWrongOrLost) {
+  talk.hear(state("a", 1, {{"r", {1, 1}}})).hear(tree("r", {1, 1}, "x"));
+  talk.expect("An event of r is refused: The event holds the tree of another root");
+  talk.hear(tree("r", {1, 1})).expect("r is current");
+  // A change that is none of the reporter's, as its next word says.
+  talk.hear({topics.event("r"), std::string("\x08\x01\xba\x06\x00", 5), false, "1.9", {}});
+  talk.expect("r is out of date").hear(state("a", 1, {{"r", {1, 1}}})).expect("r is current");
+  // One that may be on its way.
+  talk.hear(state("a", 1, {{"r", {1, 2}}})).after(4s).expect("").after(1s);
+  talk.expect("r is out of date, ask a r");
 }
 
-TEST_F(CollectorTest, AKeptStateIsNoSignOfLife) {
-  state("a", 1, true, {{"r", {1, 5}}}, true);
-  tree("r", {1, 1});
-  EXPECT_EQ(heard(), (Lines{"r 1"}));
-  collector->serve(now += 1s);
-  EXPECT_EQ(up.back().second.topic, "orv/1/request/a");
-  EXPECT_EQ(up.back().second.payload, "") << "asks for no tree: the reporter may be gone";
-  state("a", 1, true, {{"r", {1, 6}}});
-  collector->serve(now += 1s);
-  EXPECT_NE(up.back().second.payload, "");
-  EXPECT_EQ(heard(), Lines{});
+TEST_F(CollectorTest, TakesAKeptStateForNoSignOfLife) {
+  Message kept = state("a", 1, {{"r", {1, 5}}});
+  kept.isRetained = true;
+  talk.hear(kept).hear(tree("r", {1, 1})).expect("r is out of date");
+  talk.after(2s).expect("ask a");  // for no tree: the reporter may be gone
+  talk.hear(state("a", 1, {{"r", {1, 6}}})).after(1s).expect("ask a r");
 }
 
-TEST_F(CollectorTest, RequestsAreGatheredLimitedAndGrowRare) {
-  std::vector<std::pair<std::string, Sequence>> roots;
+TEST_F(CollectorTest, GathersAndLimitsRequestsThatGrowRare) {
+  Roots roots;
   for (int i = 0; i < 1000; ++i) roots.push_back({std::to_string(i), {1, 1}});
-  state("a", 1, true, roots);
-  std::vector<std::uint64_t> asked;
-  std::size_t messages = 0;
-  for (int second = 0; second < 600; ++second, now += 1s) {
-    const auto before = collector->counters().requests;
-    collector->serve(now);
-    asked.push_back(collector->counters().requests - before);
-    messages += up.size();
-    up.clear();
-    if (second % 20 == 0) state("a", 1, true, roots);
-  }
-  EXPECT_EQ(*std::max_element(asked.begin(), asked.end()), 50U);
-  EXPECT_LE(messages, 600U) << "one message a second";
+  talk.hear(state("a", 1, roots)).after(2s);
+  const std::uint64_t& requests = collector.counters().requests;
+  const std::uint64_t before = requests;
+  const int sent = talk.sent();
+  talk.after(10s);
+  EXPECT_EQ(requests - before, 500U);
+  EXPECT_EQ(talk.sent() - sent, 10) << "one message a second";
+  for (int i = 0; i < 30; ++i) talk.hear(state("a", 1, roots)).after(20s);
   // 1, 2, 4 to 60 seconds: about 17 requests for each root, were they not limited.
-  EXPECT_LT(collector->counters().requests, 20'000U);
-  EXPECT_GT(collector->counters().requests, 10'000U);
+  EXPECT_LT(requests, 20'000U);
+  EXPECT_GT(requests, 10'000U);
 }
 
 }  // namespace

@@ -1,162 +1,104 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "reporting/Reporter.h"
-#include "reporting/Topics.h"
 #include "tests/Nodes.h"
-#include "tests/reporting/Wire.h"
+#include "tests/reporting/Conversation.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using namespace wire;
 
-// What becomes of many roots when the broker refuses some.
 class ReporterTest : public ::testing::Test {
  protected:
-  ReporterTest() { side.retained = &nothing; }
-  void start(int count) {
-    for (int i = 0; i < count; ++i) {
-      live.push_back(nodes::node(std::to_string(i)));
-    }
-    change(live.size());
+  void change(std::size_t root, const std::string& status) {
+    if (root >= live.size()) live.push_back(nodes::node(std::to_string(root)));
+    live.at(root)->setGlobalStatus({{}, status});
+    reporter.report(live.at(root));
   }
-  void change(std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) {
-      live.at(i)->setName(live.at(i)->getName() + ".");
-      reporter.report(live.at(i));
-    }
+  void changeAll(std::size_t first, std::size_t last) {
+    ++changes;
+    for (std::size_t root = first; root <= last; ++root) change(root, std::to_string(changes));
+  }
+  static ReporterOptions options() {
+    ReporterOptions options;
+    options.heartbeat = 24h;
+    return options;
   }
 
-  const std::map<std::string, Message> nothing;
-  Side side;
-  Time now{1000s};
-  std::vector<std::string> problems;
-  Reporter reporter{"a", [this](const std::string& problem) { problems.push_back(problem); }};
+  Reporter reporter{"a", [this](const std::string& problem) { talk.tell(problem); }, options()};
+  Conversation talk{reporter};
   std::vector<Tree> live;
+  int changes = 0;
 };
 
-// A broker that ends the connection some time after it got one root's event, and gives no answer to
-// what it got in the same go.
-TEST_F(ReporterTest, OfABrokerThatEndsTheConnectionHoldUpOneRootAlone) {
-  const std::string bad = Topics("orv/1").event("50");
-  start(1200);
-  const auto isBad = [&](const auto& sent) { return sent.second.topic == bad; };
-  const auto settleAll = [&](const auto& all) {
-    for (const auto& [number, message] : all) reporter.settled(number, "", now);
-  };
-  std::optional<Message> will = reporter.connecting();
-  int ends = 0;
-  int goes = 0;
-  // Returns how many other events have no answer when the connection ends.
-  const auto liveThroughOneConnection = [&] {
-    const std::optional<Message> earlierWill = std::exchange(will, reporter.connecting());
-    reporter.connected(side, now);
-    std::ptrdiff_t unanswered = 0;
-    for (reporter.serve(now); !side.up.empty(); reporter.serve(now)) {
-      const auto sent = std::exchange(side.up, {});
-      ++goes;
-      if (std::none_of(sent.begin(), sent.end(), isBad)) {
-        settleAll(sent);
-        continue;
-      }
-      ++ends;
-      unanswered = static_cast<std::ptrdiff_t>(sent.size()) - 1;
-      reporter.report(live.at(50));
-      reporter.received(*earlierWill, now);  // so that a state goes out
-      reporter.serve(now += 2s);
-      break;
-    }
-    side.up.clear();
-    reporter.disconnected(now);
-    return unanswered;
-  };
-  EXPECT_EQ(liveThroughOneConnection(), 999) << "with the state";
-  while (problems.empty()) {
-    ASSERT_LT(ends, 7) << "more than halving takes";
-    liveThroughOneConnection();
-  }
-  goes = 0;
-  EXPECT_EQ(liveThroughOneConnection(), 0) << "all others go through";
-  EXPECT_LT(goes, 20) << "not one by one";
-  for (int minute = 0; minute < 60; ++minute, now += 60s) {
-    change(100);
-    EXPECT_EQ(liveThroughOneConnection(), 0) << "tried again with nothing beside it";
-  }
-  EXPECT_LT(ends, 20) << "after pauses that double up to ten minutes";
-  EXPECT_EQ(problems, (std::vector<std::string>{"The broker refuses 50: It ends the connection"}));
+// The broker ends the connection when it has the tree 50, and gives no answer to what it got
+// since its last one.
+TEST_F(ReporterTest, FindsTheRootForWhichTheBrokerEndsTheConnection) {
+  changeAll(0, 1199);
+  talk.connect().expect("state, tree 0-998").cut();
+  const Message earlierWill = talk.will.value();
+  talk.connect();
+  talk.takeEach({"state", "tree 0", "tree 1-2", "tree 3-6", "tree 7-14", "tree 15-30"});
+  talk.expect("tree 31-62").cut();
+  talk.connect().takeEach({"state", "tree 31", "tree 32-33", "tree 34-37", "tree 38-45"});
+  talk.expect("tree 46-61").cut();
+  talk.connect().takeEach({"state", "tree 46", "tree 47-48"}).expect("tree 49-52").cut();
+  talk.connect().takeEach({"state", "tree 49"}).expect("tree 50-51").cut();
+  talk.connect().takeEach({"state"}).expect("tree 50");
+  changeAll(50, 50);
+  talk.hear(earlierWill).after(1s).expect("state");  // a state beside it is not the culprit
+  talk.cut().expect("The broker refuses 50: It ends the connection");
+  talk.connect().takeEach({"state", "tree 51", "tree 52-53", "tree 54-57", "tree 58-65",
+                           "tree 66-81", "tree 82-113", "tree 114-177", "tree 178-305",
+                           "tree 306-561", "tree 562-1073", "tree 1074-1199"});
 
-  // It is tried again also while the others never come to rest, and goes on when it is taken.
-  now += 600s;
-  reporter.connected(side, now);
-  std::deque<std::pair<int, Message>> sent;
-  for (int step = 0; std::none_of(sent.begin(), sent.end(), isBad); ++step) {
-    ASSERT_LT(step, 5);
-    change(live.size());
-    reporter.serve(now);
-    settleAll(std::exchange(sent, std::exchange(side.up, {})));
+  // It is tried again after pauses that double up to ten minutes, with nothing beside it.
+  for (const auto pause : {5s, 10s, 20s, 40s, 80s, 160s, 320s, 600s, 600s}) {
+    talk.after(pause - 1s).expect("").after(1s).expect("tree 50");
+    changeAll(0, 2);
+    talk.expect("").cut().connect().takeEach({"state", "change 0", "change 1-2"});
   }
-  EXPECT_EQ(sent.size(), 1U);
-  settleAll(sent);
-  for (; !reporter.isSettled(); reporter.serve(now)) settleAll(std::exchange(side.up, {}));
-
-  for (int i = 0; i < 3; ++i, side.up.clear()) {
-    reporter.disconnected(now);
-    reporter.connected(side, now);
-    reporter.serve(now);
-    settleAll(std::exchange(side.up, {}));
-    reporter.serve(now);
-    reporter.serve(now += 60s);
-    EXPECT_EQ(side.up.size(), 1U) << "a state";
-  }
-  EXPECT_EQ(problems.size(), 1U) << "a connection may end for other reasons";
+  // Also while the others never come to rest. They go on when it is taken.
+  talk.after(599s);
+  changeAll(0, 1199);
+  talk.expect("change 0-49, change 51-1000").after(1s);
+  changeAll(0, 1199);
+  talk.takeEach({"", "change 1001-1199", "tree 50", "change 0-49, change 51-1000"});
+  EXPECT_TRUE(reporter.isSettled());
 }
 
-TEST_F(ReporterTest, OfManyRootsHoldUpNoOther) {
-  start(300);
-  (void)reporter.connecting();
-  reporter.connected(side, now);
-  const std::string good = Topics("orv/1").event("200");
-  bool isOpen = false;
-  // Returns how many events go out at once, the good root's one among them or else none.
-  const auto go = [&] {
-    reporter.serve(now);
-    const auto sent = std::exchange(side.up, {});
-    bool isGood = false;
-    for (const auto& [number, message] : sent) {
-      isGood = isGood || message.topic == good;
-      const bool isTaken = isOpen || message.topic == good || message.sequence.empty();
-      reporter.settled(number, isTaken ? "" : "no", now);
-    }
-    return isGood ? sent.size() : 0;
-  };
-  EXPECT_EQ(go(), 301U) << "with the state";
-  EXPECT_EQ(problems.size(), 299U);
-  now += 6s;
-  EXPECT_EQ(go(), 0U);
-  live.at(200)->setName("changed");
-  reporter.report(live.at(200));
-  EXPECT_TRUE(go() || go()) << "after at most one that is tried again";
+TEST_F(ReporterTest, BlamesNoRootWhenTheConnectionEndsForOtherReasons) {
+  changeAll(0, 1);
+  talk.connect().takeEach({"state, tree 0-1"});
+  for (int i = 0; i < 3; ++i) {
+    talk.hear(talk.will.value()).after(1s).expect("state");
+    talk.cut().connect().takeEach({"state"}).after(1s);
+  }
+  talk.hear(talk.will.value()).expect("state").cut().connect().expect("state");
+  talk.cut().expect("The broker refuses the state of a: It ends the connection");
+  talk.connect().expect("state").cut().expect("");
+}
 
-  isOpen = true;
-  for (int i = 0; !reporter.isSettled(); ++i, now += 1s) {
-    ASSERT_LT(i, 1000);
-    go();
-  }
-  change(live.size());
-  EXPECT_EQ(go(), 300U) << "those that were refused are no longer alone";
+TEST_F(ReporterTest, GoesOnWithTheRootsThatTheBrokerTakes) {
+  changeAll(0, 29);
+  talk.connect().expect("state, tree 0-29").take("state").take("tree 20").refuse("no");
+  talk.expect("The broker refuses 0-19: no, The broker refuses 21-29: no");
+  talk.after(5s).expect("tree 0");
+  changeAll(20, 20);
+  talk.expect("").refuse("no").takeEach({"change 20", "tree 1", "tree 10", "tree 11", "tree 12"});
+  for (int i = 0; !reporter.isSettled(); ++i, talk.take().after(1s)) ASSERT_LT(i, 100);
+  talk.expect("tree 13-19, tree 2, tree 21-29, tree 3-9, tree 0");
+  changeAll(0, 29);
+  talk.takeEach({"change 0-29"});  // no longer alone
+
   // One that has nothing to say any more gives its turn on.
-  isOpen = false;
-  const std::string name = live.at(0)->getName();
-  for (const std::string& newName : {name + ".", name}) {
-    live.at(0)->setName(newName);
-    reporter.report(live.at(0));
-    go();
-    now += 6s;
-  }
-  change(live.size());
-  EXPECT_GT(go(), 299U);
+  change(0, "new");
+  talk.expect("change 0").refuse("no").expect("The broker refuses 0: no");
+  change(0, std::to_string(changes));
+  talk.after(5s).expect("");
+  changeAll(1, 29);
+  talk.expect("change 1-29");
 }
 
 }  // namespace

@@ -1,0 +1,102 @@
+#include "tests/reporting/Conversation.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "proto/monitoring/reporting.pb.h"
+#include "reporting/Topics.h"
+
+namespace wire {
+
+namespace {
+
+std::string textOf(const Message& message) {
+  const Topics topics("orv/1");
+  if (const auto root = topics.rootOf(message.topic)) {
+    Event event;
+    event.ParseFromString(message.payload);
+    if (message.payload.empty()) return "no tree " + *root;
+    if (event.event_type() == Event::DEVICE_REMOVE) return "removal " + *root;
+    return (isWholeTree(event) ? "tree " : "change ") + *root;
+  }
+  if (topics.reporterOf(message.topic)) return "state";
+  std::string text = "ask " + message.topic.substr(message.topic.rfind('/') + 1);
+  orv::proto::monitoring::TreeRequest request;
+  request.ParseFromString(message.payload);
+  for (const std::string& root : request.roots()) text += " " + root;
+  return text;
+}
+
+// Lines that differ in their first number alone, which grows by one, become one line.
+std::string join(const std::vector<std::string>& lines) {
+  std::string text;
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    const std::string& line = lines[i];
+    const std::size_t begin = std::min(line.find_first_of("0123456789"), line.size());
+    const std::size_t end = std::min(line.find_first_not_of("0123456789", begin), line.size());
+    const auto withNumber = [&](std::size_t more) {
+      return line.substr(0, begin) + std::to_string(std::stoul(line.substr(begin)) + more) +
+             line.substr(end);
+    };
+    std::size_t more = 0;
+    while (begin < end && i + 1 < lines.size() && lines[i + 1] == withNumber(more + 1)) ++more, ++i;
+    if (!text.empty()) text += ", ";
+    text += line.substr(0, end);
+    if (more > 0) text += "-" + std::to_string(std::stoul(line.substr(begin)) + more);
+    text += line.substr(end);
+  }
+  return text;
+}
+
+}  // namespace
+
+Conversation& Conversation::connect() {
+  will = endpoint_->connecting();
+  endpoint_->connected(*this, now_);
+  return after({});
+}
+
+Conversation& Conversation::cut() {
+  open_.clear();
+  endpoint_->disconnected(now_);
+  return after({});
+}
+
+Conversation& Conversation::after(std::chrono::milliseconds duration) {
+  const Time end = now_ + duration;
+  for (Time due = endpoint_->serve(now_); now_ < end; due = endpoint_->serve(now_)) {
+    now_ = std::min(end, std::max(due, now_ + std::chrono::milliseconds(1)));
+  }
+  return *this;
+}
+
+Conversation& Conversation::hear(const Message& message) {
+  endpoint_->received(message, now_);
+  return after({});
+}
+
+Conversation& Conversation::expect(const std::string& text) {
+  after({});
+  EXPECT_EQ(join(std::exchange(said_, {})), text);
+  return *this;
+}
+
+int Conversation::publish(const Message& message) {
+  said_.push_back(textOf(message));
+  open_.emplace_back(++number_, said_.back());
+  return number_;
+}
+
+Conversation& Conversation::answer(const std::string& which, const std::string& refusal) {
+  for (const auto& [number, text] : std::exchange(open_, {})) {
+    if (which.empty() || which == text) {
+      endpoint_->settled(number, refusal, now_);
+    } else {
+      open_.emplace_back(number, text);
+    }
+  }
+  return after({});
+}
+
+}  // namespace wire

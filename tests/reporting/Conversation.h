@@ -1,0 +1,65 @@
+// A conversation of an endpoint with its broker: each step stands in its place in time.
+//
+//   talk.connect().expect("state, tree 0-9").take("state").refuse("full");
+//   talk.expect("The broker refuses 0-9: full").after(5s).expect("tree 0").cut();
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "reporting/Endpoint.h"
+
+namespace wire {
+
+using namespace orv::reporting;
+
+class Conversation : private Link {
+ public:
+  explicit Conversation(Endpoint& endpoint) : endpoint_(&endpoint) {}
+
+  Conversation& connect();
+  Conversation& cut();
+  // Meanwhile the endpoint is served when it wants to be.
+  Conversation& after(std::chrono::milliseconds duration);
+  Conversation& hear(const Message& message);
+
+  // All that the endpoint has sent and told since the last time, with runs of numbers as "0-9".
+  Conversation& expect(const std::string& text);
+
+  // What the broker says to one message that has no answer yet, or else to all.
+  Conversation& take(const std::string& which = "") { return answer(which, ""); }
+  Conversation& refuse(const std::string& why, const std::string& which = "") {
+    return answer(which, why);
+  }
+
+  // Expects each, and takes it.
+  Conversation& takeEach(const std::vector<std::string>& texts) {
+    for (const std::string& text : texts) expect(text).take();
+    return *this;
+  }
+
+  // Notes what the endpoint tells its user.
+  void tell(const std::string& line) { said_.push_back(line); }
+
+  int sent() const { return number_; }  // so many messages
+
+  std::optional<Message> will;      // of the latest connection
+  std::vector<std::string> topics;  // subscribed to
+
+ private:
+  void subscribe(const std::vector<std::string>& filters) override { topics = filters; }
+  int publish(const Message& message) override;
+  Conversation& answer(const std::string& which, const std::string& refusal);
+
+  Endpoint* endpoint_;
+  Time now_{std::chrono::seconds(1000)};
+  int number_ = 0;
+  std::deque<std::pair<int, std::string>> open_;  // the messages without an answer
+  std::vector<std::string> said_;
+};
+
+}  // namespace wire
