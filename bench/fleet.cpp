@@ -81,7 +81,7 @@ void report(const Broker& broker, std::size_t roots, int control) {
   nanoseconds pause(0);
   send(control, &pause, sizeof pause, 0);
   recv(control, &pause, sizeof pause, 0);
-  Reporter reporter("bench", fail);
+  Reporter reporter("bench", {{}, fail});
   Connection connection(broker, reporter, tell);
   Time due = steady_clock::now();
   for (std::size_t i = 0; i < roots; ++i) reporter.report(fleet.change(due));
@@ -140,7 +140,8 @@ class Receiver {
 
  private:
   CollectorCallbacks callbacks() {
-    const auto applied = [this](const auto& /*root*/, const Event& event, const Tree& tree) {
+    const auto applied = [this](const auto& /*root*/, const Event& event, const Tree& /*before*/,
+                                const Tree& tree) {
       if (isWholeTree(event)) return;
       const Time due(nanoseconds(boost::get<unsigned long>(tree->getStatus("uptime")->getValue())));
       delays_.push_back(duration<double, std::milli>(steady_clock::now() - due).count());
@@ -265,8 +266,8 @@ class Pair final : public Link {
   int published_ = 0;
   int settled_ = 0;
   std::size_t current_ = 0;
-  Reporter reporter_{"bench", fail};
-  Collector collector_{{[](const auto& /*root*/, const auto& /*event*/, const auto& /*tree*/) {},
+  Reporter reporter_{"bench", {{}, fail}};
+  Collector collector_{{{},
                         [this](const auto& /*root*/, Condition condition) {
                           if (condition == Condition::CURRENT) ++current_;
                         },

@@ -13,7 +13,9 @@
 #include "reporting/Endpoint.h"
 #include "reporting/Export.h"
 #include "reporting/Follower.h"
+#include "reporting/Publication.h"
 #include "reporting/Seed.h"
+#include "reporting/Sequence.h"
 #include "reporting/Topics.h"
 
 namespace orv::reporting {
@@ -37,8 +39,8 @@ struct CollectorOptions {
   std::chrono::milliseconds silence = std::chrono::seconds(100);
   /// How long a reporter may be ahead of a tree before the events count as lost.
   std::chrono::milliseconds patience = std::chrono::seconds(5);
-  /// The first request for a tree comes within this time, spread at random. Each further one takes
-  /// twice as long as the one before it, up to `longestPause`.
+  /// The first request for a tree comes within this time, spread at random. The pauses after it
+  /// double, up to `longestPause`.
   std::chrono::milliseconds firstPause = std::chrono::seconds(1);
   std::chrono::milliseconds longestPause = std::chrono::minutes(1);
   /// So many trees are asked for each second, however many are missing.
@@ -48,13 +50,16 @@ struct CollectorOptions {
 };
 
 /// What the user of a collector is told. It must not call the collector's own operations other than
-/// the const ones.
+/// the const ones. What is empty is not called.
 struct CollectorCallbacks {
-  /// An event was applied: this is the tree after it, empty after a removal. The object stays the
-  /// same until an event with a whole tree.
-  std::function<void(const std::string& root, const Event& event, const Tree& tree)> applied;
-  /// What is known about a root has changed. The first news of a root is never FORGOTTEN, and comes
-  /// with its first tree or when that has to be asked for.
+  /// An event was applied: it made the tree `after` of the tree `before`, each of which is empty for
+  /// no tree. After a status change both are one object, which stays the same until an event with a
+  /// whole tree.
+  std::function<void(const std::string& root, const Event& event, const Tree& before,
+                     const Tree& after)>
+      applied;
+  /// What is known about a root has changed. The first news of a root is never FORGOTTEN. It comes
+  /// when the first tree of the root has arrived. If that has to be asked for, it comes then.
   std::function<void(const std::string& root, Condition condition)> changed;
   /// Something is wrong, in a line for people: a message that breaks a rule, two reporters of one
   /// root or one name.
@@ -110,8 +115,8 @@ class ORV_REPORTING_EXPORT Collector final : public Endpoint {
   Time serve(Time now) override;
 
  private:
-  class ORV_REPORTING_NO_EXPORT State;
-  std::unique_ptr<State> state_;
+  class ORV_REPORTING_NO_EXPORT Core;
+  std::unique_ptr<Core> core_;
 };
 
 }  // namespace orv::reporting

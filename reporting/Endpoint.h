@@ -6,9 +6,10 @@
 #include <vector>
 
 #include "reporting/Export.h"
-#include "reporting/Sender.h"
 
 namespace orv::reporting {
+
+using Time = std::chrono::steady_clock::time_point;
 
 /// What an endpoint and a broker send each other. It arrives once or more often, or not at all.
 struct Message {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "reporting/Export.h"
-#include "reporting/Sender.h"
+#include "reporting/Publication.h"
 #include "reporting/Sequence.h"
 
 namespace orv::reporting {
@@ -43,8 +43,9 @@ class ORV_REPORTING_EXPORT Follower {
   /// another root. Costs what `ApplyEvent` costs. Throws std::bad_alloc.
   Outcome take(const Sequence& sequence, const Event& event, std::string& errorMessage);
 
-  /// The reporter of the root says which event of which epoch was the last one. An event of a
-  /// higher n that arrived counts no longer: it was none of the reporter's, or comes up again.
+  /// The reporter of the root says which event of which epoch was its last one. If an event with a
+  /// higher n has arrived but could not be applied, it is no longer missed. Either the reporter never
+  /// made it, or it will arrive once more.
   void reported(const Sequence& latest) noexcept;
 
   /// The tree is out of date until a whole tree arrives.

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <map>
 #include <random>
-#include <set>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include "proto/monitoring/reporting.pb.h"
+#include "reporting/Agenda.h"
+#include "reporting/Flights.h"
+#include "reporting/Sender.h"
 #include "reporting/Topics.h"
 
 namespace orv::reporting {
@@ -17,21 +19,22 @@ namespace monitoring = orv::proto::monitoring;
 
 namespace {
 
-constexpr std::size_t mostOnTheirWay = 1000;
-constexpr std::chrono::seconds firstPause(5);  // after a refusal
-constexpr std::chrono::minutes longestPause(10);
-constexpr Time again = Time::min();  // before what is due otherwise
-constexpr const char* endsConnection = "It ends the connection";
+// A state lists every root. Were one sent for each root that comes, the states of many roots that
+// come one by one would cost the square of their number.
+constexpr std::chrono::seconds betweenStates(1);
 constexpr std::size_t largestWill = 65'000;  // bytes; MQTT gives it two bytes for its length
+constexpr const char* endsConnection = "It ends the connection";
 
 }  // namespace
 
-class Reporter::State {
+// Brings together what decides each for itself: a Sender for each root makes its next event, the
+// Agenda says which root is looked at next, Flights says which may go out. What is left here is the
+// reporter's own state, and what its users and other processes tell it.
+class Reporter::Core {
  public:
-  State(std::string name, std::function<void(const std::string&)> problem,
-        const ReporterOptions& options)
+  Core(std::string name, ReporterCallbacks callbacks, const ReporterOptions& options)
       : name_(std::move(name)),
-        problem_(std::move(problem)),
+        callbacks_(std::move(callbacks)),
         options_(options),
         topics_(options.prefix),
         random_(options.seed),
@@ -44,7 +47,7 @@ class Reporter::State {
   bool isSettled() const noexcept;
 
   Message connecting();
-  void connected(Link& link);
+  void connected(Link& link, Time now);
   void disconnected(Time now);
   void settled(int number, const std::string& refusal, Time now);
   void received(const Message& message);
@@ -57,33 +60,26 @@ class Reporter::State {
     Sender sender;
     Tree live;               // empty: the root is to be removed
     bool isChanged = false;  // since its last event was made, or that was refused
-    bool isOnItsWay = false;
-    std::string problem;            // that was told last
-    std::chrono::seconds pause{0};  // after the last refusal
-    Time tryAgain = Time::min();
-    std::optional<Time> due;  // in due_
+    std::string problem;     // that was told last
   };
 
   Root& takeUp(const std::string& id);
-  void lookAt(const std::string& id, Root& root, Time due);
-  Time soon() { return again + Time::duration(++turns_); }  // each after the ones before it
+  void queue(const std::string& id);
+  void awaitTreeDue(const std::string& id, const Root& root);
+  void taken(const std::string& id);
+  void refuse(const std::string& id, const std::string& reason);
   void refuseState(const std::string& reason);
-  void refuse(const std::string& id, Root& root, const std::string& reason, Time now);
-  void takeTurns(Time now);
   void publishNext(const std::string& id, Time now);
   Message state(bool isOnline) const;
   void receiveRequest(const Message& message);
   void receiveState(const Message& message);
-  void saySoon() { stateDue_ = std::min(stateDue_, lastState_ + std::chrono::seconds(1)); }
-  std::size_t inFlight() const { return onTheirWay_.size() + (stateOnItsWay_ ? 1 : 0); }
-  void endRetry() {
-    retried_.reset();
-    isAlone_ = false;
+  void saySoon() { stateDue_ = std::min(stateDue_, lastState_ + betweenStates); }
+  void complain(const std::string& problem) const {
+    if (callbacks_.problem) callbacks_.problem(problem);
   }
-  bool isFull() const { return inFlight() >= (isAlone_ ? 1 : window_); }
 
   std::string name_;
-  std::function<void(const std::string&)> problem_;
+  ReporterCallbacks callbacks_;
   ReporterOptions options_;
   Topics topics_;
   std::mt19937_64 random_;
@@ -91,203 +87,156 @@ class Reporter::State {
   std::uint64_t connection_ = 0;
   Link* link_ = nullptr;
   std::map<std::string, Root> roots_;
-  std::set<std::pair<Time, std::string>> due_;  // roots to look at
-  Time::rep turns_ = mostOnTheirWay;            // those before are of what goes out again
-  std::map<int, std::string> onTheirWay_;       // roots by the number of what was published
+  Agenda agenda_;  // roots to look at, but for the doubted ones, which Flights knows
+  Flights flights_;
   std::optional<int> stateOnItsWay_;
-  // A broker that refuses an event may end the connection too, with the answer to it and to others.
-  // So what was on its way then goes out again in its order, one message at first, then two, four;
-  // and an event that was refused is tried again with no other on its way.
-  std::size_t window_ = mostOnTheirWay;
-  bool isSuspicious_ = false;
-  std::optional<std::string> retried_;  // the refused root whose turn it is to be tried again
-  bool isAlone_ = false;                // it is on its way, or waits for the others to be taken
   Time lastState_;
   Time stateDue_;
   std::string stateProblem_;            // that was told last
+  unsigned int endsOnState_ = 0;        // of connections, in a row, on which nothing was answered
   std::optional<std::uint64_t> rival_;  // start of a second process of this name
 };
 
-Reporter::State::Root& Reporter::State::takeUp(const std::string& id) {
+Reporter::Core::Root& Reporter::Core::takeUp(const std::string& id) {
   const auto known = roots_.find(id);
   if (known != roots_.end()) return known->second;
-  stateDue_ = Time::min();
+  saySoon();
   return roots_.emplace(id, Sender(random_(), options_.treePause)).first->second;
 }
 
-void Reporter::State::lookAt(const std::string& id, Root& root, Time due) {
-  due = std::max(due, root.tryAgain);
-  if (root.due && *root.due <= due) return;
-  if (root.due) due_.erase({*root.due, id});
-  root.due = due;
-  due_.emplace(due, id);
+void Reporter::Core::queue(const std::string& id) {
+  if (!flights_.isDoubted(id)) agenda_.queue(id);
 }
 
-void Reporter::State::report(const Tree& live) {
+void Reporter::Core::awaitTreeDue(const std::string& id, const Root& root) {
+  const std::optional<Time> due = root.sender.treeDue();
+  if (due && !flights_.isDoubted(id)) agenda_.at(id, *due);
+}
+
+void Reporter::Core::report(const Tree& live) {
   Root& root = takeUp(live->getDeviceId());
   root.live = live;
   root.isChanged = true;
-  lookAt(live->getDeviceId(), root, soon());
+  queue(live->getDeviceId());
 }
 
-void Reporter::State::remove(const std::string& id) {
+void Reporter::Core::remove(const std::string& id) {
   const auto root = roots_.find(id);
   if (root == roots_.end()) return;
   root->second.live.reset();
   root->second.isChanged = true;
-  lookAt(id, root->second, soon());
+  queue(id);
 }
 
-bool Reporter::State::isSettled() const noexcept {
+bool Reporter::Core::isSettled() const noexcept {
   return std::all_of(roots_.begin(), roots_.end(), [](const auto& entry) {
     const Root& root = entry.second;
     return root.live && !root.isChanged && root.sender.onItsWay() == nullptr;
   });
 }
 
-Message Reporter::State::connecting() {
+Message Reporter::Core::connecting() {
   ++connection_;
   return state(false);
 }
 
-void Reporter::State::connected(Link& link) {
+void Reporter::Core::connected(Link& link, Time now) {
   link_ = &link;
   stateDue_ = Time::min();
-  window_ = isSuspicious_ ? 1 : mostOnTheirWay;
+  flights_.connected(now);
   link_->subscribe({topics_.request(name_), topics_.reporter(name_)});
 }
 
-void Reporter::State::disconnected(Time now) {
+void Reporter::Core::disconnected(Time now) {
   link_ = nullptr;
-  // A state may be on its way, too. The one that began this connection was answered.
-  const bool isCulprit =
-      onTheirWay_.size() == 1 && (window_ == 1 || onTheirWay_.begin()->second == retried_);
-  if (onTheirWay_.empty() && stateOnItsWay_ && window_ == 1) refuseState(endsConnection);
-  isSuspicious_ = inFlight() > 0;
-  Time turn = again;
-  for (const auto& [number, id] : onTheirWay_) {
-    Root& root = roots_.at(id);
-    root.isOnItsWay = false;
-    root.sender.interrupted();
-    if (isCulprit) {
-      refuse(id, root, root.pause.count() > 0 ? root.problem : endsConnection, now);
-    } else {
-      lookAt(id, root, turn += Time::duration(1));
-    }
+  const Flights::Rest rest = flights_.disconnected(now);
+  for (auto id = rest.roots.rbegin(); id != rest.roots.rend(); ++id) {
+    roots_.at(*id).sender.interrupted();
+    agenda_.drop(*id);
+    if (!flights_.isDoubted(*id)) agenda_.queueAhead(*id);
   }
-  onTheirWay_.clear();
-  endRetry();
+  if (rest.refused) {
+    const std::string& known = roots_.at(*rest.refused).problem;
+    refuse(*rest.refused, known.empty() ? endsConnection : known);
+  }
+  endsOnState_ = rest.roots.empty() && stateOnItsWay_ ? endsOnState_ + 1 : 0;
+  if (endsOnState_ > 1) refuseState(endsConnection);
   stateOnItsWay_.reset();
 }
 
-void Reporter::State::settled(int number, const std::string& refusal, Time now) {
+void Reporter::Core::settled(int number, const std::string& refusal, Time now) {
   if (number == stateOnItsWay_) {
     stateOnItsWay_.reset();
+    endsOnState_ = 0;
     return refuseState(refusal);
   }
-  const std::string id = onTheirWay_.at(number);
-  onTheirWay_.erase(number);
-  Root& root = roots_.at(id);
-  root.isOnItsWay = false;
-  if (id == retried_) endRetry();
   if (!refusal.empty()) {
-    refuse(id, root, refusal, now);
-  } else {
-    window_ = std::min(window_ + 1, mostOnTheirWay);
-    root.problem.clear();
-    root.pause = {};
-    root.tryAgain = Time::min();
-    if (root.sender.onItsWay() != nullptr) {
-      root.sender.taken();
-    } else if (!root.live) {  // the broker has forgotten the tree
-      if (root.due) due_.erase({*root.due, id});
-      roots_.erase(id);
-      stateDue_ = Time::min();
-      return;
-    }
-    if (root.isChanged || !root.live) lookAt(id, root, soon());
+    if (const auto id = flights_.refused(number, now)) refuse(*id, refusal);
+  } else if (const auto id = flights_.taken(number, now)) {
+    taken(*id);
   }
-  if (const auto treeDue = root.sender.treeDue()) lookAt(id, root, *treeDue);
 }
 
-void Reporter::State::refuseState(const std::string& reason) {
+void Reporter::Core::taken(const std::string& id) {
+  Root& root = roots_.at(id);
+  root.problem.clear();
+  if (root.sender.onItsWay() != nullptr) {
+    const Step step = root.sender.taken();
+    if (callbacks_.published) callbacks_.published(id, step.event, step.before, step.after);
+  } else if (!root.live) {  // the broker has forgotten the tree
+    agenda_.drop(id);
+    roots_.erase(id);
+    return saySoon();
+  }
+  if (root.isChanged || !root.live) queue(id);
+  awaitTreeDue(id, root);
+}
+
+// The event is made anew when Flights gives the root its turn.
+void Reporter::Core::refuse(const std::string& id, const std::string& reason) {
+  Root& root = roots_.at(id);
+  agenda_.drop(id);
+  root.sender.refused();
+  root.isChanged = true;
+  if (reason != root.problem) complain("The broker refuses " + id + ": " + reason);
+  root.problem = reason;
+}
+
+void Reporter::Core::refuseState(const std::string& reason) {
   if (!reason.empty() && reason != stateProblem_) {
-    problem_("The broker refuses the state of " + name_ + ": " + reason);
+    complain("The broker refuses the state of " + name_ + ": " + reason);
   }
   stateProblem_ = reason;
 }
 
-void Reporter::State::refuse(const std::string& id, Root& root, const std::string& reason,
-                             Time now) {
-  root.sender.refused();
-  root.isChanged = true;
-  root.pause = std::clamp<std::chrono::seconds>(2 * root.pause, firstPause, longestPause);
-  root.tryAgain = now + root.pause;
-  if (root.due) due_.erase({*root.due, id});
-  root.due.reset();
-  lookAt(id, root, root.tryAgain);
-  if (reason != root.problem) problem_("The broker refuses " + id + ": " + reason);
-  root.problem = reason;
-}
-
-void Reporter::State::received(const Message& message) {
+void Reporter::Core::received(const Message& message) {
   if (message.topic == topics_.request(name_)) receiveRequest(message);
   if (message.topic == topics_.reporter(name_)) receiveState(message);
 }
 
-Time Reporter::State::serve(Time now) {
+Time Reporter::Core::serve(Time now) {
   if (link_ == nullptr) return Time::max();
   if (stateDue_ <= now && !stateOnItsWay_) {
     stateOnItsWay_ = link_->publish(state(true));
     lastState_ = now;
     stateDue_ = now + options_.heartbeat;
   }
-  takeTurns(now);
-  while (!isFull() && !due_.empty() && due_.begin()->first <= now) {
-    const std::string id = due_.begin()->second;
-    due_.erase(due_.begin());
-    Root& root = roots_.at(id);
-    root.due.reset();
-    if (root.pause.count() > 0) {
-      retried_ = id;
-      isAlone_ = true;
-      if (inFlight() > 0) {
-        root.tryAgain = again;
-        lookAt(id, root, again);
-        break;
-      }
-    }
+  agenda_.advance(now);
+  if (const auto id = flights_.retry(now)) agenda_.queue(*id);
+  const std::string* first = agenda_.first();
+  for (; first != nullptr && flights_.mayGo(*first); first = agenda_.first()) {
+    const std::string id = *first;
+    agenda_.drop(id);
     publishNext(id, now);
-    if (id == retried_ && !root.isOnItsWay) endRetry();
   }
-  if (inFlight() == 0) window_ = mostOnTheirWay;  // what an earlier connection lost is settled
+  if (first == nullptr) flights_.rest();
   const Time next = stateOnItsWay_ ? Time::max() : stateDue_;
-  return isFull() || due_.empty() ? next : std::min(next, due_.begin()->first);
+  return std::min({next, flights_.retryDue(), first == nullptr ? agenda_.due() : Time::max()});
 }
 
-// What waited for a time that has come goes out after what waits for its turn already, but not
-// after what changes from now on. Of the refused roots one at a time: the others wait for it
-// meanwhile.
-void Reporter::State::takeTurns(Time now) {
-  std::vector<std::string> ids;
-  for (auto next = due_.lower_bound({Time(), ""}); next != due_.end() && next->first <= now;
-       ++next) {
-    const std::string& id = next->second;
-    const bool wasRefused = roots_.at(id).pause.count() > 0;
-    if (wasRefused && retried_) continue;
-    if (wasRefused) retried_ = id;
-    ids.push_back(id);
-  }
-  for (const std::string& id : ids) {
-    Root& root = roots_.at(id);
-    root.tryAgain = again;
-    lookAt(id, root, soon());
-  }
-}
-
-void Reporter::State::publishNext(const std::string& id, Time now) {
+void Reporter::Core::publishNext(const std::string& id, Time now) {
   Root& root = roots_.at(id);
-  if (root.isOnItsWay) return;
+  if (flights_.isOnItsWay(id)) return;
   Message message;
   message.topic = topics_.event(id);
   const Publication* publication = root.sender.onItsWay();
@@ -307,20 +256,19 @@ void Reporter::State::publishNext(const std::string& id, Time now) {
     message.isRetained = true;  // the broker shall forget the tree, if there is none any more
   }
   if (!refusal.empty()) {
-    if (refusal != root.problem) problem_("Cannot report " + id + ": " + refusal);
+    if (refusal != root.problem) complain("Cannot report " + id + ": " + refusal);
     root.problem = refusal;
-    root.pause = {};
+    flights_.trust(id);
   } else if (publication != nullptr || !root.live) {
-    onTheirWay_.emplace(link_->publish(message), id);
-    root.isOnItsWay = true;
+    flights_.goes(link_->publish(message), id);
   } else {
     root.problem.clear();
-    root.pause = {};
-    if (const auto treeDue = root.sender.treeDue()) lookAt(id, root, *treeDue);
+    flights_.trust(id);
+    awaitTreeDue(id, root);
   }
 }
 
-Message Reporter::State::state(bool isOnline) const {
+Message Reporter::Core::state(bool isOnline) const {
   monitoring::ReporterState state;
   state.set_start(start_);
   state.set_connection(connection_);
@@ -341,67 +289,66 @@ Message Reporter::State::state(bool isOnline) const {
   return message;
 }
 
-void Reporter::State::receiveRequest(const Message& message) {
+void Reporter::Core::receiveRequest(const Message& message) {
   monitoring::TreeRequest request;
   if (!request.ParseFromString(message.payload)) {
-    problem_("A request to " + name_ + " cannot be read");
-    return;
+    return complain("A request to " + name_ + " cannot be read");
   }
   for (const std::string& id : request.roots()) {
     const auto root = roots_.find(id);
     if (root == roots_.end()) continue;
     root->second.sender.requestTree();
-    lookAt(id, root->second, *root->second.sender.treeDue());
+    awaitTreeDue(id, root->second);
   }
   if (request.roots().empty()) saySoon();
 }
 
-void Reporter::State::receiveState(const Message& message) {
+void Reporter::Core::receiveState(const Message& message) {
   monitoring::ReporterState state;
   if (!state.ParseFromString(message.payload)) {
-    problem_("A state of " + name_ + " cannot be read");
-    saySoon();
-    return;
+    complain("A state of " + name_ + " cannot be read");
+    return saySoon();
   }
   const bool isOwn = state.start() == start_;
   if (!state.online()) {  // the will of a connection that ended earlier
     saySoon();
   } else if (!isOwn && !message.isRetained && rival_ != state.start()) {
     rival_ = state.start();
-    problem_("Another process reports under the name " + name_);
+    complain("Another process reports under the name " + name_);
   }
   // Of an earlier process of this name that is gone, or of this one before the broker lost what
   // came after it: roots that are not there now shall not stay.
   if (isOwn ? !message.isRetained : state.online()) return;
   for (const auto& earlier : state.roots()) {
-    if (roots_.count(earlier.root()) == 0) lookAt(earlier.root(), takeUp(earlier.root()), soon());
+    if (roots_.count(earlier.root()) > 0) continue;
+    takeUp(earlier.root());
+    queue(earlier.root());
   }
 }
 
-Reporter::Reporter(std::string name, std::function<void(const std::string&)> problem,
-                   const ReporterOptions& options)
-    : state_(std::make_unique<State>(std::move(name), std::move(problem), options)) {}
+Reporter::Reporter(std::string name, ReporterCallbacks callbacks, const ReporterOptions& options)
+    : core_(std::make_unique<Core>(std::move(name), std::move(callbacks), options)) {}
 
 Reporter::~Reporter() = default;
 
-void Reporter::report(const Tree& live) { state_->report(live); }
+void Reporter::report(const Tree& live) { core_->report(live); }
 
-void Reporter::remove(const std::string& root) { state_->remove(root); }
+void Reporter::remove(const std::string& root) { core_->remove(root); }
 
-bool Reporter::isSettled() const noexcept { return state_->isSettled(); }
+bool Reporter::isSettled() const noexcept { return core_->isSettled(); }
 
-std::optional<Message> Reporter::connecting() { return state_->connecting(); }
+std::optional<Message> Reporter::connecting() { return core_->connecting(); }
 
-void Reporter::connected(Link& link, Time /*now*/) { state_->connected(link); }
+void Reporter::connected(Link& link, Time now) { core_->connected(link, now); }
 
-void Reporter::disconnected(Time now) { state_->disconnected(now); }
+void Reporter::disconnected(Time now) { core_->disconnected(now); }
 
 void Reporter::settled(int number, const std::string& refusal, Time now) {
-  state_->settled(number, refusal, now);
+  core_->settled(number, refusal, now);
 }
 
-void Reporter::received(const Message& message, Time /*now*/) { state_->received(message); }
+void Reporter::received(const Message& message, Time /*now*/) { core_->received(message); }
 
-Time Reporter::serve(Time now) { return state_->serve(now); }
+Time Reporter::serve(Time now) { return core_->serve(now); }
 
 }  // namespace orv::reporting

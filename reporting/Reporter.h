@@ -9,8 +9,8 @@
 
 #include "reporting/Endpoint.h"
 #include "reporting/Export.h"
+#include "reporting/Publication.h"
 #include "reporting/Seed.h"
-#include "reporting/Sender.h"
 
 namespace orv::reporting {
 
@@ -24,14 +24,29 @@ struct ReporterOptions {
   std::uint64_t seed = drawSeed();
 };
 
+/// What the user of a reporter is told. It must not call the reporter. What is empty is not called.
+struct ReporterCallbacks {
+  /// The broker has taken an event: it made the tree `after` of the tree `before`, each of which is
+  /// empty for no tree. The trees are the reporter's own, as the broker has them; treat them as
+  /// constant. After a status change both are one object.
+  std::function<void(const std::string& root, const Event& event, const Tree& before,
+                     const Tree& after)>
+      published;
+  /// Something is wrong, in a line for people: an event that the broker refuses, a tree that cannot
+  /// be reported, a second process of this name, a message that makes no sense. For a root it is not
+  /// told again while it stays the same.
+  std::function<void(const std::string& problem)> problem;
+};
+
 /// Reports the trees of one process to every collector.
 ///
 /// The caller keeps its trees, says which of them changed, and serves the connection. The reporter
 /// looks at a tree only within `serve`. What changes while an event of a root is on its way, or
 /// while there is no connection, goes out as one event later; nothing that lasts is lost. An event
-/// that the broker refuses is made anew and tried again after 5 s, then after pauses that double,
-/// up to ten minutes, with no other event on its way: a broker may end the connection with a
-/// refusal, or in place of one.
+/// that the broker refuses is made anew and tried again, after pauses that double from a second to
+/// ten minutes. It then goes out alone, so that a broker that ends the connection with a refusal, or
+/// in place of one, holds up no other root. A root that comes or goes is listed by the next state of
+/// the reporter, within a second.
 ///
 /// Every reporter of a fleet needs a name of its own, and every root one reporter. A second process
 /// of the same name is told of, once; both go on.
@@ -39,13 +54,8 @@ struct ReporterOptions {
 /// One thread at a time uses a reporter and its trees. n is the number of devices of a tree.
 class ORV_REPORTING_EXPORT Reporter final : public Endpoint {
  public:
-  /// `problem` gets a line for people when something is wrong: an event that the broker refuses, a
-  /// tree that cannot be reported, a second process of this name, a message that makes no sense.
-  /// For a root it is not told again while it stays the same. It must not call the reporter.
-  ///
   /// Throws std::invalid_argument for an empty name and when a broker would not take the prefix.
-  Reporter(std::string name, std::function<void(const std::string&)> problem,
-           const ReporterOptions& options = {});
+  Reporter(std::string name, ReporterCallbacks callbacks, const ReporterOptions& options = {});
 
   ~Reporter() override;
 
@@ -72,8 +82,8 @@ class ORV_REPORTING_EXPORT Reporter final : public Endpoint {
   Time serve(Time now) override;
 
  private:
-  class ORV_REPORTING_NO_EXPORT State;
-  std::unique_ptr<State> state_;
+  class ORV_REPORTING_NO_EXPORT Core;
+  std::unique_ptr<Core> core_;
 };
 
 }  // namespace orv::reporting

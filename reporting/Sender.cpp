@@ -1,9 +1,9 @@
 #include "reporting/Sender.h"
 
 #include <utility>
-#include <vector>
 
 #include "device_tree/Utils.h"
+#include "device_tree/Walk.h"
 
 namespace orv::reporting {
 
@@ -13,24 +13,14 @@ using device_tree::utils::EventHelper;
 namespace {
 
 bool hasMoreLevelsThan(unsigned int most, const DeviceNode& root) {
-  std::vector<const DeviceNode*> level = {&root};
-  for (unsigned int levels = 1; levels <= most; ++levels) {
-    std::vector<const DeviceNode*> below;
-    for (const DeviceNode* device : level) {
-      for (const auto& [key, subDevice] : device->getSubDevices()) below.push_back(subDevice.get());
-    }
-    if (below.empty()) return false;
-    level = std::move(below);
+  device_tree::Walk walk(root);
+  while (walk.next() != nullptr) {
+    if (walk.depth() >= most) return true;
   }
-  return true;
+  return false;
 }
 
 }  // namespace
-
-bool isWholeTree(const Event& event) noexcept {
-  return event.event_type() == Event::DEVICE_ADD ||
-         event.event_type() == Event::CONFIGURATION_CHANGE;
-}
 
 Sender::Sender(std::uint64_t epoch, std::chrono::milliseconds treePause)
     : last_{epoch, 0}, treePause_(treePause) {}
@@ -60,18 +50,23 @@ std::optional<Time> Sender::treeDue() const noexcept {
   return lastTree_ ? *lastTree_ + treePause_ : Time::min();
 }
 
-void Sender::taken() {
+Step Sender::taken() {
   last_ = publication_->sequence;
+  Step step{std::move(publication_->event), snapshot_, {}};
   std::string refusal;
-  if (isWholeTree(publication_->event)) {
+  if (isWholeTree(step.event)) {
     snapshot_ = std::move(published_);
+    step.after = snapshot_;
     owesTree_ = false;
-  } else if (!EventHelper::ApplyEvent(publication_->event, snapshot_, refusal)) {
+  } else if (EventHelper::ApplyEvent(step.event, snapshot_, refusal)) {
+    step.after = snapshot_;
+  } else {
     // Only where identifiers repeat. Receivers refuse it as well: the next event is a whole tree.
-    snapshot_.reset();
+    step.after = std::exchange(snapshot_, nullptr);
   }
   mayHaveArrived_ = false;
   publication_.reset();
+  return step;
 }
 
 void Sender::refused() noexcept {

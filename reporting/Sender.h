@@ -2,28 +2,21 @@
 
 #include <chrono>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 
-#include "device_tree/DeviceNode.h"
-#include "proto/monitoring/device_events.pb.h"
+#include "reporting/Endpoint.h"
 #include "reporting/Export.h"
+#include "reporting/Publication.h"
 #include "reporting/Sequence.h"
 
 namespace orv::reporting {
 
-using Event = orv::proto::monitoring::DeviceToOrvServiceEvent;
-using Tree = std::shared_ptr<orv::device_tree::DeviceNode>;
-using Time = std::chrono::steady_clock::time_point;
-
-/// Whether the event replaces the tree, whatever came before it. Never throws.
-ORV_REPORTING_EXPORT bool isWholeTree(const Event& event) noexcept;
-
-/// An event with its place among the events of its root.
-struct Publication {
-  Sequence sequence;
+/// What an event made of a tree. After a status change both are one object, the tree as it is now.
+struct Step {
   Event event;
+  Tree before;
+  Tree after;
 };
 
 /// Decides which event of one root is published next.
@@ -56,8 +49,9 @@ class ORV_REPORTING_EXPORT Sender {
   /// it is.
   const Publication* onItsWay() const noexcept { return publication_ ? &*publication_ : nullptr; }
 
-  /// The broker took the event that is on its way. O(n).
-  void taken();
+  /// The broker took the event that is on its way. Returns what that made of the tree that the
+  /// broker had taken before; the trees belong to the sender. O(n).
+  Step taken();
 
   /// The connection ended: the event that is on its way, if there is one, may have arrived.
   void interrupted() noexcept { mayHaveArrived_ = publication_.has_value(); }

@@ -39,9 +39,9 @@ Fleet::Fleet(CollectorCallbacks callbacks, const orv::reporting::CollectorOption
 CollectorCallbacks Fleet::observe(CollectorCallbacks callbacks) {
   CollectorCallbacks result;
   result.applied = [this, tell = std::move(callbacks.applied)](
-                       const std::string& id, const Event& event, const Tree& tree) {
+                       const std::string& id, const Event& event, const Tree& before, const Tree& tree) {
     apply(id, event, tree);
-    tell(id, event, tree);
+    tell(id, event, before, tree);
   };
   result.changed = [this, tell = std::move(callbacks.changed)](const std::string& id,
                                                                Condition condition) {

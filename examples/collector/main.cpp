@@ -125,18 +125,16 @@ void print(std::ostream& stream, const std::string& root, const std::string& lin
 
 void collect(const Options& options) {
   const Signals signals;
-  std::map<std::string, Tree> trees;  // as the last whole tree left them
   unsigned long events = 0;
   orv::reporting::CollectorCallbacks callbacks;
-  callbacks.applied = [&](const std::string& root, const Event& event, const Tree& tree) {
+  callbacks.applied = [&](const std::string& root, const Event& event, const Tree& before,
+                         const Tree& tree) {
     ++events;
-    for (const std::string& line : summaryOf(event, trees[root], tree))
+    for (const std::string& line : summaryOf(event, before, tree))
       print(std::cout, root, line);
-    trees[root] = tree;
   };
   callbacks.changed = [&](const std::string& root, Condition condition) {
     print(std::cout, root + ":", textOf(condition));
-    if (condition == Condition::FORGOTTEN) trees.erase(root);
   };
   const auto tell = [](const std::string& line) { std::cerr << printable(line) << std::endl; };
   callbacks.problem = tell;

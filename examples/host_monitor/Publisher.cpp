@@ -10,7 +10,7 @@ namespace {
 class BrokerPublisher final : public Publisher {
  public:
   BrokerPublisher(const BrokerOptions& broker, const std::string& name)
-      : reporter_(name, tell), connection_(brokerOf(broker), reporter_, tell) {}
+      : reporter_(name, {{}, tell}), connection_(brokerOf(broker), reporter_, tell) {}
 
   void report(const std::shared_ptr<orv::device_tree::DeviceNode>& live) override {
     reporter_.report(live);

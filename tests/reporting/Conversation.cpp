@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "proto/monitoring/reporting.pb.h"
+#include "reporting/Publication.h"
 #include "reporting/Topics.h"
 
 namespace wire {

@@ -67,7 +67,7 @@ class Fleet {
     ReporterOptions options;
     options.seed = random();
     reporters.at(i) = std::make_unique<Reporter>(
-        i == 0 ? "a" : "b", [](const auto&) {}, options);
+        i == 0 ? "a" : "b", ReporterCallbacks{}, options);
     start(wire.sides.at(i), *reporters.at(i));
     for (const auto& [id, tree] : live) {
       if (tree && &reporterOf(id) == reporters.at(i).get()) reporters.at(i)->report(tree);
@@ -78,11 +78,9 @@ class Fleet {
     CollectorOptions options;
     options.seed = random();
     CollectorCallbacks callbacks;
-    callbacks.applied = [this](const std::string& id, const Event&, const Tree& tree) {
+    callbacks.applied = [this](const std::string& id, const Event&, const Tree&, const Tree& tree) {
       EXPECT_TRUE(!tree || had[id].count(bytesOf(tree)) == 1) << id << " never was like that";
     };
-    callbacks.changed = [](const auto&, Condition) {};
-    callbacks.problem = [](const auto&) {};
     collector = std::make_unique<Collector>(callbacks, options);
     start(wire.sides.back(), *collector);
   }

@@ -70,7 +70,7 @@ void report(const Broker& broker, const std::string& name, const std::string& se
   ReporterOptions options;  // quicker than usual: the test waits for them
   options.heartbeat = milliseconds(2000);
   options.treePause = milliseconds(1000);
-  Reporter reporter(name, say, options);
+  Reporter reporter(name, {{}, say}, options);
   Connection connection(broker, reporter, say);
   std::vector<Tree> trees;
   for (int number = 0; number < count; ++number) {
@@ -102,7 +102,7 @@ void report(const Broker& broker, const std::string& name, const std::string& se
 }
 
 void collect(const Broker& broker) {
-  Collector collector({[](const auto&...) {}, [](const auto&...) {}, say});
+  Collector collector({{}, {}, say});
   Connection connection(broker, collector, say);
   for (std::string order; order != "end"; order = nextOrder()) {
     if (order == "show") {

@@ -1,0 +1,119 @@
+#include "reporting/Flights.h"
+
+#include <algorithm>
+
+namespace orv::reporting {
+
+namespace {
+
+// A connection that lasts so long is good.
+constexpr std::chrono::seconds proof(1);
+// So many ends in a row are no accident.
+constexpr unsigned int enoughEnds = 2;
+
+}  // namespace
+
+void Flights::connected(Time now) {
+  window_ = isWindowSmall_ ? 1 : MOST;
+  isConnectionGood_ = false;
+  for (const auto& [root, doubt] : doubts_) {
+    if (doubt.pauses.count() > 0) continue;
+    retries_.drop(root);
+    retries_.at(root, now + proof);
+  }
+}
+
+Flights::Rest Flights::disconnected(Time now) {
+  Rest rest;
+  for (const auto& [number, root] : roots_) rest.roots.push_back(root);
+  isWindowSmall_ = !roots_.empty();
+  forget();
+  if (rest.roots.size() == 1) {
+    const std::string& root = rest.roots.front();
+    Doubt& doubt = doubts_[root];
+    if (isConnectionGood_) ++doubt.ends;
+    if (doubt.pauses.count() > 0 || doubt.ends >= enoughEnds) {
+      refuse(root, now);
+      rest.refused = root;
+    }
+  }
+  // It has lost its turn.
+  if (tried_ && isDoubted(*tried_) && !retries_.contains(*tried_)) retries_.at(*tried_, now);
+  tried_.reset();
+  return rest;
+}
+
+bool Flights::mayGo(const std::string& root) const {
+  if (isDoubted(root)) return roots_.empty();
+  const bool isAlone = tried_ && isOnItsWay(*tried_);
+  return !isAlone && roots_.size() < window_;
+}
+
+void Flights::goes(int number, const std::string& root) {
+  roots_.emplace(number, root);
+  numbers_.emplace(root, number);
+}
+
+std::string Flights::land(int number) {
+  const auto entry = roots_.find(number);
+  std::string root = entry->second;
+  roots_.erase(entry);
+  numbers_.erase(root);
+  if (root == tried_) tried_.reset();
+  return root;
+}
+
+std::optional<std::string> Flights::taken(int number, Time now) {
+  if (roots_.count(number) == 0) return std::nullopt;
+  std::string root = land(number);
+  trust(root);
+  window_ = std::min(window_ + 1, MOST);
+  if (!isConnectionGood_) {
+    isConnectionGood_ = true;
+    for (const auto& [other, doubt] : doubts_) {
+      if (doubt.pauses.count() == 0 && other != tried_) retries_.at(other, now);
+    }
+  }
+  return root;
+}
+
+std::optional<std::string> Flights::refused(int number, Time now) {
+  if (roots_.count(number) == 0) return std::nullopt;
+  std::string root = land(number);
+  refuse(root, now);
+  return root;
+}
+
+void Flights::refuse(const std::string& root, Time now) {
+  retries_.drop(root);
+  retries_.at(root, now + doubts_[root].pauses.next());
+}
+
+void Flights::rest() {
+  if (roots_.empty()) window_ = MOST;
+}
+
+void Flights::forget() {
+  roots_.clear();
+  numbers_.clear();
+}
+
+void Flights::trust(const std::string& root) {
+  if (doubts_.erase(root) == 0) return;
+  retries_.drop(root);
+  if (root == tried_) tried_.reset();
+}
+
+std::optional<std::string> Flights::retry(Time now) {
+  if (tried_) return std::nullopt;
+  retries_.advance(now);
+  if (const std::string* const root = retries_.first()) {
+    tried_ = *root;
+    retries_.drop(*tried_);
+  }
+  return tried_;
+}
+
+Time Flights::retryDue() const { return tried_ ? Time::max() : retries_.due(); }
+
+}  // namespace orv::reporting
