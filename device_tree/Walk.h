@@ -1,25 +1,34 @@
-// The one walk order of a tree. It goes depth first: a node, then the nodes below it. Sub-devices
-// come in the order of their keys. Entries without a node are passed over.
-//
-// The open levels are kept on the heap, so depth costs no stack. The tree must not change while it
-// is walked. One thing may change: the sub-devices of the node that was met last, because next()
-// looks at them when it is called.
 #pragma once
 
 #include <cstddef>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "device_tree/DeviceNode.h"
 
 namespace orv::device_tree {
 
+/// The one walk order of a tree, for programs that look at every device. It goes depth first: a
+/// node, then the nodes below it, sub-devices in the order of their keys. Entries without a node
+/// are passed over; a node that is filed in several places is met in each.
+///
+///     Walk walk(tree);
+///     while (const auto* entry = walk.next()) show((*entry)->getName(), walk.depth());
+///
+/// A walk owns nothing: the tree outlives it and does not change meanwhile. One thing may change:
+/// the sub-devices of the node that was met last, because `next` looks at them when it is called.
+/// A walk uses its tree on one thread, as any operation does.
+///
+/// All of a walk is O(n), n being the nodes of the tree. Open levels are kept on the heap, 40 bytes
+/// each, so depth costs no stack. A level without a further node is not kept: a chain of any length
+/// has one.
 class Walk {
  public:
-  // Walks the nodes below `root`; the root itself is not met.
+  /// Walks the nodes below `root`; the root itself is not met.
   explicit Walk(const DeviceNode& root) : met_(&root) {}
 
-  // The entry of the next node, nullptr at the end.
+  /// The entry of the next node, nullptr at the end. Throws std::bad_alloc.
   const std::shared_ptr<DeviceNode>* next() {
     if (met_ != nullptr && !met_->getSubDevices().empty()) {
       const auto& subDevices = met_->getSubDevices();
@@ -44,13 +53,15 @@ class Walk {
     return nullptr;
   }
 
-  // Passes over the nodes below the one met last.
+  /// Passes over the nodes below the one met last. Constant time.
   void skipBelow() { met_ = nullptr; }
 
-  // Of the node met last: how many levels below the root, its place in the walk (the root's is 0),
-  // its parent and the parent's place. At the end the depth is 0 and there is no parent.
+  /// Of the node met last: how many levels it is below the root; 0 at the end. Constant time, as
+  /// are the following.
   std::size_t depth() const { return levels_.empty() ? 0 : levels_.back().depth; }
+  /// Its place among the nodes met, the first one's being 1. The root's is 0.
   std::size_t position() const { return position_; }
+  /// Its parent, and the parent's place. There is none at the end.
   const DeviceNode& parent() const { return *levels_.back().parent; }
   std::size_t parentPosition() const { return levels_.back().parentPosition; }
 
@@ -68,15 +79,20 @@ class Walk {
   std::vector<Level> levels_;
 };
 
-// Visits the root and then the nodes below it, until the visitor returns true. Whether it has.
-template <typename Visit>
-bool anyNode(DeviceNode& root, Visit visit) {
-  if (visit(root)) return true;
+/// Visits the root and then the nodes below it in walk order, until the visitor returns true.
+/// Returns whether it has. The visitor is given a `DeviceNode&`, of a const root a
+/// `const DeviceNode&`. Throws std::bad_alloc, and what the visitor throws. O(nodes visited).
+template <typename Root, typename Visit>
+bool anyNode(Root& root, Visit visit) {
+  using Node = std::conditional_t<std::is_const_v<Root>, const DeviceNode, DeviceNode>;
+  Node* node = &root;
   Walk walk(root);
-  while (const auto* node = walk.next()) {
-    if (visit(**node)) return true;
+  while (!visit(*node)) {
+    const auto* const entry = walk.next();
+    if (entry == nullptr) return false;
+    node = entry->get();
   }
-  return false;
+  return true;
 }
 
 }  // namespace orv::device_tree

@@ -17,8 +17,7 @@ mv "$prefix.staged" "$prefix"
   refuse "What is installed must not name these directories"
 find "$prefix" -name liborv_\*.so ! -name liborv_monitoring_proto.so ! -exec sh -c 'readelf -d "$1" | grep -q -F "[\$ORIGIN]"' - {} \; -print |
   refuse "The library is not looked for beside itself"
-find "$prefix" -name Walk.h -o -name Comparison.h |
-  refuse "Internal headers must not be installed"
+find "$prefix" -name Comparison.h | refuse "An internal header must not be installed"
 
 cd "$prefix/include/orv"
 find . -name '*.h' ! -name '*.pb.h' -printf '#include "%P"\n' | while read -r include; do
