@@ -1,17 +1,17 @@
-// The yardstick: what one would write by hand for one's own trees. It walks both side by side,
+// The yardstick: what one would write for one's own trees. It walks both side by side,
 // compares everything once, and relies on identifiers that do not repeat.
 #pragma once
 
 #include <algorithm>
-#include <utility>
 #include <vector>
 
-#include "device_tree/DeviceNode.h"
+#include "device_tree/Walk.h"
 
 namespace bench {
 
 using orv::device_tree::DeviceNode;
 using orv::device_tree::NamedStatus;
+using orv::device_tree::Walk;
 
 struct Difference {
   const DeviceNode* device;
@@ -57,21 +57,16 @@ inline bool compareDevice(const DeviceNode& oldNode, const DeviceNode& newNode,
 inline bool lockStep(const DeviceNode& oldTree, const DeviceNode& newTree,
                      std::vector<Difference>& changes) {
   changes.clear();
-  std::vector<std::pair<const DeviceNode*, const DeviceNode*>> open{{&oldTree, &newTree}};
-  while (!open.empty()) {
-    const auto [oldNode, newNode] = open.back();
-    open.pop_back();
-    const auto& oldBelow = oldNode->getSubDevices();
-    const auto& newBelow = newNode->getSubDevices();
-    if (!compareDevice(*oldNode, *newNode, changes) || oldBelow.size() != newBelow.size()) {
-      return false;
-    }
-    auto newEntry = newBelow.rbegin();
-    for (auto oldEntry = oldBelow.rbegin(); oldEntry != oldBelow.rend(); ++oldEntry, ++newEntry) {
-      open.emplace_back(oldEntry->second.get(), newEntry->second.get());
-    }
+  if (!compareDevice(oldTree, newTree, changes)) return false;
+  Walk oldWalk(oldTree);
+  Walk newWalk(newTree);
+  while (true) {
+    const auto* const oldEntry = oldWalk.next();
+    const auto* const newEntry = newWalk.next();
+    if (oldWalk.depth() != newWalk.depth()) return false;
+    if (oldEntry == nullptr) return true;
+    if (!compareDevice(**oldEntry, **newEntry, changes)) return false;
   }
-  return true;
 }
 
 }  // namespace bench

@@ -10,9 +10,11 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Benchmarks.h"
 #include "bench/PlainDefinition.h"
+#include "device_tree/Walk.h"
 
 namespace bench {
 
@@ -20,6 +22,7 @@ namespace {
 
 namespace proto = orv::proto::monitoring;
 using nlohmann::json;
+using orv::device_tree::Walk;
 
 Way plainWay(std::size_t mostDevices) {
   return {"plain definition",
@@ -89,7 +92,7 @@ json valueOf(const NamedStatus& status) {
   return boost::apply_visitor([](const auto& value) { return json(value); }, status.getValue());
 }
 
-json toJson(const DeviceNode& device) {
+json ownJson(const DeviceNode& device) {
   json object{{"id", device.getDeviceId()},
               {"name", device.getName()},
               {"class", static_cast<int>(device.getDeviceClass())},
@@ -103,8 +106,19 @@ json toJson(const DeviceNode& device) {
     object["statuses"][name] = {{"type", static_cast<int>(status->getType())},
                                 {"value", valueOf(*status)}};
   }
-  for (const auto& [key, subDevice] : device.getSubDevices()) {
-    object["sub_devices"][key] = toJson(*subDevice);
+  return object;
+}
+
+json toJson(const DeviceNode& root) {
+  json object = ownJson(root);
+  std::vector<json*> open{&object};  // one for each level above the node met
+  Walk walk(root);
+  while (const auto* entry = walk.next()) {
+    const DeviceNode& device = **entry;
+    open.resize(walk.depth());
+    json& made = (*open.back())["sub_devices"][device.getDeviceId()];
+    made = ownJson(device);
+    open.push_back(&made);
   }
   return object;
 }
