@@ -1,13 +1,10 @@
 #include "device_tree/ConfigurationDifference.h"
 
-#include <list>
 #include <map>
-#include <memory>
 #include <utility>
 #include <vector>
 
 #include "device_tree/Comparison.h"
-#include "device_tree/Utils.h"
 
 namespace orv::device_tree {
 

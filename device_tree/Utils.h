@@ -68,28 +68,6 @@ ORV_DEVICE_TREE_EXPORT void GetStatusDifferences(
     std::list<std::pair<std::string, GlobalStatus>>& globalStatusChanges,
     std::list<std::pair<std::string, std::shared_ptr<NamedStatus>>>& namedStatusChanges) noexcept;
 
-/// Appends what differs between the two configurations. A device that was added or removed stands
-/// for its whole subtree. An absent tree has no devices. A root of another identifier is another
-/// tree.
-///
-/// A sub-device is compared with the one of the same identifier directly below the device that its
-/// parent is compared with. Entries come in walk order: of a device its name, its properties, its
-/// statuses, then its sub-devices, each in the order of their keys. What is filed under one key in
-/// both trees comes in the place of the old one.
-///
-/// A status also counts as one of another type where the object filed under the key carries another
-/// name. An entry that holds an object in one tree only counts as changed.
-///
-/// Where no identifier repeats within a tree, entries are appended exactly when
-/// `IsSameConfiguration` is false. Where one does, that function may compare other devices, and
-/// either may find a difference where the other finds none.
-///
-/// Throws std::bad_alloc, and then has appended nothing. Where the trees are in step it costs O(n),
-/// at most twice a walk over both. A sub-device out of step costs a search among its siblings.
-ORV_DEVICE_TREE_EXPORT void GetConfigurationDifferences(
-    const std::shared_ptr<DeviceNode>& oldTree, const std::shared_ptr<DeviceNode>& newTree,
-    std::list<ConfigurationDifference>& differences);
-
 /// Makes the event that leads from one tree to another, and carries it out.
 class ORV_DEVICE_TREE_EXPORT EventHelper {
  public:
