@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "Benchmarks.h"
-#include "bench/PlainDefinition.h"
 #include "device_tree/Walk.h"
+#include "tests/PlainDefinition.h"
 
 namespace bench {
 

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "bench/PlainDefinition.h"
+#include "tests/PlainDefinition.h"
 
 namespace {
 
