@@ -1,9 +1,15 @@
 // Random lives, for the fuzzer and the tests: bytes become messages and the calls of a careless
-// caller, and each result is held against plain code. A broken promise is a std::logic_error.
+// caller, and each result is held against plain code. A broken promise is a std::logic_error that
+// tells the trees, the event and the edits that led there.
 
+#include <google/protobuf/stubs/logging.h>
+
+#include <array>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 
+#include "device_tree/Walk.h"
 #include "tests/PlainDefinition.h"
 
 namespace {
@@ -45,33 +51,44 @@ std::vector<AnyNode> walk(const AnyNode& root) {
   return nodes;
 }
 
-// Everything that a tree holds, each value with its kind and bits.
-std::string describe(const NodeRead& node) {
+// Everything that a tree holds, each value with its kind: for a person, and two are equal only if
+// the trees are. Texts have their length in front.
+std::string describe(const NodeRead& node, const std::string& lead = "\n  ") {
+  if (!node) return " none";
   std::string out;
   const auto put = [&out](const auto& value) {
-    if constexpr (std::is_convertible_v<decltype(value), std::string>) {
+    out += ' ';
+    if constexpr (std::is_same_v<decltype(value), const std::string&>) {
       out += std::to_string(value.size()) + ':' + value;
+    } else if constexpr (std::is_convertible_v<decltype(value), std::string>) {
+      out += value;  // a label
     } else {
-      out.append(reinterpret_cast<const char*>(&value), sizeof value);
+      std::array<char, 32> digits{};
+      out.append(digits.data(), std::to_chars(digits.begin(), digits.end(), +value).ptr);
     }
   };
-  const auto putAll = [&put](const auto&... values) { (put(values), ...); };
-  if (!node) return out;
-  putAll(node->id, node->name, node->deviceClass, node->health.level, node->health.message);
+  const auto line = [&](const auto&... values) {
+    out += lead;
+    (put(values), ...);
+  };
+  line("device", node->id, node->name, "class", node->deviceClass, "health", node->health.level,
+       node->health.message);
   for (const auto& [key, property] : node->properties) {
-    put("property " + key);
-    if (!property) continue;
-    putAll(property->name, property->type, boost::get<std::string>(property->value));
+    line(" property", key);
+    if (property)
+      line("  is", property->name, property->type, boost::get<std::string>(property->value));
   }
   for (const auto& [key, status] : node->statuses) {
-    put("status " + key);
+    line(" status", key);
     if (!status) continue;
-    putAll(status->getName(), status->getType(), status->isValueSet());
-    boost::apply_visitor(put, status->getValue());
+    const auto& value = status->getValue();
+    line("  is", status->getName(), status->getType(), status->isValueSet() ? "set" : "not set",
+         value.which());
+    boost::apply_visitor(put, value);
   }
   for (const auto& [key, subDevice] : node->subDevices) {
-    put("sub-device " + key);
-    out += "{" + describe(subDevice) + "}";
+    line(" sub-device", key);
+    out += describe(subDevice, lead + "    ");
   }
   return out;
 }
@@ -144,8 +161,36 @@ bool remove(Node& node, const std::string& key, bool recursive) {
 // The plain definition of a comparison takes too long for larger trees.
 constexpr std::size_t MOST_NODES = 30;
 
-void check(bool holds, const char* promise) {
-  if (!holds) throw std::logic_error(promise);
+// Bytes that a terminal does not show come as numbers.
+std::string readable(const std::string& text) {
+  std::string out;
+  for (const char c : text) {
+    const bool isShown = c == '\n' || (c >= ' ' && c <= '~');
+    out += isShown ? std::string(1, c) : '\\' + std::to_string(static_cast<unsigned char>(c));
+  }
+  return out;
+}
+
+void check(bool holds, const std::string& promise) {
+  if (!holds) throw std::logic_error(readable(promise));
+}
+
+void checkSame(const std::string& is, const std::string& expected, const char* promise) {
+  if (is != expected) check(false, promise + ("\nIs: " + is) + "\nExpected: " + expected);
+}
+
+template <typename Message>
+void checkSame(const Message& is, const Message& expected, const char* promise) {
+  if (is.SerializeAsString() == expected.SerializeAsString()) return;
+  checkSame(is.ShortDebugString(), '\n' + expected.ShortDebugString(), promise);
+}
+
+// When the action breaks a promise, what `tell` returns comes after it.
+template <typename Action, typename Tell>
+void explain(Action action, Tell tell) try {
+  action();
+} catch (const std::logic_error& broken) {
+  throw std::logic_error(broken.what() + ('\n' + readable(tell())));
 }
 
 class Input {
@@ -219,20 +264,20 @@ NamedStatus anyStatus(Input& input) {
   return status;
 }
 
+// Describes the tree that is made, or says why it is refused.
+template <typename Make>
+std::string outcomeOf(Make make) try {
+  return describe(make());
+} catch (const std::runtime_error& refused) {
+  return refused.what();
+}
+
 NodePtr build(const proto::DeviceNode& message) {
   NodePtr built;
-  std::string refusal;
-  try {
-    built = std::make_shared<DeviceNode>(message);
-  } catch (const std::runtime_error& refused) {
-    refusal = refused.what();
-  }
-  try {
-    check(describe(built) == describe(read(message)),
-          "a message builds the tree that it describes");
-  } catch (const std::runtime_error& refused) {
-    check(refusal == refused.what(), "a message is refused as its definition says");
-  }
+  const auto outcome = outcomeOf([&] { return built = std::make_shared<DeviceNode>(message); });
+  const auto expected = outcomeOf([&] { return read(message); });
+  explain([&] { checkSame(outcome, expected, "a message builds its tree or is refused"); },
+          [&] { return "Message: " + message.ShortDebugString(); });
   return built;
 }
 
@@ -242,68 +287,83 @@ Map& mutableMap(const Map& entries) {
   return const_cast<Map&>(entries);  // NOLINT(cppcoreguidelines-pro-type-const-cast)
 }
 
+// From SPOILT on the configuration changes.
+enum Edit { VALUE, KEY, OWN, SPOILT, ID, PROPERTY, STATUS, SUB_DEVICE, REMOVAL, EDITS };
+
 // Changes one of the nodes, which belong to several trees or to none; the configuration on request
-// only.
-void edit(Input& input, std::vector<NodePtr>& nodes, bool configuration) {
-  const NodePtr node = input.pick(nodes);
+// only. Appends to the story what it does.
+void edit(Input& input, std::vector<NodePtr>& nodes, bool configuration, std::string& story) {
+  const std::size_t number = input.below(nodes.size());
+  const NodePtr node = nodes[number];
   const std::string before = describe(node);
   const auto expected = read(node);
   const std::string text = input.text();
-  const std::size_t kind = input.below(configuration ? 9 : 3);
-  std::string error = kind == 2 ? "" : "left over";
+  const auto kind = static_cast<Edit>(input.below(configuration ? EDITS : SPOILT));
+  const auto tell = [&](const std::string& what) {
+    story += "\n  node " + std::to_string(number) + ", \"" + expected->id + "\": " + what;
+  };
+  std::string error = kind == OWN ? "" : "left over";
   std::string refusal;
   bool done = true;
-  if (kind == 0) {
+  if (kind == VALUE) {
     const auto entry = node->getStatuses().find(text);
     const auto status = entry == node->getStatuses().end() ? nullptr : entry->second;
     check(node->getStatus(text) == status, "a query hands out the tree's own object");
     const NamedStatus given = anyStatus(input);
+    if (status) tell("value of status " + text + ", as of " + given.debugString());
     if (status && given.isValueSet()) status->setValue(given.getValue());
     if (status && !given.isValueSet()) status->unsetValue();
     return;
   }
-  if (kind == 1) {  // as if a sub-device had been attached without an identifier and then got it
+  if (kind == KEY) {
     auto& entries = mutableMap(node->getSubDevices());
     if (entries.empty() || entries.count("") != 0) return;
     const auto place = static_cast<std::ptrdiff_t>(input.below(entries.size()));
     auto entry = entries.extract(std::next(entries.begin(), place));
+    tell("no key for sub-device " + entry.key());
     entry.key().clear();
     entries.insert(std::move(entry));
     return;
   }
-  if (kind == 3) {  // entries without an object; another type, another value
+  if (kind == SPOILT) {
     if (input.oneIn(4)) mutableMap(node->getProperties())[text] = nullptr;
     const auto other = std::make_shared<NamedStatus>(text, input.anyOf<NamedStatus::Type>());
     if (input.oneIn(2)) mutableMap(node->getStatuses())[text] = input.oneIn(2) ? other : nullptr;
     if (input.oneIn(4)) mutableMap(node->getSubDevices())[text] = nullptr;
     const auto property = node->getProperties().begin();
     if (property != node->getProperties().end() && property->second) property->second->value = text;
+    tell("spoilt with " + text + " to" + describe(node));
     return;
   }
-  if (kind == 2) {
+  if (kind == OWN) {
     expected->deviceClass = input.anyOf();
     expected->health = {input.anyOf<GlobalStatus::Level>(), text};
     if (configuration) expected->name = text;
+    tell("class " + std::to_string(expected->deviceClass) + ", name " + expected->name +
+         ", health " + expected->health.debugString());
     node->setDeviceClass(static_cast<DeviceNode::DeviceClass>(expected->deviceClass));
     node->setGlobalStatus(expected->health);
     node->setName(expected->name);
-  } else if (kind == 4) {
+  } else if (kind == ID) {
+    tell("setDeviceId " + text);
     if (!expected->id.empty()) refusal = "Cannot change a device ID";
     if (expected->id.empty()) expected->id = text;
     done = node->setDeviceId(text, error);
-  } else if (kind == 5) {
+  } else if (kind == PROPERTY) {
     const Property property(text, input.anyOf<Property::Type>(), input.text());
+    tell("addProperty " + property.debugString());
     const auto [entry, isNew] = expected->properties.try_emplace(text);
     if (isNew) entry->second = std::make_shared<Property>(property);
     if (!isNew) refusal = "Property " + text + " already exists";
     done = node->addProperty(property, error);
-  } else if (kind == 6) {
+  } else if (kind == STATUS) {
     const NamedStatus status = anyStatus(input);
+    tell("addStatus " + status.debugString());
     const auto [entry, isNew] = expected->statuses.try_emplace(status.getName());
     if (isNew) entry->second = std::make_shared<NamedStatus>(status);
     if (!isNew) refusal = "Status " + status.getName() + " already exists";
     done = node->addStatus(status, error);
-  } else if (kind == 7) {
+  } else if (kind == SUB_DEVICE) {
     NodePtr subDevice = input.oneIn(3) ? input.pick(nodes) : nullptr;
     if (!subDevice && !input.oneIn(16)) {
       subDevice =
@@ -311,6 +371,9 @@ void edit(Input& input, std::vector<NodePtr>& nodes, bool configuration) {
       nodes.push_back(subDevice);
     }
     const bool replace = input.oneIn(2);
+    tell((replace ? "addSubDevice, replace, node " : "addSubDevice, node ") +
+         std::to_string(std::find(nodes.begin(), nodes.end(), subDevice) - nodes.begin()) +
+         describe(subDevice));
     const std::string id = subDevice ? subDevice->getDeviceId() : "";
     const auto isParent = [&](const auto& below) { return below->getDeviceId() == expected->id; };
     const auto all = walk(subDevice);
@@ -325,38 +388,41 @@ void edit(Input& input, std::vector<NodePtr>& nodes, bool configuration) {
     }
     done = node->addSubDevice(subDevice, replace, error);
     if (done && id.empty() && input.oneIn(2)) {  // a device below one of the same identifier
+      tell("its identifier for the new sub-device as well");
       subDevice->setDeviceId(expected->id, error);
       return;
     }
     for (const auto& any : nodes) {
       if (walk(any).size() <= MOST_NODES) continue;
+      tell("too large, sub-device " + id + " taken out again");
       mutableMap(node->getSubDevices()).erase(id);
       return;
     }
   } else {
     const bool recursive = input.oneIn(2);
+    tell((recursive ? "removeSubDevice, recursive, " : "removeSubDevice ") + text);
     if (!remove(*expected, text, recursive)) refusal = text + " not found";
     done = node->removeSubDevice(text, recursive, error);
   }
-  check(done == refusal.empty(), "an operation is refused as its definition says");
-  check(error == (done ? "" : expected->refuse(refusal)), "with the text of the refusal");
-  check(describe(node) == (done ? describe(expected) : before),
-        "an operation has its effect and no other");
+  checkSame(done ? "done" + error : error, refusal.empty() ? "done" : expected->refuse(refusal),
+            "an operation is refused as its definition says");
+  checkSame(describe(node), done ? describe(expected) : before,
+            "an operation has its effect and no other");
 }
 
 void checkMessages(const NodePtr& tree, proto::DeviceNode& kept) {
   proto::DeviceNode expected;
   write(*read(tree), expected);
   tree->toProtoBuf(kept);
-  check(kept.SerializeAsString() == expected.SerializeAsString(), "a tree is written as it is");
-  check(tree->toProtoBuf().SerializeAsString() == expected.SerializeAsString(), "at each call");
+  checkSame(kept, expected, "a tree is written as it is");
+  checkSame(tree->toProtoBuf(), expected, "at each call");
   build(kept);
 }
 
 void checkCopy(const NodePtr& tree) {
   const auto copied = std::make_shared<DeviceNode>(*tree);
-  check(describe(copied) == describe(tree), "a copy is equal");
-  check(copied->debugString() == tree->debugString(), "in words as well");
+  checkSame(describe(copied), describe(tree), "a copy is equal");
+  checkSame(copied->debugString(), tree->debugString(), "in words as well");
   for (const auto& node : walk(copied)) {
     bool isOwn = node.use_count() == 2;  // beside the owner the list just made
     for (const auto& [key, property] : node->getProperties()) isOwn &= property.use_count() <= 1;
@@ -367,6 +433,9 @@ void checkCopy(const NodePtr& tree) {
 
 void checkQueries(const NodePtr& tree, const std::string& text) {
   const auto nodes = walk(tree);
+  std::size_t place = 0;
+  const auto isOther = [&](const DeviceNode& met) { return &met != nodes.at(place++).get(); };
+  check(!anyNode(std::as_const(*tree), isOther) && place == nodes.size(), "a walk meets all nodes");
   const auto statuses = tree->getAllStatuses();
   std::map<std::string, NodePtr> first;
   for (const auto& node : nodes) first.try_emplace(node->getDeviceId(), node);
@@ -447,7 +516,8 @@ void checkApplying(Input& input, const NodePtr& oldTree, const NodePtr& newTree,
   received.ParsePartialFromString(event.SerializePartialAsString());
   NodePtr snapshot = oldTree ? std::make_shared<DeviceNode>(*oldTree) : nullptr;
   NodePtr follower = oldTree && exact ? build(oldTree->toProtoBuf()) : nullptr;
-  for (auto& [applied, tree] : {std::tie(event, snapshot), std::tie(received, follower)}) {
+  const auto tell = [&event] { return "Event applied: " + event.ShortDebugString(); };
+  const auto apply = [&](const Event& applied, NodePtr& tree) {
     const std::string before = describe(tree);
     const NodePtr held = tree;
     const auto changed = tree ? std::make_shared<DeviceNode>(*tree) : nullptr;
@@ -455,22 +525,23 @@ void checkApplying(Input& input, const NodePtr& oldTree, const NodePtr& newTree,
     const bool done = EventHelper::ApplyEvent(applied, tree, error);
     const std::string after = describe(tree);
     check(done == error.empty(), "a refused event has a text");
-    check(done || after == before, "a refused event changes nothing");
+    if (!done) checkSame(after, before, "a refused event changes nothing");
     check(done && applied.event_type() != Event::STATUS_CHANGE ? describe(held) == before
                                                                : tree == held,
           "a tree is changed in place or let go as it was");
     if (changed && isUnique(changed) && applied.has_event_type() &&
         applied.event_type() == Event::STATUS_CHANGE) {
       check(done == changeStatuses(changes, changed), "changes are refused as a whole");
-      check(!done || after == describe(changed), "changes are carried out");
+      if (done) checkSame(after, describe(changed), "changes are carried out");
     }
     check(!done || EventHelper::ApplyEvent(applied, tree, error), "an event is applied twice");
-    check(describe(tree) == after, "applied twice is applied once");
+    checkSame(describe(tree), after, "applied twice is applied once");
     Event none;
     check(!exact || (done && !EventHelper::ComputeEvent(tree, newTree, none)),
-          "an event leads from the old tree to the new one");
-    if (!exact) return;
-  }
+          "an event leads from the old tree to the new one, but here to" + after);
+  };
+  explain([&] { apply(event, snapshot); }, tell);
+  if (exact) explain([&] { apply(received, follower); }, tell);
 }
 
 template <typename Map, typename Report>
@@ -481,11 +552,11 @@ void forEachKey(const Map& oldMap, const Map& newMap, Report report) {
   for (const auto& [key, pair] : pairs) report(key, pair.first, pair.second);
 }
 
-void listDifferences(const NodeRead& before, const NodeRead& after, std::list<std::string>& list) {
+void listDifferences(const NodeRead& before, const NodeRead& after, std::string& list) {
   const Node& device = *(after ? after : before);
   const auto add = [&](std::string what, auto& oldEntry, auto& newEntry, auto change, auto name) {
     what += !oldEntry ? " added" : !newEntry ? " removed" : change;
-    list.push_back(device.id + ": " + what + "|" + name);
+    list += "\n  " + device.id + ": " + what + "|" + name;
   };
   if (!before || !after) return add("device", before, after, "", device.name);
   if (before->name != after->name) {
@@ -506,18 +577,18 @@ void listDifferences(const NodeRead& before, const NodeRead& after, std::list<st
 void checkDifferences(const NodePtr& oldTree, const NodePtr& newTree, bool same) {
   std::list<orv::device_tree::ConfigurationDifference> differences(1);  // appended to
   utils::GetConfigurationDifferences(oldTree, newTree, differences);
-  std::list<std::string> listed;
+  std::string listed;
   for (const auto& difference : differences) {
-    listed.push_back(difference.debugString() + "|" + difference.name);
+    listed += "\n  " + difference.debugString() + "|" + difference.name;
   }
-  check(same == (listed.size() == 1) || !isUnique(oldTree) || !isUnique(newTree),
+  check(same == (differences.size() == 1) || !isUnique(oldTree) || !isUnique(newTree),
         "configurations that differ have differences");
   if (same || !isRegular(oldTree) || !isRegular(newTree)) return;
-  std::list<std::string> expected{": device added|"};
+  std::string expected = "\n  : device added|";
   const bool replaced = oldTree && newTree && oldTree->getDeviceId() != newTree->getDeviceId();
   if (replaced) listDifferences(read(oldTree), nullptr, expected);
   listDifferences(replaced ? nullptr : read(oldTree), read(newTree), expected);
-  check(listed == expected, "the differences of two configurations");
+  checkSame(listed, expected, "the differences of two configurations");
 }
 
 void writeChanges(const GlobalChanges& healths, const NamedChanges& statuses, Event& event) {
@@ -532,7 +603,8 @@ void writeChanges(const GlobalChanges& healths, const NamedChanges& statuses, Ev
 
 void checkComparison(Input& input, const NodePtr& oldTree, const NodePtr& newTree, Event& event) {
   const bool same = isSameConfiguration(oldTree, newTree);
-  check(utils::IsSameConfiguration(oldTree, newTree) == same, "same configuration");
+  check(utils::IsSameConfiguration(oldTree, newTree) == same,
+        same ? "IsSameConfiguration: it is the same" : "IsSameConfiguration: it differs");
   checkDifferences(oldTree, newTree, same);
 
   GlobalChanges healths, expectedHealths;
@@ -561,24 +633,22 @@ void checkComparison(Input& input, const NodePtr& oldTree, const NodePtr& newTre
     auto& removal = *expected.MutableExtension(proto::DeviceRemoveEvent::base);
     removal.set_device_id(oldTree->getDeviceId());
   } else if (!same) {
-    auto& content = *expected.MutableExtension(proto::ConfigurationChangeEvent::base);
-    write(*read(newTree), *content.mutable_device());
+    write(*read(newTree),
+          *expected.MutableExtension(proto::ConfigurationChangeEvent::base)->mutable_device());
   } else if (expected.has_event_type()) {
     writeChanges(expectedHealths, expectedStatuses, expected);
   }
   const bool computed = EventHelper::ComputeEvent(oldTree, newTree, event);
+  checkSame(event, expected, "the event says what differs");
   check(computed == expected.has_event_type(), "an event exactly when something differs");
-  check(event.SerializeAsString() == expected.SerializeAsString(), "the event says what differs");
   if (computed) checkApplying(input, oldTree, newTree, event);
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+// One life. Appends to the story the trees that it begins with, and each edit.
+void live(Input input, std::string& story) {
   static Event event;  // kept from call to call, as a reporting process keeps it
   static proto::DeviceNode message;
 
-  Input input({reinterpret_cast<const char*>(data), size});
   std::vector<NodePtr> trees;
   for (std::size_t i = 0; i < 2; ++i) {
     message.Clear();
@@ -591,20 +661,37 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   trees.push_back(live);
   std::vector<NodePtr> nodes;
   for (const auto& tree : trees) {
+    story += "\nNodes from " + std::to_string(nodes.size()) + ':' + describe(tree);
     for (const auto& node : walk(tree)) nodes.push_back(node);
   }
   for (const std::size_t edits : {32U, 16U, 2U}) {  // those in the middle of the state only
-    while (!input.atEnd() && !input.oneIn(edits)) edit(input, nodes, edits != 16);
+    story += "\nEdits before the next copy:";
+    while (!input.atEnd() && !input.oneIn(edits)) edit(input, nodes, edits != 16, story);
     trees.push_back(std::make_shared<DeviceNode>(*live));
   }
 
   const std::string text = input.text();
   for (const auto& oldTree : trees) {
-    for (const auto& newTree : trees) checkComparison(input, oldTree, newTree, event);
-    if (!oldTree) continue;
-    checkMessages(oldTree, message);
-    checkCopy(oldTree);
-    checkQueries(oldTree, text);
+    for (const auto& newTree : trees) {
+      const auto checkAll = [&] {
+        checkComparison(input, oldTree, newTree, event);
+        if (!oldTree || oldTree != newTree) return;
+        checkMessages(oldTree, message);
+        checkCopy(oldTree);
+        checkQueries(oldTree, text);
+      };
+      explain(checkAll,
+              [&] { return "Old tree:" + describe(oldTree) + "\nNew tree:" + describe(newTree); });
+    }
   }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const google::protobuf::LogSilencer silence;  // about texts that are not UTF-8
+  const Input input({reinterpret_cast<const char*>(data), size});
+  std::string story;
+  explain([&] { live(input, story); }, [&] { return "How it came to this:" + story; });
   return 0;
 }
