@@ -29,18 +29,18 @@ install(FILES
   ${PROJECT_BINARY_DIR}/${PROJECT_NAME}-config.cmake
   ${PROJECT_BINARY_DIR}/${PROJECT_NAME}-config-version.cmake
   DESTINATION ${config_install_dir}
-  COMPONENT development)
-install(EXPORT ${PROJECT_NAME}
+  COMPONENT device_tree_development)
+install(EXPORT device_tree
   FILE ${PROJECT_NAME}-targets.cmake
   NAMESPACE orv::
   DESTINATION ${config_install_dir}
-  COMPONENT development)
+  COMPONENT device_tree_development)
 install(FILES ${PROJECT_BINARY_DIR}/${PROJECT_NAME}.pc
   DESTINATION ${pc_install_dir}
-  COMPONENT development)
+  COMPONENT device_tree_development)
 install(FILES ${PROJECT_SOURCE_DIR}/docs/receiver.py
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liborv-device-tree-dev/examples
-  COMPONENT development)
+  COMPONENT device_tree_development)
 
 if(ORV_BUILD_REPORTING)
   # A shared library brings libmosquitto by itself.
@@ -50,7 +50,7 @@ if(ORV_BUILD_REPORTING)
   endif()
   configure_file(${CMAKE_CURRENT_LIST_DIR}/orv-reporting.pc.in orv-reporting.pc @ONLY)
 
-  install(EXPORT ${PROJECT_NAME}-reporting
+  install(EXPORT reporting
     FILE ${PROJECT_NAME}-reporting-targets.cmake
     NAMESPACE orv::
     DESTINATION ${config_install_dir}

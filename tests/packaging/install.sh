@@ -15,7 +15,7 @@ mv "$prefix.staged" "$prefix"
 
 { grep -rI -F -e "$source_dir" -e "$build" "$prefix" || true; } |
   refuse "What is installed must not name these directories"
-find "$prefix" -name liborv_\*.so ! -name liborv_monitoring_proto.so ! -exec sh -c 'readelf -d "$1" | grep -q -F "[\$ORIGIN]"' - {} \; -print |
+find "$prefix" -name liborv_\*.so ! -exec sh -c 'readelf -d "$1" | grep -q -F "[\$ORIGIN]"' - {} \; -print |
   refuse "The library is not looked for beside itself"
 find "$prefix" -name Comparison.h | refuse "An internal header must not be installed"
 

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Shows what of the binary interface below PREFIX is gone (-) or new (+) since interface.txt was
 # written: names that are exported, sizes, bases and virtual functions of classes. A name that is
-# gone, and any change of a class, breaks linked programs and needs a new major version.
+# gone, and any change of a class, breaks linked programs and needs a new major version, or in
+# orv::reporting a new minor one.
 #   ./tests/packaging/interface.sh PREFIX [--update]
 set -euo pipefail
 export LC_ALL=C
