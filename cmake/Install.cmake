@@ -38,7 +38,7 @@ install(EXPORT device_tree
 install(FILES ${PROJECT_BINARY_DIR}/${PROJECT_NAME}.pc
   DESTINATION ${pc_install_dir}
   COMPONENT device_tree_development)
-install(FILES ${PROJECT_SOURCE_DIR}/docs/receiver.py
+install(FILES ${PROJECT_SOURCE_DIR}/examples/receiver.py
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liborv-device-tree-dev/examples
   COMPONENT device_tree_development)
 

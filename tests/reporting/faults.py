@@ -284,7 +284,7 @@ def receiver_in_python(stage):
     path = stage.directory / "receiver"
     with open(path, "w") as output:
         receiver = subprocess.Popen(
-            [sys.executable, "-B", f"{SOURCES}/docs/receiver.py", "--broker",
+            [sys.executable, "-B", f"{SOURCES}/examples/receiver.py", "--broker",
              f"localhost:{stage.port}", "hall/a/0"], stdout=output, stderr=output,
             env=os.environ | {"PYTHONPATH": str(stage.directory)})
     wait("events", lambda: path.read_text().count("STATUS_CHANGE applied") > 2)
