@@ -41,17 +41,8 @@ elif [ ! -e "$pages/performance.md" ]; then
   cp docs/performance.md "$pages/performance.md"
 fi
 
-work=$(mktemp -d)
-trap 'kill ${broker:-} 2>/dev/null || true; wait; rm -rf "$work"' EXIT
-port=18930
-while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
-configuration=$PWD/examples/broker/mosquitto.conf
-(cd "$work" && PATH=/usr/sbin:$PATH exec mosquitto -c "$configuration" -p $port >log 2>&1) &
-broker=$!
-until (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do
-  kill -0 $broker || { cat "$work/log" >&2; exit 1; }
-  sleep 0.1
-done
-build/bench/bench/orv_fleet_bench "${options[@]}" "mqtt://127.0.0.1:$port" >build/bench/fleet.json
+. scripts/functions.sh
+start_broker
+build/bench/bench/orv_fleet_bench "${options[@]}" "$broker" >build/bench/fleet.json
 /usr/bin/python3 bench/report.py build/bench/fleet.json "$pages"
 echo "Wrote the last section of $pages/performance.md"

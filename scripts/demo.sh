@@ -7,18 +7,12 @@ cd "$(dirname "$0")/.."
 heading() { printf '\n== %s ==\n\n' "$1"; }
 
 ./scripts/dependencies.sh build
-log=$(mktemp)
-trap 'rm -f "$log"' EXIT
-echo "Building the examples into build/demo ..."
-if ! { cmake --preset release -B build/demo -DORV_BUILD_TESTS=OFF &&
-  cmake --build build/demo --target host_monitor snapshot_diff; } >"$log" 2>&1; then
-  cat "$log" >&2
-  exit 1
-fi
+. scripts/functions.sh
+build_examples host_monitor snapshot_diff
 
 heading "This machine as a device tree, and what changed after one and after two seconds"
-build/demo/examples/host_monitor --tree --count 3 --interval 1
+host_monitor --tree --count 3 --interval 1
 
 heading "From one sample tree to the next: examples/samples/rack.textproto, rack_fan_slow.textproto"
-build/demo/examples/snapshot_diff \
+snapshot_diff \
   examples/samples/rack.textproto examples/samples/rack_fan_slow.textproto || [ $? -eq 1 ]

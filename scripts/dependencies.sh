@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing for the purposes named, and says which.
 #
-#   ./scripts/dependencies.sh PURPOSE...     purposes: build test broker web metrics page check
+#   ./scripts/dependencies.sh PURPOSE...     purposes: build test broker web web-test check
 #                                              bench docs package fuzz
 set -euo pipefail
 
@@ -13,8 +13,8 @@ packages_for() {
       faketime python3-paho-mqtt binutils locales ;;
     broker) echo mosquitto ;;
     web) echo libcpp-httplib-dev prometheus-cpp-dev nlohmann-json3-dev ;;
-    metrics) echo prometheus curl jq ;;
-    page) echo python3-selenium chromium chromium-driver fonts-dejavu-core ;;
+    web-test) echo prometheus curl jq python3-selenium chromium chromium-driver \
+      fonts-dejavu-core ;;
     check) echo clang clang-format clang-tidy cppcheck ;;
     bench) echo libbenchmark-dev nlohmann-json3-dev python3 python3-matplotlib ;;
     docs) echo doxygen ;;

@@ -21,8 +21,9 @@ if [ $# -gt 1 ] || ! [[ $seconds =~ ^[1-9][0-9]*$ ]]; then
   exit 2
 fi
 
-. scripts/fleet_of.sh
-build_fleet
+./scripts/dependencies.sh build broker web
+. scripts/functions.sh
+build_examples host_monitor collector
 cd "$work"
 
 # Makes the recorded machine live: MACHINE SECONDS.
@@ -37,17 +38,14 @@ replay() {
 start_broker
 host_monitor --broker "$broker" --interval 10 >/dev/null 2>live.log &
 for name in station-7 station-8; do
-  unpack_machine $name
-  host_monitor --broker "$broker" --root $name --interval 1 >/dev/null 2>$name.log &
+  report_machine $name 1
 done
-last=$!
-disown $last  # it fails below, which needs no word of the shell
 replay station-7 3 &
 replay station-8 4 &
 # Near the end the second recorded machine fails.
-(sleep $((seconds * 3 / 4)) && kill -9 $last) &
+(sleep $((seconds * 3 / 4)) && kill -9 "$(<station-8.pid)") &
 
 echo "A broker at $broker, the page at the address below, and what the collector prints:"
 echo
 [ ${#limit[@]} -eq 0 ] || limit+=("$seconds")
-"${limit[@]}" collector --broker "$broker" --http "$(free_port 18080)" || [ $? -eq 124 ]
+"${limit[@]}" collector --broker "$broker" --http "$(free_port)" || [ $? -eq 124 ]

@@ -1,21 +1,28 @@
 #!/usr/bin/env bash
 # Checks the metrics of the collector: promtool finds nothing in them, and a Prometheus that scrapes
-# them in two halves answers with what a host monitor reported of a recorded machine. Installs what
-# is missing, builds into build/demo, and ends everything that it started.
+# them in two halves answers with what a host monitor reported of a recorded machine. Exits with 77
+# where Prometheus, curl or jq is not installed.
+#   ./tests/examples/metrics.sh PROGRAMS    PROGRAMS is a directory, e.g. build/release/examples
 set -euo pipefail
-cd "$(dirname "$0")/.."
-
-./scripts/dependencies.sh metrics
-. scripts/fleet_of.sh
-build_fleet
+PATH=$(realpath "$1"):$PATH
+cd "$(dirname "$0")/../.."
+. scripts/functions.sh
 cd "$work"
+need prometheus promtool curl jq
+
+# Runs the command again and again until it succeeds: SECONDS COMMAND... Fails when time runs out.
+await() {
+  local end=$((SECONDS + $1))
+  shift
+  until "$@"; do
+    [ $SECONDS -lt $end ] || { echo "in vain: $*" >&2; return 1; }
+    sleep 0.2
+  done
+}
 
 start_broker
-unpack_machine station-7
-host_monitor --broker "$broker" --root station-7 --interval 1 >/dev/null 2>host.log &
-last=$!
-disown $last  # it is killed below, which needs no word of the shell
-port=$(free_port 18080)
+report_machine station-7 1
+port=$(free_port)
 collector --broker "$broker" --http "$port" >events.log 2>collector.log &
 
 cat >prometheus.yml <<END
@@ -26,7 +33,7 @@ scrape_configs:
       - {targets: ['127.0.0.1:$port'], labels: {__param_partitions: 0-31, partitions: 0-31}}
       - {targets: ['127.0.0.1:$port'], labels: {__param_partitions: 32-63, partitions: 32-63}}
 END
-prometheus=127.0.0.1:$(free_port 19090)
+prometheus=127.0.0.1:$(free_port)
 prometheus --config.file=prometheus.yml --storage.tsdb.path=data \
   --web.listen-address="$prometheus" 2>prometheus.log &
 
@@ -51,7 +58,7 @@ for wrong in '403 Host: example.org' '403 Host: localhost.example.org:80' '416 R
   [ "$(curl -sS -o body -w '%{http_code}' -H "${wrong#* }" "http://127.0.0.1:$port/")" = "${wrong%% *}" ]
   [ ! -s body ]
 done
-kill -9 $last
+kill -9 "$(<station-7.pid)"
 await 20 answers 'orv_root_up{root="station-7"}' 0
 await 20 answers "count($celsius) or vector(0)" 0
 echo "Prometheus has the $(grep -vc '^#' metrics.txt) metrics"
