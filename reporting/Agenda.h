@@ -1,4 +1,5 @@
-// What is to be looked at: identifiers that wait for their turn, and identifiers that will at a time.
+// What is to be looked at: identifiers that wait for their turn, and identifiers that will at a
+// time.
 //
 // - An identifier is in it once, with a turn or with a time.
 // - What comes first counts: a turn before every time, the earlier of two times before the later.

@@ -16,8 +16,8 @@ class Backoff {
   // How long to wait before the next attempt.
   std::chrono::milliseconds next();
 
-  // The same, drawn at random: the first pause between nothing and all of it, each other between half
-  // of it and all. Many who failed together then do not try again together.
+  // The same, drawn at random: the first pause between nothing and all of it, each other between
+  // half of it and all. Many who failed together then do not try again together.
   std::chrono::milliseconds next(std::mt19937_64& random);
 
   // How many pauses there were since the beginning or `reset`.

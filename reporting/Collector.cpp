@@ -116,6 +116,7 @@ std::optional<Collector::View> Collector::Core::view(const std::string& id) cons
 }
 
 void Collector::Core::connected(Link& link, Time now) {
+  if (link_ != nullptr) disconnected(now);
   link_ = &link;
   for (auto& [name, peer] : peers_) {
     peer.listen(now);
@@ -161,7 +162,7 @@ Time Collector::Core::serve(Time now) {
   if (link_ == nullptr) return Time::max();
   if (nextCheck_ <= now) check(now);
   ask(now);
-  return std::min({nextCheck_, behind_.due(), trees_.due(now), states_.due(now)});
+  return std::max(now, std::min({nextCheck_, behind_.due(), trees_.due(now), states_.due(now)}));
 }
 
 void Collector::Core::receiveEvent(const std::string& id, const Message& message, Time now) {
@@ -291,8 +292,8 @@ void Collector::Core::update(const std::string& id, Time now) {
     if (callbacks_.changed) callbacks_.changed(id, condition);
   }
   const bool canBeAsked = canAsk(root);
-  // States and events have no common order. So while the tree counts as current, the events that the
-  // reporter speaks of may be on their way.
+  // States and events have no common order. So while the tree counts as current, the events that
+  // the reporter speaks of may be on their way.
   const bool isAwaited = root.follower.isBehind() && condition == Condition::CURRENT;
   const bool isMissing = !isAwaited && (!root.follower.isCurrent() || root.follower.isBehind());
   if (canBeAsked && isAwaited) {

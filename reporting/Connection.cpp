@@ -15,7 +15,9 @@
 #include <random>
 #include <stdexcept>
 #include <utility>
+#include <variant>
 
+#include "reporting/Backoff.h"
 #include "reporting/Seed.h"
 
 namespace orv::reporting {
@@ -30,10 +32,10 @@ constexpr int keepaliveSeconds = 15;
 constexpr std::uint32_t sessionSeconds = 600;
 constexpr const char* systemCertificates = "/etc/ssl/certs";  // of Debian
 constexpr int mostOnTheirWay = 1000;  // in each direction, if the broker agrees
-constexpr milliseconds firstPause(500);
-constexpr milliseconds longestPause = seconds(30);
 constexpr seconds stable(10);  // a connection that lasts so long ends the growth of the pauses
 constexpr seconds upkeep(1);   // the longest time between two looks at the keep-alive
+// A broker that answers nothing for so long, though it keeps the connection alive, will not answer.
+constexpr seconds longestWait(60);
 
 // The client library's own state, kept for the life of the process.
 void initialise() {
@@ -92,14 +94,37 @@ std::string sequenceOf(const mosquitto_property* properties) {
   return sequence;
 }
 
+// What the client library says.
+struct Answered {
+  int code;
+};
+struct Ended {
+  int code;
+};
+struct Failed {
+  std::string reason;
+};
+struct Subscribed {
+  int number;
+  bool isRefused;
+};
+struct Settled {
+  int clientNumber;
+  int code;
+};
+struct Received {
+  Message message;
+};
+using Said = std::variant<Answered, Ended, Failed, Subscribed, Settled, Received>;
+
 }  // namespace
 
 // One connection after the other, each on a client of its own: what the earlier one had queued is
 // gone with it, and what may or may not have arrived the endpoint publishes again.
-class Connection::Session final : public Link {
+class Connection::Client final : public Link {
  public:
-  Session(const Broker& broker, Endpoint& endpoint, std::function<void(const std::string&)> told)
-      : broker_(broker), endpoint_(endpoint), told_(std::move(told)) {
+  Client(const Broker& broker, Endpoint& endpoint, std::function<void(const std::string&)> log)
+      : broker_(broker), endpoint_(endpoint), log_(std::move(log)) {
     initialise();
     const bool hasFiles = !broker.caFile.empty() || !broker.certificateFile.empty();
     if (broker.certificateFile.empty() != broker.keyFile.empty()) {
@@ -118,7 +143,7 @@ class Connection::Session final : public Link {
     }
   }
 
-  ~Session() override {
+  ~Client() override {
     if (!isConnected_) return;
     Properties properties;
     properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, 0);
@@ -126,8 +151,9 @@ class Connection::Session final : public Link {
     const Time end = steady_clock::now() + seconds(1);
     while (mosquitto_want_write(client_.get()) && steady_clock::now() < end) {
       wait(end);
-      if (mosquitto_loop_write(client_.get(), 1) != MOSQ_ERR_SUCCESS) return;
+      if (mosquitto_loop_write(client_.get(), 1) != MOSQ_ERR_SUCCESS) break;
     }
+    endpoint_.disconnected(steady_clock::now());
   }
 
   void subscribe(const std::vector<std::string>& topics) override {
@@ -152,10 +178,9 @@ class Connection::Session final : public Link {
                              static_cast<int>(message.payload.size()), message.payload.data(), 1,
                              message.isRetained, properties.get());
     if (isRefusal(result)) {
-      pending_.emplace_back([this, number, result](Time now) {
-        endpoint_.settled(number, mosquitto_strerror(result), now);
-      });
+      refused_.emplace_back(number, mosquitto_strerror(result));
     } else {
+      if (onTheirWay_.empty()) lastAnswer_ = steady_clock::now();
       onTheirWay_[clientNumber] = number;
     }
     return number;
@@ -166,9 +191,9 @@ class Connection::Session final : public Link {
     for (;;) {
       const Time now = steady_clock::now();
       if (!client_ && nextAttempt_ <= now) connect(now);
-      if (isConnected_) due_ = endpoint_.serve(steady_clock::now());
+      if (isConnected_) due_ = endpoint_.serve(now);
       deliver();
-      const bool isInterrupted = !wait(std::min(end, due()));
+      const bool isInterrupted = !wait(std::min(end, due(now)));
       if (client_) exchange();
       if (isInterrupted || steady_clock::now() >= end) return;
     }
@@ -178,11 +203,12 @@ class Connection::Session final : public Link {
   int descriptor() const noexcept { return client_ ? mosquitto_socket(client_.get()) : -1; }
   bool wantsToWrite() const noexcept { return client_ && mosquitto_want_write(client_.get()); }
 
-  Time due() const noexcept {
-    if (!client_) return nextAttempt_;
-    if (!pending_.empty()) return Time::min();
-    const Time next = lastUpkeep_ + upkeep;
-    return isConnected_ ? std::min(due_, next) : next;
+  Time due(Time now) const noexcept {
+    Time next = nextAttempt_;
+    if (client_) next = lastUpkeep_ + upkeep;
+    if (isConnected_) next = std::min(due_, next);
+    const bool hasNews = !said_.empty() || !refused_.empty();
+    return hasNews ? now : std::max(now, next);
   }
 
  private:
@@ -265,6 +291,8 @@ class Connection::Session final : public Link {
     if (result == MOSQ_ERR_SUCCESS && now - lastUpkeep_ >= upkeep) {
       lastUpkeep_ = now;
       result = mosquitto_loop_misc(client);
+      const bool isMute = !onTheirWay_.empty() && now - lastAnswer_ > longestWait;
+      if (result == MOSQ_ERR_SUCCESS && isMute) result = MOSQ_ERR_KEEPALIVE;
     }
     deliver();
     if (result != MOSQ_ERR_SUCCESS || mosquitto_socket(client) == -1) {
@@ -272,140 +300,145 @@ class Connection::Session final : public Link {
     }
   }
 
+  // The client library says things while it holds locks and from C, which no exception may cross.
+  // So they wait until it has returned.
   void deliver() {
-    if (!pending_.empty()) due_ = Time::min();
+    if (!said_.empty() || !refused_.empty()) due_ = Time();
     if (failure_) {  // something that the client library said is lost
       const std::exception_ptr failure = std::exchange(failure_, nullptr);
       lose("out of memory");
       std::rethrow_exception(failure);
     }
-    while (!pending_.empty()) {
-      const auto next = std::move(pending_.front());
-      pending_.pop_front();
-      next(steady_clock::now());
+    while (!refused_.empty()) {
+      const auto [number, reason] = std::move(refused_.front());
+      refused_.pop_front();
+      endpoint_.settled(number, reason, steady_clock::now());
+    }
+    while (!said_.empty()) {
+      const Said next = std::move(said_.front());
+      said_.pop_front();
+      std::visit([this](const auto& what) { handle(what, steady_clock::now()); }, next);
     }
   }
+
+  void handle(const Answered& answer, Time now) {
+    if (answer.code != 0) {
+      reason_ = mosquitto_reason_string(answer.code);
+      return;
+    }
+    isConnected_ = true;
+    hasSession_ = true;
+    connectedAt_ = now;
+    due_ = Time();
+    log("Connected to " + broker_.host + ":" + std::to_string(broker_.port));
+    endpoint_.connected(*this, now);
+  }
+
+  void handle(const Ended& end, Time /*now*/) {
+    if (end.code >= MQTT_RC_UNSPECIFIED) reason_ = mosquitto_reason_string(end.code);
+  }
+
+  // Of an encrypted connection that fails, the library's log alone says why.
+  void handle(const Failed& failure, Time /*now*/) {
+    if (reason_.empty()) reason_ = failure.reason;
+  }
+
+  void handle(const Subscribed& answer, Time /*now*/) {
+    if (answer.isRefused) {
+      log("The broker refuses a subscription to " + subscriptions_[answer.number]);
+    }
+    subscriptions_.erase(answer.number);
+  }
+
+  void handle(const Settled& answer, Time now) {
+    const auto entry = onTheirWay_.find(answer.clientNumber);
+    if (entry == onTheirWay_.end()) return;
+    const int number = entry->second;
+    onTheirWay_.erase(entry);
+    lastAnswer_ = now;
+    endpoint_.settled(
+        number, answer.code >= MQTT_RC_UNSPECIFIED ? mosquitto_reason_string(answer.code) : "",
+        now);
+  }
+
+  void handle(const Received& received, Time now) { endpoint_.received(received.message, now); }
 
   void lose(const std::string& reason) {
     const Time now = steady_clock::now();
     client_.reset();
     onTheirWay_.clear();
     subscriptions_.clear();
-    pending_.clear();
-    if (isConnected_ && now - connectedAt_ >= stable) pause_ = firstPause;
-    const auto least = pause_.count() / 2;
-    nextAttempt_ = now + milliseconds(std::uniform_int_distribution<milliseconds::rep>(
-                             least, pause_.count())(random_));
-    pause_ = std::min(2 * pause_, longestPause);
+    said_.clear();
+    refused_.clear();
+    if (isConnected_ && now - connectedAt_ >= stable) pauses_.reset();
+    nextAttempt_ = now + pauses_.next(random_);
     if (std::exchange(isConnected_, false)) endpoint_.disconnected(now);
-    tell("No connection to " + broker_.host + ":" + std::to_string(broker_.port) + ": " + reason);
+    log("No connection to " + broker_.host + ":" + std::to_string(broker_.port) + ": " + reason);
   }
 
-  void tell(const std::string& text) {
-    if (text != lastTold_) told_(text);
-    lastTold_ = text;
+  // The same reason once in a row.
+  void log(const std::string& line) {
+    if (line != lastLine_ && log_) log_(line);
+    lastLine_ = line;
   }
 
-  // The client library calls back while it holds locks and from C, which no exception may cross:
-  // what it says waits until it has returned.
-  template <typename Action>
-  static void later(void* session, Action makeAction) noexcept {
-    auto& self = *static_cast<Session*>(session);
+  template <typename MakeSaid>
+  static void say(void* client, MakeSaid makeSaid) noexcept {
+    auto& self = *static_cast<Client*>(client);
     try {
-      self.pending_.emplace_back(makeAction(self));
+      self.said_.emplace_back(makeSaid());
     } catch (...) {
       self.failure_ = std::current_exception();
     }
   }
 
-  static void onConnect(mosquitto* /*client*/, void* session, int code, int /*flags*/,
+  static void onConnect(mosquitto* /*library*/, void* client, int code, int /*flags*/,
                         const mosquitto_property* /*properties*/) {
-    later(session,
-          [code](Session& self) { return [&self, code](Time now) { self.answered(code, now); }; });
+    say(client, [&] { return Answered{code}; });
   }
 
-  static void onDisconnect(mosquitto* /*client*/, void* session, int code,
+  static void onDisconnect(mosquitto* /*library*/, void* client, int code,
                            const mosquitto_property* /*properties*/) {
-    later(session, [code](Session& self) {
-      return [&self, code](Time /*now*/) {
-        if (code >= MQTT_RC_UNSPECIFIED) self.reason_ = mosquitto_reason_string(code);
-      };
-    });
+    say(client, [&] { return Ended{code}; });
   }
 
-  // Of an encrypted connection that fails, the log alone says why.
-  static void onLog(mosquitto* /*client*/, void* session, int level, const char* text) {
-    if (level != MOSQ_LOG_ERR) return;
-    later(session, [text](Session& self) {
-      return [&self, reason = std::string(text)](Time /*now*/) {
-        if (self.reason_.empty()) self.reason_ = reason;
-      };
-    });
+  static void onLog(mosquitto* /*library*/, void* client, int level, const char* text) {
+    if (level == MOSQ_LOG_ERR) say(client, [&] { return Failed{text}; });
   }
 
-  static void onPublish(mosquitto* /*client*/, void* session, int clientNumber, int code,
+  static void onPublish(mosquitto* /*library*/, void* client, int clientNumber, int code,
                         const mosquitto_property* /*properties*/) {
-    later(session, [clientNumber, code](Session& self) {
-      return [&self, clientNumber, code](Time now) {
-        const auto entry = self.onTheirWay_.find(clientNumber);
-        if (entry == self.onTheirWay_.end()) return;
-        const int number = entry->second;
-        self.onTheirWay_.erase(entry);
-        self.endpoint_.settled(
-            number, code >= MQTT_RC_UNSPECIFIED ? mosquitto_reason_string(code) : "", now);
-      };
-    });
+    say(client, [&] { return Settled{clientNumber, code}; });
   }
 
-  static void onSubscribe(mosquitto* /*client*/, void* session, int number, int count,
+  static void onSubscribe(mosquitto* /*library*/, void* client, int number, int count,
                           const int* granted, const mosquitto_property* /*properties*/) {
-    later(session,
-          [number, isRefused = count < 1 || *granted >= MQTT_RC_UNSPECIFIED](Session& self) {
-            return [&self, number, isRefused](Time /*now*/) {
-              if (isRefused)
-                self.told_("The broker refuses a subscription to " + self.subscriptions_[number]);
-              self.subscriptions_.erase(number);
-            };
-          });
+    say(client, [&] { return Subscribed{number, count < 1 || *granted >= MQTT_RC_UNSPECIFIED}; });
   }
 
-  static void onMessage(mosquitto* /*client*/, void* session, const mosquitto_message* message,
+  static void onMessage(mosquitto* /*library*/, void* client, const mosquitto_message* message,
                         const mosquitto_property* properties) {
-    later(session, [message, properties](Session& self) {
-      Message received;
-      received.topic = message->topic;
-      received.payload.assign(static_cast<const char*>(message->payload),
-                              static_cast<std::size_t>(message->payloadlen));
-      received.isRetained = message->retain;
-      received.sequence = sequenceOf(properties);
-      return [&self, received = std::move(received)](Time now) {
-        self.endpoint_.received(received, now);
-      };
+    say(client, [&] {
+      Received received;
+      received.message.topic = message->topic;
+      received.message.payload.assign(static_cast<const char*>(message->payload),
+                                      static_cast<std::size_t>(message->payloadlen));
+      received.message.isRetained = message->retain;
+      received.message.sequence = sequenceOf(properties);
+      return received;
     });
-  }
-
-  void answered(int code, Time now) {
-    if (code != 0) {
-      reason_ = mosquitto_reason_string(code);
-      return;
-    }
-    isConnected_ = true;
-    hasSession_ = true;
-    connectedAt_ = now;
-    due_ = Time::min();
-    tell("Connected to " + broker_.host + ":" + std::to_string(broker_.port));
-    endpoint_.connected(*this, now);
   }
 
   Broker broker_;
   Endpoint& endpoint_;
-  std::function<void(const std::string&)> told_;
+  std::function<void(const std::string&)> log_;
   std::mt19937_64 random_{drawSeed()};
   std::string id_ = "orv-" + std::to_string(random_());
   bool hasSession_ = false;
 
   std::unique_ptr<mosquitto, Free> client_;
-  std::deque<std::function<void(Time)>> pending_;  // what the client library said
+  std::deque<Said> said_;
+  std::deque<std::pair<int, std::string>> refused_;  // messages, at once, with the reason
   std::exception_ptr failure_;
   std::string reason_;             // why the broker ends the connection
   std::map<int, int> onTheirWay_;  // our numbers by the client library's
@@ -413,27 +446,28 @@ class Connection::Session final : public Link {
   int lastNumber_ = 0;
   bool isConnected_ = false;
   Time connectedAt_;
+  Time lastAnswer_;  // or since when one is waited for
   Time due_;
   Time lastUpkeep_;
   Time nextAttempt_;
-  milliseconds pause_ = firstPause;
-  std::string lastTold_;
+  Backoff pauses_{milliseconds(500), seconds(30)};
+  std::string lastLine_;
 };
 
 Connection::Connection(const Broker& broker, Endpoint& endpoint,
-                       std::function<void(const std::string&)> told)
-    : session_(std::make_unique<Session>(broker, endpoint, std::move(told))) {}
+                       std::function<void(const std::string&)> log)
+    : client_(std::make_unique<Client>(broker, endpoint, std::move(log))) {}
 
 Connection::~Connection() = default;
 
-void Connection::serve(milliseconds duration) { session_->serve(duration); }
+void Connection::serve(milliseconds duration) { client_->serve(duration); }
 
-bool Connection::isConnected() const noexcept { return session_->isConnected(); }
+bool Connection::isConnected() const noexcept { return client_->isConnected(); }
 
-int Connection::descriptor() const noexcept { return session_->descriptor(); }
+int Connection::descriptor() const noexcept { return client_->descriptor(); }
 
-bool Connection::wantsToWrite() const noexcept { return session_->wantsToWrite(); }
+bool Connection::wantsToWrite() const noexcept { return client_->wantsToWrite(); }
 
-Time Connection::due() const noexcept { return session_->due(); }
+Time Connection::due() const noexcept { return client_->due(steady_clock::now()); }
 
 }  // namespace orv::reporting

@@ -59,8 +59,9 @@ class ORV_REPORTING_EXPORT Endpoint {
 
   virtual void received(const Message& message, Time now) = 0;
 
-  /// Does what is due and returns when it must be called again at the latest. Call it after
-  /// everything else that the endpoint was told.
+  /// Does what is due and returns when it must be called again at the latest: not before `now`, and
+  /// Time::max() for not until it is told something. Call it after everything else that the
+  /// endpoint was told.
   virtual Time serve(Time now) = 0;
 };
 

@@ -16,8 +16,8 @@
 //   among the others. So a retry costs the others one round trip, and harms nobody.
 // - A doubted root is REFUSED when the broker said so in an answer. It is also refused when the end
 //   of a connection came on its event alone twice in a row, each time after another event had gone
-//   through on that connection: then it is hardly the network. A refused root waits for a pause that
-//   doubles from one try to the next, up to ten minutes.
+//   through on that connection: then it is hardly the network. A refused root waits for a pause
+//   that doubles from one try to the next, up to ten minutes.
 // - A root that is doubted but not refused waits only until the connection has proved good: another
 //   event went through, or a second has passed. So a network that was bad holds nobody up once it
 //   is good.
@@ -96,7 +96,7 @@ class Flights {
   bool isWindowSmall_ = false;     // the last connection ended with events on their way
   bool isConnectionGood_ = false;  // an event went through
   std::map<std::string, Doubt> doubts_;
-  Agenda retries_;                   // doubted roots that wait
+  Agenda retries_;                    // doubted roots that wait
   std::optional<std::string> tried_;  // the doubted root that has its turn or is on its way
 };
 

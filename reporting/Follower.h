@@ -44,8 +44,8 @@ class ORV_REPORTING_EXPORT Follower {
   Outcome take(const Sequence& sequence, const Event& event, std::string& errorMessage);
 
   /// The reporter of the root says which event of which epoch was its last one. If an event with a
-  /// higher n has arrived but could not be applied, it is no longer missed. Either the reporter never
-  /// made it, or it will arrive once more.
+  /// higher n has arrived but could not be applied, it is no longer missed. Either the reporter
+  /// never made it, or it will arrive once more.
   void reported(const Sequence& latest) noexcept;
 
   /// The tree is out of date until a whole tree arrives.

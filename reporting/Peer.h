@@ -1,15 +1,15 @@
 // A reporter as a collector hears it: which of its states counts, and whether it is there.
 //
 // States of one name come from one process after another, from wills that are published late, from
-// the broker's memory, and by mistake from two processes at once. So what a state says of its origin
-// decides:
+// the broker's memory, and by mistake from two processes at once. So what a state says of its
+// origin decides:
 //
 // - Of one process (`start`) the state of a later connection counts, so that the will of an earlier
 //   one does not say that the reporter is gone while it is there.
 // - A state that is not online, of another process, is the late will of an earlier one: it is old.
 // - A state that is online, of another process, is a new process. But if that process had the name
-//   before and the present one is online, then two processes have one name, and the later one stays.
-//   Otherwise both would take the name from each other for ever.
+//   before and the present one is online, then two processes have one name, and the later one
+//   stays. Otherwise both would take the name from each other for ever.
 //
 // A state that the broker had kept is no sign of life: whoever sent it may be gone since. Until the
 // reporter itself is heard it is not confirmed. One thread at a time.
@@ -38,8 +38,8 @@ class Peer {
 
   explicit Peer(Time now) : heard_(now) {}
 
-  // A state arrived. If it is taken, `roots` is what it lists, and `unlisted` gets those that it has
-  // listed and lists no longer. O(number of roots).
+  // A state arrived. If it is taken, `roots` is what it lists, and `unlisted` gets those that it
+  // has listed and lists no longer. O(number of roots).
   Verdict take(const orv::proto::monitoring::ReporterState& state, bool isRetained, Time now,
                Roots& unlisted);
 

@@ -141,6 +141,7 @@ Message Reporter::Core::connecting() {
 }
 
 void Reporter::Core::connected(Link& link, Time now) {
+  if (link_ != nullptr) disconnected(now);
   link_ = &link;
   stateDue_ = Time::min();
   flights_.connected(now);
@@ -231,7 +232,8 @@ Time Reporter::Core::serve(Time now) {
   }
   if (first == nullptr) flights_.rest();
   const Time next = stateOnItsWay_ ? Time::max() : stateDue_;
-  return std::min({next, flights_.retryDue(), first == nullptr ? agenda_.due() : Time::max()});
+  const Time turn = first == nullptr ? agenda_.due() : Time::max();
+  return std::max(now, std::min({next, flights_.retryDue(), turn}));
 }
 
 void Reporter::Core::publishNext(const std::string& id, Time now) {

@@ -33,8 +33,8 @@ struct ReporterCallbacks {
                      const Tree& after)>
       published;
   /// Something is wrong, in a line for people: an event that the broker refuses, a tree that cannot
-  /// be reported, a second process of this name, a message that makes no sense. For a root it is not
-  /// told again while it stays the same.
+  /// be reported, a second process of this name, a message that makes no sense. For a root it is
+  /// not told again while it stays the same.
   std::function<void(const std::string& problem)> problem;
 };
 
@@ -44,9 +44,9 @@ struct ReporterCallbacks {
 /// looks at a tree only within `serve`. What changes while an event of a root is on its way, or
 /// while there is no connection, goes out as one event later; nothing that lasts is lost. An event
 /// that the broker refuses is made anew and tried again, after pauses that double from a second to
-/// ten minutes. It then goes out alone, so that a broker that ends the connection with a refusal, or
-/// in place of one, holds up no other root. A root that comes or goes is listed by the next state of
-/// the reporter, within a second.
+/// ten minutes. It then goes out alone, so that a broker that ends the connection with a refusal,
+/// or in place of one, holds up no other root. A root that comes or goes is listed by the next
+/// state of the reporter, within a second.
 ///
 /// Every reporter of a fleet needs a name of its own, and every root one reporter. A second process
 /// of the same name is told of, once; both go on.

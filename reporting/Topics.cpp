@@ -1,7 +1,6 @@
 #include "reporting/Topics.h"
 
-#include <mosquitto.h>
-
+#include <array>
 #include <charconv>
 #include <cstdint>
 #include <stdexcept>
@@ -10,17 +9,23 @@ namespace orv::reporting {
 
 namespace {
 
-// Whether a topic can carry these bytes: characters in UTF-8, none a control or a noncharacter.
-bool areCharacters(const char* bytes, std::size_t size) {
-  return mosquitto_validate_utf8(bytes, static_cast<int>(size)) == MOSQ_ERR_SUCCESS;
-}
-
-// How many bytes the first of them promises.
-std::size_t sizeOfCharacter(char first) {
-  const auto byte = static_cast<unsigned char>(first);
-  if (byte < 0x80) return 1;
-  if (byte < 0xe0) return 2;
-  return byte < 0xf0 ? 3 : 4;
+// How many bytes the character at that place has, 0 for one that a topic cannot carry: bytes that
+// are not UTF-8, a control character or a noncharacter.
+std::size_t sizeOfCharacter(const std::string& text, std::size_t at) {
+  const auto first = static_cast<unsigned char>(text[at]);
+  if (first < 0x80) return first < 0x20 || first == 0x7f ? 0 : 1;
+  const std::size_t size = first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+  if (first < 0xc2 || first > 0xf4 || text.size() - at < size) return 0;
+  std::uint32_t point = first & (0xffU >> (size + 1));
+  for (std::size_t next = at + 1; next < at + size; ++next) {
+    const auto byte = static_cast<unsigned char>(text[next]);
+    if ((byte & 0xc0U) != 0x80) return 0;
+    point = (point << 6U) | (byte & 0x3fU);
+  }
+  constexpr std::array<std::uint32_t, 5> least = {0, 0, 0xa0, 0x800, 0x10000};
+  const bool isSurrogate = point >= 0xd800 && point < 0xe000;
+  const bool isNoncharacter = (point & 0xfffeU) == 0xfffe || (point >= 0xfdd0 && point < 0xfdf0);
+  return point < least.at(size) || point > 0x10ffff || isSurrogate || isNoncharacter ? 0 : size;
 }
 
 std::string encode(const std::string& text) {
@@ -28,9 +33,9 @@ std::string encode(const std::string& text) {
   if (text.empty()) return "%";
   std::string level;
   for (std::size_t at = 0; at < text.size();) {
-    const std::size_t size = sizeOfCharacter(text[at]);
+    const std::size_t size = sizeOfCharacter(text, at);
     const bool isSpecial = std::string("/+#%").find(text[at]) != std::string::npos;
-    if (!isSpecial && at + size <= text.size() && areCharacters(&text[at], size)) {
+    if (!isSpecial && size > 0) {
       level.append(text, at, size);
       at += size;
     } else {
@@ -59,6 +64,19 @@ std::optional<std::string> decode(const std::string& level) {
   return text;
 }
 
+bool isPrefix(const std::string& text) {
+  if (text.empty() || text.front() == '$' || text.find_first_of("+#") != std::string::npos) {
+    return false;
+  }
+  std::size_t at = 0;
+  while (at < text.size()) {
+    const std::size_t size = sizeOfCharacter(text, at);
+    if (size == 0) return false;
+    at += size;
+  }
+  return true;
+}
+
 bool startsWith(const std::string& text, const std::string& start) {
   return text.compare(0, start.size(), start) == 0;
 }
@@ -78,8 +96,7 @@ Topics::Topics(const std::string& prefix)
     : events_(prefix + "/event/"),
       reporters_(prefix + "/reporter/"),
       requests_(prefix + "/request/") {
-  if (prefix.empty() || prefix.front() == '$' || !areCharacters(prefix.data(), prefix.size()) ||
-      mosquitto_pub_topic_check(prefix.c_str()) != MOSQ_ERR_SUCCESS) {
+  if (!isPrefix(prefix)) {
     throw std::invalid_argument("A broker does not take the prefix '" + prefix + "'");
   }
 }

@@ -39,7 +39,8 @@ Fleet::Fleet(CollectorCallbacks callbacks, const orv::reporting::CollectorOption
 CollectorCallbacks Fleet::observe(CollectorCallbacks callbacks) {
   CollectorCallbacks result;
   result.applied = [this, tell = std::move(callbacks.applied)](
-                       const std::string& id, const Event& event, const Tree& before, const Tree& tree) {
+                       const std::string& id, const Event& event, const Tree& before,
+                       const Tree& tree) {
     apply(id, event, tree);
     tell(id, event, before, tree);
   };

@@ -128,10 +128,9 @@ void collect(const Options& options) {
   unsigned long events = 0;
   orv::reporting::CollectorCallbacks callbacks;
   callbacks.applied = [&](const std::string& root, const Event& event, const Tree& before,
-                         const Tree& tree) {
+                          const Tree& tree) {
     ++events;
-    for (const std::string& line : summaryOf(event, before, tree))
-      print(std::cout, root, line);
+    for (const std::string& line : summaryOf(event, before, tree)) print(std::cout, root, line);
   };
   callbacks.changed = [&](const std::string& root, Condition condition) {
     print(std::cout, root + ":", textOf(condition));

@@ -66,8 +66,7 @@ class Fleet {
   void startReporter(std::size_t i) {
     ReporterOptions options;
     options.seed = random();
-    reporters.at(i) = std::make_unique<Reporter>(
-        i == 0 ? "a" : "b", ReporterCallbacks{}, options);
+    reporters.at(i) = std::make_unique<Reporter>(i == 0 ? "a" : "b", ReporterCallbacks{}, options);
     start(wire.sides.at(i), *reporters.at(i));
     for (const auto& [id, tree] : live) {
       if (tree && &reporterOf(id) == reporters.at(i).get()) reporters.at(i)->report(tree);
