@@ -3,6 +3,9 @@
 
 #include <string>
 
+namespace CLI {
+class App;
+}
 namespace orv::reporting {
 struct Broker;
 }
@@ -15,16 +18,8 @@ struct BrokerOptions {
   std::string keyFile;
 };
 
-constexpr const char* brokerUsage =
-    R"(  --broker URL        mqtt://[USER@]HOST[:PORT], or mqtts:// for an encrypted connection
-  --password-file FILE
-                      the first line of FILE is the password (default: ORV_PASSWORD of the
-                      environment)
-  --ca FILE           certificate of the authority that signed the broker's (PEM; default: those
-                      that the system trusts)
-  --certificate FILE, --key FILE
-                      certificate and key to show to the broker (PEM)
-)";
+// Declares them; what the command line has of them arrives in `options` when it is parsed.
+void addBrokerOptions(CLI::App& app, BrokerOptions& options);
 
 // The broker with its password, for a program that is about to connect. Throws
 // std::invalid_argument or std::runtime_error.

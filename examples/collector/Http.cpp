@@ -3,7 +3,6 @@
 #include <google/protobuf/util/json_util.h>
 #include <httplib.h>
 
-#include <charconv>
 #include <chrono>
 #include <cstdint>
 #include <nlohmann/json.hpp>
@@ -157,7 +156,7 @@ void answerMetrics(const Fleet& fleet, const Request& request, Response& respons
 
 class Server {
  public:
-  Server(const std::string& where, const Fleet& fleet);
+  Server(const std::string& address, std::uint16_t port, const Fleet& fleet);
   ~Server();
 
   std::string url() const { return "http://" + name_ + ":" + std::to_string(port_) + "/"; }
@@ -167,28 +166,14 @@ class Server {
   bool isForUs(const Request& request) const;
 
   const Fleet& fleet_;
-  std::string host_ = "127.0.0.1";
-  std::string name_;  // of the host in a URL
+  const std::string name_;  // of the address in a URL
   int port_ = 0;
   httplib::Server server_;
   std::thread thread_;
 };
 
-Server::Server(const std::string& where, const Fleet& fleet) : fleet_(fleet) {
-  const std::size_t colon = where.rfind(':');
-  if (colon != std::string::npos) host_ = where.substr(0, colon);
-  name_ = host_;
-  const bool hasBrackets = host_.size() > 2 && host_.front() == '[' && host_.back() == ']';
-  if (hasBrackets) host_ = host_.substr(1, host_.size() - 2);
-  const std::string digits = where.substr(colon + 1);
-  const char* const end = digits.data() + digits.size();
-  std::uint16_t port = 0;
-  const auto [rest, error] = std::from_chars(digits.data(), end, port);
-  if (error != std::errc() || rest != end || host_.empty() ||
-      host_.find_first_of("[]") != std::string::npos ||
-      hasBrackets != (host_.find(':') != std::string::npos)) {
-    throw std::runtime_error("--http: not [ADDRESS:]PORT: '" + where + "'");
-  }
+Server::Server(const std::string& address, std::uint16_t port, const Fleet& fleet)
+    : fleet_(fleet), name_(address.find(':') == std::string::npos ? address : "[" + address + "]") {
   server_.new_task_queue = [] { return new httplib::ThreadPool(16); };
   // A connection that waits holds a thread.
   server_.set_keep_alive_max_count(1);
@@ -211,13 +196,11 @@ Server::Server(const std::string& where, const Fleet& fleet) : fleet_(fleet) {
     return answer(request, response) ? httplib::Server::HandlerResponse::Handled
                                      : httplib::Server::HandlerResponse::Unhandled;
   });
-  if (port == 0) {
-    port_ = server_.bind_to_any_port(host_);
-  } else {
-    port_ = server_.bind_to_port(host_, port) ? port : -1;
-  }
-  if (port_ < 0) {
-    throw std::runtime_error("--http: cannot listen on '" + where + "': is the port taken?");
+  port_ = port == 0 ? server_.bind_to_any_port(address) : port;
+  const bool isBound = port == 0 ? port_ > 0 : server_.bind_to_port(address, port);
+  if (!isBound) {
+    throw std::runtime_error("--http: cannot listen on " + name_ + ":" + std::to_string(port) +
+                             ": the port is taken, or the address is not this machine's");
   }
   thread_ = std::thread([this] { server_.listen_after_bind(); });
   while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -266,9 +249,9 @@ bool Server::isForUs(const Request& request) const {
 
 }  // namespace
 
-std::shared_ptr<void> serveHttp(const std::string& where, const Fleet& fleet,
-                                const std::function<void(const std::string&)>& tell) {
-  const auto server = std::make_shared<Server>(where, fleet);
-  tell(server->url());
+std::shared_ptr<void> serveHttp(const std::string& address, std::uint16_t port, const Fleet& fleet,
+                                const std::function<void(const std::string&)>& log) {
+  const auto server = std::make_shared<Server>(address, port, fleet);
+  log(server->url());
   return server;
 }

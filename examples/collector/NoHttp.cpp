@@ -3,7 +3,8 @@
 
 #include "collector/Http.h"
 
-std::shared_ptr<void> serveHttp(const std::string& /*where*/, const Fleet& /*fleet*/,
-                                const std::function<void(const std::string&)>& /*tell*/) {
+std::shared_ptr<void> serveHttp(const std::string& /*address*/, std::uint16_t /*port*/,
+                                const Fleet& /*fleet*/,
+                                const std::function<void(const std::string&)>& /*log*/) {
   throw std::runtime_error("--http: built without cpp-httplib, prometheus-cpp and nlohmann-json");
 }

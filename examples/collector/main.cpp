@@ -1,17 +1,12 @@
 // Follows the trees of a fleet over a broker and prints what changes in them.
-#include <getopt.h>
-
-#include <array>
-#include <charconv>
+#include <CLI/CLI.hpp>
 #include <chrono>
-#include <cstdlib>
+#include <cstdint>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 
 #include "BrokerOptions.h"
 #include "Signals.h"
@@ -28,75 +23,64 @@ using orv::reporting::Tree;
 
 namespace {
 
-constexpr const char* usage = R"(Usage: collector --broker URL [OPTION]...
-
-Follows the trees of every reporter and prints a line for each change, headed by the identifier of
-the root, and a line when a root comes, goes out of date, loses its reporter or is gone.
-
-)";
-constexpr const char* usageEnd =
-    R"(  --partitions A-B    follow the partitions A to B of 0 to 63 (default: all)
-  --prefix PREFIX     what the topics of the fleet begin with (default orv/1)
-  --http [ADDRESS:]PORT
-                      show the fleet in a browser, as JSON below /api/roots and to Prometheus at
-                      /metrics (default address 127.0.0.1; port 0: any that is free). Nobody is
-                      asked for a password
-  --count N           end after N events; 0 = when interrupted (default)
-  --help              print this text
-
-Lines about the connection and about messages that are refused go to the standard error, and so does
-the address of the page. Ctrl-C ends the program with status 0, a bad option with status 2.
-)";
-
 struct Options {
   BrokerOptions broker;
   orv::reporting::CollectorOptions collector;
-  std::optional<std::string> http;
-  unsigned long count = 0;
+  std::optional<std::uint16_t> httpPort;
+  std::string httpAddress = "127.0.0.1";
+  std::uint32_t count = 0;
 };
 
-Options parse(int argc, char** argv) {
-  const std::array<option, 11> known = {{{"broker", required_argument, nullptr, 'B'},
-                                         {"password-file", required_argument, nullptr, 'P'},
-                                         {"ca", required_argument, nullptr, 'A'},
-                                         {"certificate", required_argument, nullptr, 'C'},
-                                         {"key", required_argument, nullptr, 'K'},
-                                         {"partitions", required_argument, nullptr, 'p'},
-                                         {"prefix", required_argument, nullptr, 'x'},
-                                         {"http", required_argument, nullptr, 'H'},
-                                         {"count", required_argument, nullptr, 'c'},
-                                         {"help", no_argument, nullptr, 'h'},
-                                         {}}};
+void write(std::ostream& stream, const std::string& text) {
+  if (!(stream << text << std::flush)) throw std::runtime_error("cannot write the output");
+}
+
+// Nothing when all that is wanted is the help, which is printed then.
+std::optional<Options> parse(int argc, char** argv) {
   Options options;
-  for (int code = 0; (code = getopt_long(argc, argv, "", known.data(), nullptr)) != -1;) {
-    if (code == '?') std::exit(2);  // getopt_long has named the fault
-    if (code == 'h') {
-      std::cout << usage << brokerUsage << usageEnd << std::flush;
-      std::exit(0);
-    }
-    if (code == 'B') options.broker.url = optarg;
-    if (code == 'P') options.broker.passwordFile = optarg;
-    if (code == 'A') options.broker.caFile = optarg;
-    if (code == 'C') options.broker.certificateFile = optarg;
-    if (code == 'K') options.broker.keyFile = optarg;
-    if (code == 'x') options.collector.prefix = optarg;
-    if (code == 'H') options.http = optarg;
-    if (code == 'p') {
-      const Partitions partitions = partitionsOf(optarg);
-      options.collector.firstPartition = partitions.first;
-      options.collector.lastPartition = partitions.last;
-    }
-    if (code == 'c') {
-      const std::string text = optarg;
-      const char* const end = text.data() + text.size();
-      const auto [rest, error] = std::from_chars(text.data(), end, options.count);
-      if (error != std::errc() || rest != end) {
-        throw std::runtime_error("not a number: '" + text + "'");
-      }
-    }
+  CLI::App app(
+      "Follows the trees of every reporter and prints a line for each change, headed by the\n"
+      "identifier of the root, and a line when a root comes, goes out of date, loses its reporter\n"
+      "or is gone.\n",
+      "collector");
+  app.get_formatter()->column_width(26);
+  app.set_help_flag("--help", "print this text");
+  addBrokerOptions(app, options.broker);
+  app.get_option("--broker")->required();
+  const auto follow = [&options](const std::string& text) {
+    const Partitions partitions = partitionsOf(text);
+    options.collector.firstPartition = partitions.first;
+    options.collector.lastPartition = partitions.last;
+  };
+  app.add_option_function<std::string>("--partitions", follow,
+                                       "follow the partitions A to B of 0 to 63 (default: all)")
+      ->type_name("A-B");
+  app.add_option("--prefix", options.collector.prefix,
+                 "what the topics of the fleet begin with (default: orv/1)")
+      ->type_name("PREFIX");
+  CLI::Option* const http =
+      app.add_option("--http", options.httpPort,
+                     "show the fleet in a browser, as JSON below /api/roots and to\n"
+                     "Prometheus at /metrics (0: on any port that is free). Nobody is\n"
+                     "asked for a password")
+          ->type_name("PORT");
+  app.add_option("--http-address", options.httpAddress,
+                 "with --http: the address to listen at (default: 127.0.0.1)")
+      ->option_text("ADDRESS")
+      ->check([](const std::string& text) { return text.empty() ? "It is empty" : std::string(); })
+      ->needs(http);
+  app.add_option("--count", options.count, "end after N events; 0 = when interrupted (default)")
+      ->type_name("N");
+  app.footer(
+      "Lines about the connection and about messages that are refused go to the standard error,\n"
+      "and so does the address of the page. Ctrl-C ends the program with status 0, a bad option\n"
+      "with status 2.");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    write(std::cout, app.help());
+    return std::nullopt;
   }
-  if (optind != argc) throw std::runtime_error(std::string("unexpected '") + argv[optind] + "'");
-  if (options.broker.url.empty()) throw std::runtime_error("--broker is missing");
   return options;
 }
 
@@ -117,10 +101,8 @@ std::string printable(const std::string& text) {
   return result;
 }
 
-void print(std::ostream& stream, const std::string& root, const std::string& line) {
-  if (!(stream << printable(root) << ' ' << printable(line) << std::endl)) {
-    throw std::runtime_error("cannot write the output");
-  }
+void print(const std::string& root, const std::string& line) {
+  write(std::cout, printable(root) + ' ' + printable(line) + '\n');
 }
 
 void collect(const Options& options) {
@@ -128,19 +110,19 @@ void collect(const Options& options) {
   unsigned long events = 0;
   orv::reporting::CollectorCallbacks callbacks;
   callbacks.applied = [&](const std::string& root, const Event& event, const Tree& before,
-                          const Tree& tree) {
+                         const Tree& tree) {
     ++events;
-    for (const std::string& line : summaryOf(event, before, tree)) print(std::cout, root, line);
+    for (const std::string& line : summaryOf(event, before, tree)) print(root, line);
   };
   callbacks.changed = [&](const std::string& root, Condition condition) {
-    print(std::cout, root + ":", textOf(condition));
+    print(root + ":", textOf(condition));
   };
-  const auto tell = [](const std::string& line) { std::cerr << printable(line) << std::endl; };
-  callbacks.problem = tell;
+  const auto log = [](const std::string& line) { std::cerr << printable(line) << std::endl; };
+  callbacks.problem = log;
   Fleet fleet(callbacks, options.collector);
-  orv::reporting::Connection connection(brokerOf(options.broker), fleet, tell);
+  orv::reporting::Connection connection(brokerOf(options.broker), fleet, log);
   std::shared_ptr<void> http;
-  if (options.http) http = serveHttp(*options.http, fleet, tell);
+  if (options.httpPort) http = serveHttp(options.httpAddress, *options.httpPort, fleet, log);
   while (options.count == 0 || events < options.count) {
     connection.serve(std::chrono::milliseconds(200));
     if (signals.arrive(std::chrono::nanoseconds(0))) return;
@@ -151,7 +133,7 @@ void collect(const Options& options) {
 
 int main(int argc, char** argv) {
   try {
-    collect(parse(argc, argv));
+    if (const auto options = parse(argc, argv)) collect(*options);
     return 0;
   } catch (const std::exception& fault) {
     std::cerr << argv[0] << ": " << fault.what() << "\n";

@@ -10,7 +10,7 @@ namespace {
 class BrokerPublisher final : public Publisher {
  public:
   BrokerPublisher(const BrokerOptions& broker, const std::string& name)
-      : reporter_(name, {{}, tell}), connection_(brokerOf(broker), reporter_, tell) {}
+      : reporter_(name, {{}, log}), connection_(brokerOf(broker), reporter_, log) {}
 
   void report(const std::shared_ptr<orv::device_tree::DeviceNode>& live) override {
     reporter_.report(live);
@@ -19,7 +19,7 @@ class BrokerPublisher final : public Publisher {
   bool isSettled() const override { return reporter_.isSettled(); }
 
  private:
-  static void tell(const std::string& line) { std::cerr << line << "\n"; }
+  static void log(const std::string& line) { std::cerr << line << "\n"; }
 
   orv::reporting::Reporter reporter_;
   orv::reporting::Connection connection_;

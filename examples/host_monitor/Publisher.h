@@ -1,4 +1,4 @@
-// Publishes the host for every collector, where the reporting library is built.
+// Publishes the host for every collector.
 #pragma once
 
 #include <chrono>

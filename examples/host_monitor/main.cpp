@@ -1,17 +1,14 @@
 // Watches the machine it runs on and prints, reading by reading, the event that leads from what it
 // reported last to what it finds now. Reports to a broker too, if asked to.
-#include <getopt.h>
-
+#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <chrono>
-#include <cstdlib>
+#include <cstdint>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 
 #include "BrokerOptions.h"
 #include "HostReader.h"
@@ -27,30 +24,9 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr const char* usage = R"(Usage: host_monitor [OPTION]...
-
-Reads this machine from /proc and /sys into a device tree, again and again, and prints what changed
-since the last report. The first report adds the machine itself.
-
-  --interval SECONDS  time between two readings, 0.01 to 86400 (default 5)
-  --count N           end after N readings, the first included; 0 = when interrupted (default)
-  --format FORMAT     summary = a line for each change, headed by the reading's number (default)
-                      text = the event messages in Protocol Buffers text form
-  --tree              print the device tree before the first report
-  --root DIR          read DIR/proc and DIR/sys, say of a recorded machine, instead of /proc and /sys
-  --name NAME         identifier of the machine's device (default: "host"; with --broker the
-                      machine's own name, and NAME is the name of the reporter too)
-)";
-constexpr const char* usageEnd = R"(  --help              print this text
-
-A reading that finds no change counts, but prints nothing. With --broker the program publishes what
-changed; lines about the connection go to the standard error. Ctrl-C ends the program with status 0,
-a bad option or an unreadable DIR with status 2.
-)";
-
 struct Options {
   double interval = 5;
-  unsigned long count = 0;
+  std::uint32_t count = 0;
   std::string format = "summary";
   bool tree = false;
   std::string root = "/";
@@ -58,66 +34,56 @@ struct Options {
   BrokerOptions broker;
 };
 
-// Sets the number that is written there, and returns whether one is.
-template <typename Number>
-bool parse(const std::string& text, Number& number) {
-  const char* const end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(text.data(), end, number);
-  return error == std::errc() && rest == end;
-}
-
 void print(const std::string& text) {
   if (!(std::cout << text << std::flush)) throw std::runtime_error("cannot write the output");
 }
 
-Options parse(int argc, char** argv) {
-  const std::array<option, 13> known = {{{"interval", required_argument, nullptr, 'i'},
-                                         {"count", required_argument, nullptr, 'c'},
-                                         {"format", required_argument, nullptr, 'f'},
-                                         {"tree", no_argument, nullptr, 't'},
-                                         {"root", required_argument, nullptr, 'r'},
-                                         {"help", no_argument, nullptr, 'h'},
-                                         {"name", required_argument, nullptr, 'n'},
-                                         {"broker", required_argument, nullptr, 'B'},
-                                         {"password-file", required_argument, nullptr, 'P'},
-                                         {"ca", required_argument, nullptr, 'A'},
-                                         {"certificate", required_argument, nullptr, 'C'},
-                                         {"key", required_argument, nullptr, 'K'},
-                                         {}}};
+// Nothing when all that is wanted is the help, which is printed then.
+std::optional<Options> parse(int argc, char** argv) {
   Options options;
-  const auto require = [](bool good, const std::string& fault) {
-    if (!good) throw std::runtime_error(fault + " '" + optarg + "'");
+  CLI::App app(
+      "Reads this machine from /proc and /sys into a device tree, again and again, and prints\n"
+      "what changed since the last report. The first report adds the machine itself.\n",
+      "host_monitor");
+  app.get_formatter()->column_width(26);
+  app.set_help_flag("--help", "print this text");
+  const auto setInterval = [&options](double seconds) {
+    options.interval = seconds;
+    if (seconds >= 0.01 && seconds <= 86400) return;  // so no NaN
+    throw CLI::ValidationError("--interval", "must be from 0.01 to 86400");
   };
-  for (int code = 0; (code = getopt_long(argc, argv, "", known.data(), nullptr)) != -1;) {
-    if (code == '?') std::exit(2);  // getopt_long has named the fault
-    if (code == 'h') {
-      print(usage + std::string(brokerUsage) + usageEnd);
-      std::exit(0);
-    }
-    if (code == 't') options.tree = true;
-    if (code == 'r') options.root = optarg;
-    if (code == 'n') options.name = optarg;
-    if (code == 'B') options.broker.url = optarg;
-    if (code == 'P') options.broker.passwordFile = optarg;
-    if (code == 'A') options.broker.caFile = optarg;
-    if (code == 'C') options.broker.certificateFile = optarg;
-    if (code == 'K') options.broker.keyFile = optarg;
-    if (code == 'f') {
-      options.format = optarg;
-      require(options.format == "summary" || options.format == "text",
-              "--format must be summary or text, not");
-    }
-    if (code == 'c') {
-      require(parse(optarg, options.count), "--count must be a whole number, not");
-    }
-    if (code == 'i') {
-      require(
-          parse(optarg, options.interval) && options.interval >= 0.01 && options.interval <= 86400,
-          "--interval must be a number from 0.01 to 86400, not");
-    }
+  app.add_option_function<double>("--interval", setInterval,
+                                  "time between two readings, 0.01 to 86400 (default: 5)")
+      ->type_name("SECONDS");
+  app.add_option("--count", options.count,
+                 "end after N readings, the first included; 0 = when interrupted (default)")
+      ->type_name("N");
+  app.add_option("--format", options.format,
+                 "summary = a line for each change, headed by the reading's number (default)\n"
+                 "text = the event messages in Protocol Buffers text form")
+      ->check(CLI::IsMember({"summary", "text"}).description(""))
+      ->type_name("FORMAT");
+  app.add_flag("--tree", options.tree, "print the device tree before the first report");
+  app.add_option("--root", options.root,
+                 "read DIR/proc and DIR/sys, say of a recorded machine, instead of\n"
+                 "/proc and /sys")
+      ->type_name("DIR");
+  app.add_option("--name", options.name,
+                 "identifier of the machine's device (default: \"host\"; with --broker\n"
+                 "the machine's own name, and NAME is the name of the reporter too)")
+      ->type_name("NAME");
+  addBrokerOptions(app, options.broker);
+  app.footer(
+      "A reading that finds no change counts, but prints nothing. With --broker the program\n"
+      "publishes what changed; lines about the connection go to the standard error. Ctrl-C ends\n"
+      "the program with status 0, a bad option or an unreadable DIR with status 2.");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    print(app.help());
+    return std::nullopt;
   }
-  if (optind == argc) return options;
-  throw std::runtime_error(std::string("unexpected argument '") + argv[optind] + "'");
+  return options;
 }
 
 // How long the last report waits for the broker.
@@ -172,7 +138,7 @@ void monitor(const Options& options) {
 
 int main(int argc, char** argv) {
   try {
-    monitor(parse(argc, argv));
+    if (const auto options = parse(argc, argv)) monitor(*options);
     return 0;
   } catch (const std::exception& fault) {
     std::cerr << argv[0] << ": " << fault.what() << "\n";
