@@ -8,7 +8,12 @@ mapfile -t sources < <(git ls-files '*.cpp')
 mapfile -t headers < <(git ls-files '*.h')
 
 echo "Formatting"
-clang-format --dry-run --Werror "${sources[@]}" "${headers[@]}"
+page=examples/collector/page
+clang-format --dry-run --Werror "${sources[@]}" "${headers[@]}" $page.js
+export NODE_PATH=/usr/share/nodejs  # where Debian has modules, whichever Node.js runs
+css-beautify --indent-size 2 --end-with-newline --file $page.css | diff $page.css -
+html-beautify --indent-size 2 --end-with-newline --wrap-line-length 100 --file $page.html |
+  diff $page.html -
 
 cmake -S . -B build/check -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
   -DORV_BUILD_BENCHMARKS=ON >/dev/null

@@ -15,7 +15,7 @@ packages_for() {
     web) echo libcpp-httplib-dev prometheus-cpp-dev nlohmann-json3-dev ;;
     web-test) echo prometheus curl jq python3-selenium chromium chromium-driver \
       fonts-dejavu-core ;;
-    check) echo clang clang-format clang-tidy cppcheck ;;
+    check) echo clang clang-format clang-tidy cppcheck node-js-beautify ;;
     bench) echo libbenchmark-dev nlohmann-json3-dev python3 python3-matplotlib ;;
     docs) echo doxygen ;;
     package) echo dpkg-dev file lintian devscripts ;;

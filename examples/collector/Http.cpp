@@ -188,8 +188,8 @@ Server::Server(const std::string& address, std::uint16_t port, const Fleet& flee
   server_.set_default_headers(
       {{"Cache-Control", "no-cache"},
        {"Content-Security-Policy",
-        "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; "
-        "connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
+        "default-src 'none'; style-src 'self'; script-src 'self'; connect-src 'self'; "
+        "base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
        {"X-Content-Type-Options", "nosniff"}});
   // Takes all paths here: the library would match them with regular expressions.
   server_.set_pre_routing_handler([this](const Request& request, Response& response) {
@@ -220,7 +220,11 @@ bool Server::answer(const Request& request, Response& response) const {
   } else if (!request.ranges.empty()) {
     response.status = 416;  // the library would copy the content as often as a request lists it
   } else if (request.path == "/") {
-    response.set_content(page, "text/html; charset=utf-8");
+    response.set_content(page_html, "text/html; charset=utf-8");
+  } else if (request.path == "/page.css") {
+    response.set_content(page_css, "text/css; charset=utf-8");
+  } else if (request.path == "/page.js") {
+    response.set_content(page_js, "text/javascript; charset=utf-8");
   } else if (request.path == "/api/roots") {
     answerRoots(fleet_, request, response);
   } else if (request.path.compare(0, root.size(), root) == 0) {
