@@ -1,11 +1,12 @@
 #include "collector/Http.h"
 
-#include <google/protobuf/util/json_util.h>
 #include <httplib.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -14,13 +15,14 @@
 #include "collector/Fleet.h"
 #include "collector/Metrics.h"
 #include "collector/Partitions.h"
-#include "collector/Text.h"
+#include "device_tree/Walk.h"
 #include "page.h"
 
 using httplib::Request;
 using httplib::Response;
 using Json = nlohmann::ordered_json;
-using orv::proto::monitoring::DeviceNode;
+using orv::device_tree::DeviceNode;
+namespace monitoring = orv::proto::monitoring;
 
 namespace {
 
@@ -33,45 +35,63 @@ std::string dump(const Json& json) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-// Protocol Buffers would leave out what is not UTF-8.
-void makeValid(DeviceNode& device) {
-  const auto replace = [](std::string* text) { *text = validText(*text); };
-  replace(device.mutable_id());
-  replace(device.mutable_name());
-  if (device.global_status().has_message()) {
-    replace(device.mutable_global_status()->mutable_message());
-  }
-  for (auto& property : *device.mutable_properties()) {
-    replace(property.mutable_name());
-    replace(property.mutable_value());
-  }
-  for (auto& status : *device.mutable_statuses()) {
-    replace(status.mutable_name());
-    if (status.has_string_value()) replace(status.mutable_string_value());
-  }
+// What follows gives a tree the JSON form that Protocol Buffers give its message. They write fewer
+// levels than a tree may have.
+
+Json jsonOf(double number) {
+  if (std::isfinite(number)) return number;
+  return std::isnan(number) ? "NaN" : number > 0 ? "Infinity" : "-Infinity";
 }
 
-// Appends the JSON form that Protocol Buffers give the tree, device by device: a tree has more
-// levels than they write at once. Leaves the message without the sub-devices.
-void append(DeviceNode& device, std::string& text) {
-  google::protobuf::RepeatedPtrField<DeviceNode> subDevices;
-  subDevices.Swap(device.mutable_sub_devices());
-  makeValid(device);
-  google::protobuf::util::JsonPrintOptions options;
-  options.preserve_proto_field_names = true;
-  std::string own;
-  const auto status = google::protobuf::util::MessageToJsonString(device, &own, options);
-  if (!status.ok()) throw std::runtime_error(status.ToString());
-  text += own;
-  if (subDevices.empty()) return;
-  text.back() = ',';
-  text += "\"sub_devices\":[";
-  for (DeviceNode& subDevice : subDevices) {
-    append(subDevice, text);
-    text += ',';
+Json jsonOf(const monitoring::NamedStatus& status) {
+  Json json = {{"name", status.name()}, {"type", NamedStatus_Type_Name(status.type())}};
+  // Whole numbers are texts: a reader may have no type for all of them.
+  if (status.has_string_value()) json["string_value"] = status.string_value();
+  if (status.has_int_value()) json["int_value"] = std::to_string(status.int_value());
+  if (status.has_uint_value()) json["uint_value"] = std::to_string(status.uint_value());
+  if (status.has_double_value()) json["double_value"] = jsonOf(status.double_value());
+  return json;
+}
+
+Json jsonOf(const monitoring::Property& property) {
+  return {{"name", property.name()},
+          {"type", Property_Type_Name(property.type())},
+          {"value", property.value()}};
+}
+
+Json jsonOf(const monitoring::GlobalStatus& health) {
+  Json json = {{"level", GlobalStatus_Level_Name(health.level())}};
+  if (health.has_message()) json["message"] = health.message();
+  return json;
+}
+
+// Without its sub-devices.
+Json ownJsonOf(const DeviceNode& device) {
+  const auto deviceClass = device.getDeviceClass();
+  const std::string& className = DeviceNode_DeviceClass_Name(deviceClass);
+  Json json = {{"id", device.getDeviceId()}, {"name", device.getName()}};
+  json["device_class"] = className.empty() ? Json(static_cast<int>(deviceClass)) : Json(className);
+  for (const auto& [key, property] : device.getProperties()) {
+    if (property) json["properties"].push_back(jsonOf(property->toProtoBuf()));
   }
-  text.back() = ']';
-  text += '}';
+  json["global_status"] = jsonOf(device.getGlobalStatus().toProtoBuf());
+  for (const auto& [key, status] : device.getStatuses()) {
+    if (status) json["statuses"].push_back(jsonOf(status->toProtoBuf()));
+  }
+  return json;
+}
+
+// It is written and released by recursion. No tree that arrives has more than 98 levels: what
+// parses its message refuses more.
+Json jsonOf(const DeviceNode& root) {
+  Json json = ownJsonOf(root);
+  std::vector<Json*> open = {&json};  // one for each level above the device met
+  orv::device_tree::Walk walk(root);
+  while (const auto* device = walk.next()) {
+    open.resize(walk.depth());
+    open.push_back(&(*open.back())["sub_devices"].emplace_back(ownJsonOf(**device)));
+  }
+  return json;
 }
 
 // Whether the reader has the content of that tag already; the answer is complete then.
@@ -106,7 +126,7 @@ void answerRoots(const Fleet& fleet, const Request& request, Response& response)
 void answerRoot(const Fleet& fleet, const std::string& id, const Request& request,
                 Response& response) {
   Json json = {{"id", id}};
-  DeviceNode tree;
+  std::optional<DeviceNode> tree;
   {
     const auto guard = fleet.lock();
     if (fleet.roots().count(id) == 0) {
@@ -118,16 +138,10 @@ void answerRoot(const Fleet& fleet, const std::string& id, const Request& reques
     json["condition"] = textOf(view.condition);
     json["reporter"] = view.reporter;
     json["sequence"] = view.sequence.text();
-    if (view.tree) view.tree->toProtoBuf(tree);
+    if (view.tree) tree.emplace(*view.tree);
   }
-  std::string text = dump(json);
-  if (tree.has_id()) {
-    text.back() = ',';
-    text += "\"tree\":";
-    append(tree, text);
-    text += '}';
-  }
-  setJson(response, text);
+  if (tree) json["tree"] = jsonOf(*tree);
+  setJson(response, dump(json));
 }
 
 void answerMetrics(const Fleet& fleet, const Request& request, Response& response) {

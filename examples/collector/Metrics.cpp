@@ -3,15 +3,15 @@
 #include <prometheus/text_serializer.h>
 
 #include <array>
+#include <boost/locale/utf.hpp>
 #include <boost/variant/apply_visitor.hpp>
 #include <cctype>
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <type_traits>
 #include <unordered_set>
 
-#include "collector/Text.h"
+#include "device_tree/Walk.h"
 
 using orv::device_tree::DeviceNode;
 using orv::proto::monitoring::DeviceNode_DeviceClass_Name;
@@ -25,21 +25,29 @@ namespace {
 using Labels = std::vector<ClientMetric::Label>;
 using Series = std::vector<ClientMetric>;
 
-std::string labelOf(const std::string& text) { return validText(text, 256); }
+// The first 256 bytes of the text, in whole characters, with U+FFFD in place of each byte that is
+// not part of a character, and of NUL, at which Prometheus stops to read.
+std::string labelOf(const std::string& text) {
+  constexpr std::size_t mostBytes = 256;
+  using Utf8 = boost::locale::utf::utf_traits<char>;
+  std::string result;
+  for (auto at = text.begin(); at != text.end();) {
+    auto end = at;
+    const auto point = Utf8::decode(end, text.end());
+    const bool isGood = boost::locale::utf::is_valid_codepoint(point) && point != 0;
+    if (!isGood) end = at + 1;
+    const std::string character = isGood ? std::string(at, end) : "\xEF\xBF\xBD";
+    if (result.size() + character.size() > mostBytes) break;
+    result += character;
+    at = end;
+  }
+  return result;
+}
 
 void add(Series& series, Labels labels, double value) {
   ClientMetric& metric = series.emplace_back();
   metric.label = std::move(labels);
   metric.gauge.value = metric.counter.value = value;  // the family says which of the two counts
-}
-
-// Calls `visit` with each device and its label. Of two that have one label, the first counts: a
-// reader refuses the whole answer when two series are equal.
-using Visit = std::function<void(const DeviceNode& device, const std::string& label)>;
-void walk(const DeviceNode& device, std::unordered_set<std::string>& labels, const Visit& visit) {
-  const auto [label, isNew] = labels.insert(labelOf(device.getDeviceId()));
-  if (isNew) visit(device, *label);
-  for (const auto& [id, subDevice] : device.getSubDevices()) walk(*subDevice, labels, visit);
 }
 
 void addInfo(const std::string& root, const DeviceNode& device, const std::string& label,
@@ -63,7 +71,7 @@ void addStatuses(const std::string& root, const DeviceNode& device, const std::s
                  Series& series) {
   std::unordered_set<std::string> names;
   for (const auto& [key, status] : device.getStatuses()) {
-    if (!status->isValueSet()) continue;
+    if (!status || !status->isValueSet()) continue;
     const auto addNumber = [&, name = &status->getName()](const auto& value) {
       if constexpr (std::is_arithmetic_v<std::decay_t<decltype(value)>>) {
         const auto [text, isNew] = names.insert(labelOf(*name));
@@ -120,7 +128,7 @@ Metrics::Metrics(const Fleet& fleet, const Partitions& partitions) : fleet_(flee
   ends_.push_back(roots_.size());
 }
 
-std::vector<MetricFamily> Metrics::Collect() const {
+std::vector<MetricFamily> Metrics::collect() const {
   const auto guard = fleet_.lock();
   return family_ == families.size() ? collectTotals() : collectDevices();
 }
@@ -134,8 +142,12 @@ std::vector<MetricFamily> Metrics::collectDevices() const {
     const Fleet::Root& root = entry->second;
     if (!root.tree || root.summary.condition == Condition::REPORTER_GONE) continue;
     std::unordered_set<std::string> labels;
-    walk(*root.tree, labels, [&](const DeviceNode& device, const std::string& label) {
-      family.add(roots_[at].second, device, label, result.metric);
+    orv::device_tree::anyNode(*root.tree, [&](const DeviceNode& device) {
+      // Of two that have one label, the first counts: a reader refuses the whole answer when two
+      // series are equal.
+      const auto [label, isNew] = labels.insert(labelOf(device.getDeviceId()));
+      if (isNew) family.add(roots_[at].second, device, *label, result.metric);
+      return false;
     });
   }
   return {std::move(result)};
@@ -191,7 +203,7 @@ std::vector<MetricFamily> Metrics::collectTotals() const {
 std::string Metrics::next() {
   std::string text;
   while (text.empty() && family_ <= families.size()) {
-    text = prometheus::TextSerializer().Serialize(Collect());
+    text = prometheus::TextSerializer().Serialize(collect());
     if (piece_ > 0) text.erase(0, text.find('\n') + 1);  // the type: the first piece has told it
     if (++piece_ == ends_.size() || family_ == families.size()) {
       piece_ = 0;

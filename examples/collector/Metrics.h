@@ -1,7 +1,6 @@
 // The metrics of a fleet in the text format of Prometheus.
 #pragma once
 
-#include <prometheus/collectable.h>
 #include <prometheus/metric_family.h>
 
 #include <cstddef>
@@ -15,18 +14,16 @@
 // Goes through the metrics of a fleet piece by piece: the text is long, and the fleet must not be
 // locked for as long as making it takes. The format wants each family in one go, so a piece is one
 // family of some roots.
-class Metrics final : public prometheus::Collectable {
+class Metrics {
  public:
   // Of the roots of these partitions. The counters of the collector are always there.
   Metrics(const Fleet& fleet, const Partitions& partitions);
 
-  // The present piece.
-  std::vector<prometheus::MetricFamily> Collect() const override;
-
-  // The text of the present piece, and goes on to the next one. Empty at the end.
+  // The text of the next piece. Empty at the end.
   std::string next();
 
  private:
+  std::vector<prometheus::MetricFamily> collect() const;  // the present piece
   std::vector<prometheus::MetricFamily> collectDevices() const;
   std::vector<prometheus::MetricFamily> collectTotals() const;
 
