@@ -57,7 +57,6 @@ void Fleet::apply(const std::string& id, const Event& event, const Tree& tree) {
   ++events_[event.event_type()];
   if (!tree && roots_.count(id) == 0) return;  // the removal of a root that is not known
   Root& root = roots_[id];
-  root.tree = tree;
   root.lastEvent = std::chrono::system_clock::now();
   Summary summary;
   summary.condition = root.summary.condition;

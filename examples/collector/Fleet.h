@@ -41,7 +41,6 @@ class Fleet final : public orv::reporting::Endpoint {
   };
   struct Root {
     Summary summary;
-    orv::reporting::Tree tree;
     std::chrono::system_clock::time_point lastEvent;  // when it was applied
     std::uint64_t version = 0;
   };

@@ -137,12 +137,11 @@ std::vector<MetricFamily> Metrics::collectDevices() const {
   const Family& family = families.at(family_);
   MetricFamily result = {family.name, piece_ == 0 ? family.help : "", MetricType::Gauge, {}};
   for (std::size_t at = piece_ == 0 ? 0 : ends_[piece_ - 1]; at < ends_[piece_]; ++at) {
-    const auto entry = fleet_.roots().find(roots_[at].first);
-    if (entry == fleet_.roots().end()) continue;  // gone since
-    const Fleet::Root& root = entry->second;
-    if (!root.tree || root.summary.condition == Condition::REPORTER_GONE) continue;
+    if (fleet_.roots().count(roots_[at].first) == 0) continue;  // gone since
+    const auto view = fleet_.view(roots_[at].first);
+    if (!view.tree || view.condition == Condition::REPORTER_GONE) continue;
     std::unordered_set<std::string> labels;
-    orv::device_tree::anyNode(*root.tree, [&](const DeviceNode& device) {
+    orv::device_tree::anyNode(*view.tree, [&](const DeviceNode& device) {
       // Of two that have one label, the first counts: a reader refuses the whole answer when two
       // series are equal.
       const auto [label, isNew] = labels.insert(labelOf(device.getDeviceId()));
@@ -166,10 +165,10 @@ std::vector<MetricFamily> Metrics::collectTotals() const {
   for (const auto& [id, label] : roots_) {
     const auto entry = fleet_.roots().find(id);
     if (entry == fleet_.roots().end()) continue;
-    const Fleet::Root& root = entry->second;
-    add(up.metric, {{"root", label}}, root.summary.condition == Condition::CURRENT ? 1 : 0);
-    if (root.tree && root.summary.condition != Condition::REPORTER_GONE) {
-      const std::chrono::duration<double> time = root.lastEvent.time_since_epoch();
+    const auto view = fleet_.view(id);
+    add(up.metric, {{"root", label}}, view.condition == Condition::CURRENT ? 1 : 0);
+    if (view.tree && view.condition != Condition::REPORTER_GONE) {
+      const std::chrono::duration<double> time = entry->second.lastEvent.time_since_epoch();
       add(last.metric, {{"root", label}}, time.count());
     }
   }
