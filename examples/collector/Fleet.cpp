@@ -38,16 +38,16 @@ Fleet::Fleet(CollectorCallbacks callbacks, const orv::reporting::CollectorOption
 
 CollectorCallbacks Fleet::observe(CollectorCallbacks callbacks) {
   CollectorCallbacks result;
-  result.applied = [this, tell = std::move(callbacks.applied)](
+  result.applied = [this, applied = std::move(callbacks.applied)](
                        const std::string& id, const Event& event, const Tree& before,
-                       const Tree& tree) {
-    apply(id, event, tree);
-    tell(id, event, before, tree);
+                       const Tree& after) {
+    apply(id, event, after);
+    applied(id, event, before, after);
   };
-  result.changed = [this, tell = std::move(callbacks.changed)](const std::string& id,
-                                                               Condition condition) {
+  result.changed = [this, changed = std::move(callbacks.changed)](const std::string& id,
+                                                                  Condition condition) {
     change(id, condition);
-    tell(id, condition);
+    changed(id, condition);
   };
   result.problem = std::move(callbacks.problem);
   return result;

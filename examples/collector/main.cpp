@@ -109,12 +109,12 @@ void collect(const Options& options) {
   const Signals signals;
   unsigned long events = 0;
   orv::reporting::CollectorCallbacks callbacks;
-  callbacks.applied = [&](const std::string& root, const Event& event, const Tree& before,
-                         const Tree& tree) {
+  callbacks.applied = [&events](const std::string& root, const Event& event, const Tree& before,
+                                const Tree& after) {
     ++events;
-    for (const std::string& line : summaryOf(event, before, tree)) print(root, line);
+    for (const std::string& line : summaryOf(event, before, after)) print(root, line);
   };
-  callbacks.changed = [&](const std::string& root, Condition condition) {
+  callbacks.changed = [](const std::string& root, Condition condition) {
     print(root + ":", textOf(condition));
   };
   const auto log = [](const std::string& line) { std::cerr << printable(line) << std::endl; };

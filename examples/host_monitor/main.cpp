@@ -1,5 +1,6 @@
 // Watches the machine it runs on and prints, reading by reading, the event that leads from what it
-// reported last to what it finds now. Reports to a broker too, if asked to.
+// printed last to what it finds now. With a broker it reports the machine there, and prints the
+// events that the broker has taken.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
@@ -12,14 +13,15 @@
 
 #include "BrokerOptions.h"
 #include "HostReader.h"
-#include "Publisher.h"
 #include "Signals.h"
 #include "Summary.h"
 #include "device_tree/Utils.h"
+#include "reporting/Connection.h"
+#include "reporting/Reporter.h"
 
-using orv::device_tree::DeviceNode;
 using orv::device_tree::utils::EventHelper;
-using Event = orv::proto::monitoring::DeviceToOrvServiceEvent;
+using orv::reporting::Event;
+using orv::reporting::Tree;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -75,8 +77,10 @@ std::optional<Options> parse(int argc, char** argv) {
   addBrokerOptions(app, options.broker);
   app.footer(
       "A reading that finds no change counts, but prints nothing. With --broker the program\n"
-      "publishes what changed; lines about the connection go to the standard error. Ctrl-C ends\n"
-      "the program with status 0, a bad option or an unreadable DIR with status 2.");
+      "publishes what changed, and prints it when the broker has taken it; lines about the\n"
+      "connection go to the standard error. Ctrl-C ends the program with status 0, a bad option "
+      "or\n"
+      "an unreadable DIR with status 2.");
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -86,51 +90,91 @@ std::optional<Options> parse(int argc, char** argv) {
   return options;
 }
 
-// How long the last report waits for the broker.
-constexpr std::chrono::seconds farewell(10);
+// The machine, reading by reading.
+class Monitor {
+ public:
+  // An empty identifier stands for the machine's own name.
+  Monitor(const Options& options, const std::string& id)
+      : options_(options), live_(makeHost(options.root, id)) {}
 
-void monitor(const Options& options) {
+  const Tree& live() const { return live_; }
+  bool isLast() const { return reading_ == options_.count; }
+  void read();
+  // The event led from one tree to the other.
+  void show(const Event& event, const Tree& before, const Tree& after) const;
+
+ private:
+  const Options& options_;
+  const Tree live_;
+  unsigned long reading_ = 0;
+};
+
+void Monitor::read() {
+  updateHost(options_.root, *live_);
+  ++reading_;
+  if (reading_ == 1 && options_.tree) print(live_->debugString() + "\n");
+}
+
+void Monitor::show(const Event& event, const Tree& before, const Tree& after) const {
+  const std::string number = std::to_string(reading_);
+  if (options_.format == "text") {
+    print("# reading " + number + "\n" + event.Utf8DebugString());
+    return;
+  }
+  std::string lines;
+  for (const std::string& line : summaryOf(event, before, after)) {
+    lines += number;
+    lines += ' ';
+    lines += line;
+    lines += '\n';
+  }
+  print(lines);
+}
+
+Clock::duration intervalOf(const Options& options) {
+  return std::chrono::ceil<Clock::duration>(std::chrono::duration<double>(options.interval));
+}
+
+void watch(const Options& options) {
   const Signals signals;
-  const auto interval =
-      std::chrono::ceil<Clock::duration>(std::chrono::duration<double>(options.interval));
-  const bool isPublished = !options.broker.url.empty();
-  const std::shared_ptr<DeviceNode> live =
-      makeHost(options.root, isPublished || !options.name.empty() ? options.name : "host");
-  const std::unique_ptr<Publisher> publisher =
-      isPublished ? makePublisher(options.broker, live->getDeviceId()) : nullptr;
-  std::shared_ptr<DeviceNode> snapshot;  // the tree as it was reported last
+  Monitor monitor(options, options.name.empty() ? "host" : options.name);
+  Tree snapshot;  // the tree as it was shown last
   Event event;
-  for (unsigned long reading = 1;; ++reading) {
-    updateHost(options.root, *live);
-    if (reading == 1 && options.tree) print(live->debugString() + "\n");
-    if (EventHelper::ComputeEvent(snapshot, live, event)) {
-      const std::string number = std::to_string(reading);
-      if (options.format == "text") {
-        print("# reading " + number + "\n" + event.Utf8DebugString());
-      } else {
-        std::string lines;
-        for (const std::string& line : summaryOf(event, snapshot, live)) {
-          lines += number;
-          lines += ' ';
-          lines += line;
-          lines += '\n';
-        }
-        print(lines);
-      }
+  do {
+    monitor.read();
+    if (EventHelper::ComputeEvent(snapshot, monitor.live(), event)) {
+      monitor.show(event, snapshot, monitor.live());
       std::string refusal;
       if (!EventHelper::ApplyEvent(event, snapshot, refusal)) throw std::logic_error(refusal);
-      if (publisher) publisher->report(live);
     }
-    const bool isLast = reading == options.count;
-    const auto end = Clock::now() + (isLast ? farewell : interval);
+  } while (!monitor.isLast() && !signals.arrive(intervalOf(options)));
+}
+
+void log(const std::string& line) { std::cerr << line << "\n"; }
+
+void publish(const Options& options) {
+  constexpr std::chrono::seconds farewell(10);  // how long the last report waits for the broker
+  const Signals signals;
+  Monitor monitor(options, options.name);
+  orv::reporting::ReporterCallbacks callbacks;
+  callbacks.published = [&monitor](const std::string& /*root*/, const Event& event,
+                                   const Tree& before,
+                                   const Tree& after) { monitor.show(event, before, after); };
+  callbacks.problem = log;
+  orv::reporting::Reporter reporter(monitor.live()->getDeviceId(), callbacks);
+  orv::reporting::Connection connection(brokerOf(options.broker), reporter, log);
+  for (;;) {
+    monitor.read();
+    reporter.report(monitor.live());
+    const auto end = Clock::now() + (monitor.isLast() ? farewell : intervalOf(options));
     do {
-      if (isLast && (!publisher || publisher->isSettled())) return;
       const auto slice =
           std::min<Clock::duration>(end - Clock::now(), std::chrono::milliseconds(200));
-      if (publisher) publisher->serve(std::chrono::ceil<std::chrono::milliseconds>(slice));
-      if (signals.arrive(publisher ? Clock::duration(0) : end - Clock::now())) return;
+      connection.serve(std::chrono::ceil<std::chrono::milliseconds>(slice));
+      if (signals.arrive(Clock::duration(0))) return;
+      if (monitor.isLast() && reporter.isSettled()) return;
     } while (Clock::now() < end);
-    if (isLast) throw std::runtime_error("the broker has not taken the last report");
+    if (monitor.isLast()) throw std::runtime_error("the broker has not taken the last report");
   }
 }
 
@@ -138,7 +182,13 @@ void monitor(const Options& options) {
 
 int main(int argc, char** argv) {
   try {
-    if (const auto options = parse(argc, argv)) monitor(*options);
+    const auto options = parse(argc, argv);
+    if (!options) return 0;
+    if (options->broker.url.empty()) {
+      watch(*options);
+    } else {
+      publish(*options);
+    }
     return 0;
   } catch (const std::exception& fault) {
     std::cerr << argv[0] << ": " << fault.what() << "\n";

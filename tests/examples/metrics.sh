@@ -46,6 +46,9 @@ celsius='orv_device_status{device="station-7/hwmon0/temp1",status="celsius"}'
 await 60 answers "$celsius" 41.5
 put station-7/sys/class/hwmon/hwmon0/temp1_input 52250
 await 20 answers "$celsius" 52.25
+line='station-7/hwmon0/temp1: celsius (double 52.250000)'
+await 10 grep -q "^[0-9]* $line\$" station-7.log
+await 10 grep -Fxq "station-7 $line" events.log
 await 20 answers 'orv_device_health{root="station-7",device="station-7/net/eth1",level="warning"}' 1
 
 curl -sS "http://127.0.0.1:$port/metrics" >metrics.txt
