@@ -1,6 +1,7 @@
 // A broker in memory and the wire to it, on which nothing moves unless it is told to.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstddef>
@@ -19,9 +20,20 @@ using namespace orv::reporting;
 
 // What a process has with the broker: a connection, now and then, and a session.
 struct Side : Link {
-  void subscribe(const std::vector<std::string>& filters) override;
-  int publish(const Message& message) override;
-  void arrive(const Message& message);
+  void subscribe(const std::vector<std::string>& filters) override {
+    topics = filters;
+    for (const auto& [topic, message] : *retained) arrive(message);
+  }
+  int publish(const Message& message) override {
+    up.emplace_back(++number, message);
+    return number;
+  }
+  void arrive(const Message& message) {
+    for (const std::string& filter : topics) {
+      const std::size_t wild = std::min(filter.find('+'), filter.size());
+      if (message.topic.compare(0, wild, filter, 0, wild) == 0) down.push_back(message);
+    }
+  }
 
   Endpoint* endpoint = nullptr;
   const std::map<std::string, Message>* retained = nullptr;
@@ -33,36 +45,86 @@ struct Side : Link {
   int number = 0;
 };
 
-class Wire {
- public:
-  Wire();
+struct Wire {
+  Wire() {
+    for (Side& side : sides) side.retained = &retained;
+  }
 
   // A process begins in place of the one before.
-  void start(Side& side, Endpoint& endpoint);
-  void connect(Side& side);
+  void begin(Side& side, Endpoint& endpoint) {
+    side.endpoint = &endpoint;
+    side.topics.clear();
+    side.down.clear();
+  }
+  void connect(Side& side) {
+    side.will = side.endpoint->connecting();
+    side.isConnected = true;
+    side.endpoint->connected(side, now);
+  }
   // The connection breaks. So many of the messages that are up still arrive; the will comes later.
-  void cut(Side& side, std::size_t arriving, bool isTold);
-  void publishWill();
+  void cut(Side& side, std::size_t arriving) {
+    while (arriving-- > 0) takeUp(side, 0, false);
+    side.up.clear();
+    if (side.isConnected && side.will) wills.push_back(*side.will);
+    side.isConnected = false;
+  }
 
-  void takeUp(Side& side, std::size_t at, bool isAnswered);
-  void refuse(Side& side);
-  void takeDown(Side& side, std::size_t at, bool stays);
-  void loseDown(Side& side, std::size_t at);
+  // The broker takes a message.
+  void accept(const Message& message) {
+    if (message.isRetained) {
+      retained[message.topic] = message;
+      if (message.payload.empty()) retained.erase(message.topic);
+    }
+    Message passedOn = message;
+    passedOn.isRetained = false;
+    for (Side& side : sides) side.arrive(passedOn);
+  }
+  void takeUp(Side& side, std::size_t at, bool isAnswered) {
+    const auto [number, message] = side.up.at(at);
+    side.up.erase(side.up.begin() + static_cast<std::ptrdiff_t>(at));
+    accept(message);
+    if (isAnswered) side.endpoint->settled(number, "", now);
+  }
+  void refuse(Side& side) {
+    side.endpoint->settled(side.up.front().first, "not now", now);
+    side.up.pop_front();
+  }
+  void takeDown(Side& side, std::size_t at, bool stays) {
+    const Message message = side.down.at(at);
+    if (!stays) loseDown(side, at);
+    side.endpoint->received(message, now);
+  }
+  void loseDown(Side& side, std::size_t at) {
+    side.down.erase(side.down.begin() + static_cast<std::ptrdiff_t>(at));
+  }
+  void publishWill() {
+    accept(wills.front());
+    wills.pop_front();
+  }
 
-  // The broker starts again and has lost everything.
-  void forget();
+  // From here on the wire is good: delivers everything for so long, until all are quiet.
+  void calmDown(std::chrono::seconds duration) {
+    for (const Time end = now + duration; now < end; now += std::chrono::seconds(5)) {
+      for (Side& side : sides) {
+        if (!side.isConnected) connect(side);
+      }
+      while (!wills.empty()) publishWill();
+      for (bool isQuiet = false; !isQuiet;) {
+        isQuiet = true;
+        for (Side& side : sides) {
+          isQuiet = isQuiet && side.up.empty() && side.down.empty();
+          while (!side.up.empty()) takeUp(side, 0, true);
+          while (!side.down.empty()) takeDown(side, 0, false);
+          side.endpoint->serve(now);
+        }
+      }
+    }
+  }
 
-  // Delivers everything for so long, until all are quiet.
-  void calmDown(std::chrono::seconds duration);
-
-  std::array<Side, 3> sides;
   Time now{std::chrono::seconds(1000)};
+  std::array<Side, 3> sides;
+  std::map<std::string, Message> retained;
   std::deque<Message> wills;
-
- private:
-  void accept(const Message& message);
-
-  std::map<std::string, Message> retained_;
 };
 
 }  // namespace wire
