@@ -36,7 +36,7 @@ using Json = nlohmann::json;
 using orv::proto::monitoring::StatusChangeEvent;
 
 void fail(const std::string& problem) { throw std::runtime_error(problem); }
-void tell(const std::string& text) { std::cerr << text << '\n'; }
+void log(const std::string& text) { std::cerr << text << '\n'; }
 
 // The trees of a reporter.
 class Fleet {
@@ -82,7 +82,7 @@ void report(const Broker& broker, std::size_t roots, int control) {
   send(control, &pause, sizeof pause, 0);
   recv(control, &pause, sizeof pause, 0);
   Reporter reporter("bench", {{}, fail});
-  Connection connection(broker, reporter, tell);
+  Connection connection(broker, reporter, log);
   Time due = steady_clock::now();
   for (std::size_t i = 0; i < roots; ++i) reporter.report(fleet.change(due));
   while (const auto length = recv(control, &pause, sizeof pause, MSG_DONTWAIT)) {
@@ -97,7 +97,7 @@ void report(const Broker& broker, std::size_t roots, int control) {
 class Receiver {
  public:
   Receiver(const Broker& broker, int control)
-      : control_(control), collector_(callbacks()), connection_(broker, collector_, tell) {
+      : control_(control), collector_(callbacks()), connection_(broker, collector_, log) {
     await([this] { return connection_.isConnected(); });
   }
 
