@@ -43,6 +43,11 @@ Message tree(const std::string& id, const Sequence& sequence, const std::string&
 }
 Message tree(const std::string& id, const Sequence& sequence) { return tree(id, sequence, id); }
 
+// A status change without changes.
+Message change(const std::string& id, const Sequence& sequence) {
+  return {topics.event(id), std::string("\x08\x01\xba\x06\x00", 5), false, sequence.text(), {}};
+}
+
 class CollectorTest : public ::testing::Test {
  protected:
   CollectorTest() { talk.connect(); }
@@ -95,13 +100,23 @@ TEST_F(CollectorTest, OfAPartHearsOfThatPart) {
   EXPECT_EQ(some.roots(), std::vector<std::string>{"r"});
 }
 
+TEST_F(CollectorTest, AppliesEachChangeOnceAndAsksForNothingWhileNoneIsMissing) {
+  talk.hear(state("a", 1, {{"r", {1, 1}}})).hear(tree("r", {1, 1})).expect("r is current");
+  talk.hear(change("r", {1, 2})).hear(change("r", {1, 2})).hear(state("a", 1, {{"r", {1, 2}}}));
+  talk.after(60s).expect("");
+  EXPECT_EQ(collector.counters().outcomes, (std::array<std::uint64_t, 4>{2, 1, 0, 0}));
+  talk.hear(change("r", {2, 2})).expect("r is out of date");  // what comes before it is missing
+}
+
 TEST_F(CollectorTest, MakesGoodWhatIsWrongOrLost) {
   talk.hear(state("a", 1, {{"r", {1, 1}}})).hear(tree("r", {1, 1}, "x"));
   talk.expect("An event of r is refused: The event holds the tree of another root");
   talk.hear(tree("r", {1, 1})).expect("r is current");
   // A change that is none of the reporter's, as its next word says.
-  talk.hear({topics.event("r"), std::string("\x08\x01\xba\x06\x00", 5), false, "1.9", {}});
-  talk.expect("r is out of date").hear(state("a", 1, {{"r", {1, 1}}})).expect("r is current");
+  talk.hear(change("r", {1, 9}))
+      .expect("r is out of date")
+      .hear(state("a", 1, {{"r", {1, 1}}}))
+      .expect("r is current");
   // One that may be on its way.
   talk.hear(state("a", 1, {{"r", {1, 2}}})).after(4s).expect("").after(2s);
   talk.expect("r is out of date, ask a r");
