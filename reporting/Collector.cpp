@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -10,6 +11,7 @@
 #include "reporting/Agenda.h"
 #include "reporting/Peer.h"
 #include "reporting/Requests.h"
+#include "reporting/Seed.h"
 
 namespace orv::reporting {
 
@@ -47,6 +49,9 @@ class Collector::Core {
     std::string reporter;              // the one that counts; empty for none
     std::vector<std::string> listers;  // every reporter that lists it
     std::string rival;                 // another reporter of the root, told of
+    std::string claimer;       // the reporter of its last event, as that says; empty: unknown
+    bool isClaimKept = false;  // the broker had kept that event
+    bool isTooLarge = false;   // an event that arrived
     Condition condition = Condition::FORGOTTEN;
     Time since;  // nobody lists it, or it is forgotten
   };
@@ -57,11 +62,14 @@ class Collector::Core {
   void list(const std::string& id, const std::string& name, Time now);
   void choose(const std::string& id, Root& root, const std::string& name);
   void unlist(const std::string& id, const std::string& name, Time now);
+  void checkClaims(const std::string& name, Time now);
   void updateRootsOf(const Peer& peer, Time now);
   void update(const std::string& id, Time now);
   const Peer* peerOf(const Root& root) const;
-  bool canAsk(const Root& root) const;
+  bool canAsk(const std::string& id, const Root& root) const;
   Condition conditionOf(const std::string& id, const Root& root) const;
+  std::string reasonOf(const std::string& id, const Root& root) const;
+  std::string heldBack(const std::string& id, const Root& root) const;
   void check(Time now);
   void ask(Time now);
   void send(const std::string& name, const monitoring::TreeRequest& request);
@@ -79,6 +87,8 @@ class Collector::Core {
   Link* link_ = nullptr;
   std::map<std::string, Root> roots_;
   std::map<std::string, Peer> peers_;
+  std::map<std::string, std::set<std::string>>
+      claims_;       // roots by claimer, while nobody lists them
   Agenda behind_;    // roots whose reporter is ahead, until patience ends
   Requests trees_;   // by root
   Requests states_;  // by reporter
@@ -89,7 +99,7 @@ Collector::Core::Core(CollectorCallbacks callbacks, const CollectorOptions& opti
     : callbacks_(std::move(callbacks)),
       options_(options),
       topics_(options.prefix),
-      random_(options.seed),
+      random_(options.seed ? *options.seed : drawSeed()),
       trees_(options.firstPause, options.longestPause, options.mostRequests),
       states_(options.firstPause, options.longestPause, options.mostRequests) {
   if (options.firstPartition > options.lastPartition ||
@@ -112,7 +122,8 @@ std::optional<Collector::View> Collector::Core::view(const std::string& id) cons
   if (entry == roots_.end()) return std::nullopt;
   const Root& root = entry->second;
   if (root.condition == Condition::FORGOTTEN) return std::nullopt;
-  return View{root.condition, root.follower.tree(), root.follower.sequence(), root.reporter};
+  return View{root.condition, root.follower.tree(), root.follower.sequence(),
+              root.reporter.empty() ? root.claimer : root.reporter, reasonOf(id, root)};
 }
 
 void Collector::Core::connected(Link& link, Time now) {
@@ -178,7 +189,11 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
   if (!sequence) {
     refuse("An event of " + id + " has the sequence '" + message.sequence + "'");
   } else if (message.payload.size() > options_.mostBytes) {
-    refuse("An event of " + id + " has " + std::to_string(message.payload.size()) + " bytes");
+    Root& root = takeUp(id, now);
+    const std::string problem =
+        "An event of " + id + " has " + std::to_string(message.payload.size()) + " bytes";
+    ++counters_.strangers;
+    if (!std::exchange(root.isTooLarge, true)) complain(problem);
   } else if (!event.ParseFromString(message.payload)) {
     refuse("An event of " + id + " cannot be read");
   } else {
@@ -190,8 +205,12 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
     if (outcome == Follower::Outcome::REFUSED) {
       complain("An event of " + id + " is refused: " + refusal);
     }
-    if (outcome == Follower::Outcome::APPLIED && callbacks_.applied) {
-      callbacks_.applied(id, event, before, root.follower.tree());
+    if (outcome == Follower::Outcome::APPLIED) {
+      root.claimer = Topics::decode(message.reporter).value_or("");
+      root.isClaimKept = message.isRetained;
+      if (root.reporter.empty() && !root.claimer.empty()) claims_[root.claimer].insert(id);
+      if (isWholeTree(event)) root.isTooLarge = false;
+      if (callbacks_.applied) callbacks_.applied(id, event, before, root.follower.tree());
     }
     update(id, now);
   }
@@ -208,7 +227,7 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
     const Peer peer = std::move(known->second);
     peers_.erase(known);
     states_.drop(name);
-    for (const auto& [id, sequence] : peer.roots()) unlist(id, name, now);
+    for (const auto& [id, listed] : peer.roots()) unlist(id, name, now);
     return;
   }
   Peer& peer = peers_.try_emplace(name, now).first->second;
@@ -221,9 +240,35 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
   } else {
     states_.need(name, now, random_);
   }
-  for (const auto& [id, sequence] : peer.roots()) list(id, name, now);
-  for (const auto& [id, sequence] : unlisted) unlist(id, name, now);
+  for (const auto& [id, listed] : peer.roots()) list(id, name, now);
+  for (const auto& [id, listed] : unlisted) unlist(id, name, now);
+  if (peer.isThere()) checkClaims(name, now);
   updateRootsOf(peer, now);
+}
+
+// A reporter that ended without clearing a tree, and came back without the root, leaves the tree
+// with the broker, which would keep it for ever. An event says whose it is, and every state that
+// goes out after it lists the root. So if the state does not, the tree is nobody's. An event that
+// the broker had kept went out before. One that has just arrived may have been overtaken by one
+// state: the next decides.
+void Collector::Core::checkClaims(const std::string& name, Time now) {
+  const auto claims = claims_.extract(name);
+  if (claims.empty()) return;
+  monitoring::TreeRequest request;
+  for (const std::string& id : claims.mapped()) {
+    const auto entry = roots_.find(id);
+    if (entry == roots_.end()) continue;
+    Root& root = entry->second;
+    if (!root.reporter.empty() || root.claimer != name || !root.follower.tree()) continue;
+    if (!std::exchange(root.isClaimKept, true)) {
+      claims_[name].insert(id);
+      continue;
+    }
+    root.follower.forget();
+    update(id, now);
+    request.add_roots(id);  // the reporter has it not, and clears it
+  }
+  if (request.roots_size() > 0) send(name, request);
 }
 
 Collector::Core::Root& Collector::Core::takeUp(const std::string& id, Time now) {
@@ -246,8 +291,8 @@ void Collector::Core::list(const std::string& id, const std::string& name, Time 
 void Collector::Core::choose(const std::string& id, Root& root, const std::string& name) {
   const Peer& peer = peers_.at(name);
   if (root.reporter != name) {
-    const Peer* const other = peerOf(root);
-    if (other != nullptr && (other->isOnline() || !peer.isOnline())) {
+    const auto other = peers_.find(root.reporter);
+    if (other != peers_.end() && (other->second.isOnline() || !peer.isOnline())) {
       if (peer.isOnline() && root.rival != name) {
         root.rival = name;
         complain("The root " + id + " is reported by " + root.reporter + " and by " + name);
@@ -256,7 +301,7 @@ void Collector::Core::choose(const std::string& id, Root& root, const std::strin
     }
     root.reporter = name;
   }
-  root.follower.reported(peer.roots().at(id));
+  root.follower.reported(peer.roots().at(id).latest, peer.isConfirmed());
 }
 
 void Collector::Core::unlist(const std::string& id, const std::string& name, Time now) {
@@ -277,7 +322,7 @@ void Collector::Core::unlist(const std::string& id, const std::string& name, Tim
 }
 
 void Collector::Core::updateRootsOf(const Peer& peer, Time now) {
-  for (const auto& [id, sequence] : peer.roots()) {
+  for (const auto& [id, listed] : peer.roots()) {
     if (roots_.count(id) > 0) update(id, now);
   }
 }
@@ -291,7 +336,7 @@ void Collector::Core::update(const std::string& id, Time now) {
     root.condition = condition;
     if (callbacks_.changed) callbacks_.changed(id, condition);
   }
-  const bool canBeAsked = canAsk(root);
+  const bool canBeAsked = canAsk(id, root);
   // States and events have no common order. So while the tree counts as current, the events that
   // the reporter speaks of may be on their way.
   const bool isAwaited = root.follower.isBehind() && condition == Condition::CURRENT;
@@ -308,26 +353,51 @@ void Collector::Core::update(const std::string& id, Time now) {
   }
 }
 
+// Until a state has listed the root, its reporter is the one that its last event names.
 const Peer* Collector::Core::peerOf(const Root& root) const {
-  const auto peer = peers_.find(root.reporter);
+  const auto peer = peers_.find(root.reporter.empty() ? root.claimer : root.reporter);
   return peer == peers_.end() ? nullptr : &peer->second;
 }
 
-bool Collector::Core::canAsk(const Root& root) const {
+bool Collector::Core::canAsk(const std::string& id, const Root& root) const {
   const Peer* const peer = peerOf(root);
-  return link_ != nullptr && peer != nullptr && peer->isThere() && !root.follower.isAwaited();
+  return link_ != nullptr && peer != nullptr && peer->isThere() && !root.reporter.empty() &&
+         !root.follower.isAwaited() && heldBack(id, root).empty();
+}
+
+// What the reporter says of that itself; empty for nothing.
+std::string Collector::Core::heldBack(const std::string& id, const Root& root) const {
+  const auto peer = peers_.find(root.reporter);
+  if (peer == peers_.end()) return "";
+  const auto listed = peer->second.roots().find(id);
+  return listed == peer->second.roots().end() ? "" : listed->second.heldBack;
 }
 
 Condition Collector::Core::conditionOf(const std::string& id, const Root& root) const {
   const Peer* const peer = peerOf(root);
-  const bool isNews = root.condition == Condition::FORGOTTEN && trees_.timesAsked(id) == 0;
-  if (!root.follower.tree() && (peer == nullptr || root.follower.isCurrent() || isNews)) {
-    return Condition::FORGOTTEN;
+  if (!root.follower.tree()) {
+    const bool isListed = !root.reporter.empty() && !root.follower.isCurrent();
+    return isListed ? Condition::AWAITED : Condition::FORGOTTEN;
   }
   if (link_ == nullptr || (peer != nullptr && !peer->isConfirmed())) return Condition::OUT_OF_DATE;
   if (peer == nullptr || !peer->isOnline()) return Condition::REPORTER_GONE;
+  const bool isClaimed = !root.reporter.empty() || !root.isClaimKept;
   const bool isInStep = !root.follower.isBehind() || root.condition == Condition::CURRENT;
-  return root.follower.isCurrent() && isInStep ? Condition::CURRENT : Condition::OUT_OF_DATE;
+  const bool isCurrent = root.follower.isCurrent() && isInStep && isClaimed;
+  return isCurrent && heldBack(id, root).empty() ? Condition::CURRENT : Condition::OUT_OF_DATE;
+}
+
+std::string Collector::Core::reasonOf(const std::string& id, const Root& root) const {
+  if (root.condition == Condition::CURRENT || root.condition == Condition::REPORTER_GONE) return "";
+  if (link_ == nullptr) return "the collector is not connected";
+  const std::string why = heldBack(id, root);
+  if (!why.empty()) return "its reporter holds it back: " + why;
+  const Peer* const peer = peerOf(root);
+  if (peer == nullptr || !peer->isOnline()) return "its reporter is gone";
+  if (!peer->isConfirmed()) return "its reporter has not been heard yet";
+  if (root.isTooLarge) return "its events are larger than this collector takes";
+  const unsigned int times = trees_.timesAsked(id);
+  return times > 2 ? "asked for " + std::to_string(times) + " times in vain" : "";
 }
 
 // Once a second: who was silent for too long, and which roots nobody lists.

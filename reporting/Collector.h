@@ -14,7 +14,6 @@
 #include "reporting/Export.h"
 #include "reporting/Follower.h"
 #include "reporting/Publication.h"
-#include "reporting/Seed.h"
 #include "reporting/Sequence.h"
 #include "reporting/Topics.h"
 
@@ -25,7 +24,8 @@ enum class Condition : std::int32_t {
   CURRENT = 0,
   OUT_OF_DATE = 1,    ///< something is missing, or the collector itself is not connected
   REPORTER_GONE = 2,  ///< nobody reports it now: the tree is the last that arrived
-  FORGOTTEN = 3       ///< the root was removed, or its reporter lists it no longer
+  FORGOTTEN = 3,      ///< the root was removed, or its reporter lists it no longer
+  AWAITED = 4         ///< a reporter lists it, and its tree has not arrived
 };
 
 struct CollectorOptions {
@@ -40,13 +40,14 @@ struct CollectorOptions {
   /// How long a reporter may be ahead of a tree before the events count as lost.
   std::chrono::milliseconds patience = std::chrono::seconds(5);
   /// The first request for a tree comes within this time, spread at random. The pauses after it
-  /// double, up to `longestPause`.
+  /// double, up to `longestPause`: where answers do not help, as they are too large or may not be
+  /// read, others get them all the same.
   std::chrono::milliseconds firstPause = std::chrono::seconds(1);
-  std::chrono::milliseconds longestPause = std::chrono::minutes(1);
+  std::chrono::milliseconds longestPause = std::chrono::hours(1);
   /// So many trees are asked for each second, however many are missing.
   unsigned int mostRequests = 50;
-  /// What the random numbers of this process follow from.
-  std::uint64_t seed = drawSeed();
+  /// What all random numbers follow from, for tests; otherwise the system's randomness.
+  std::optional<std::uint64_t> seed;
 };
 
 /// What the user of a collector is told. It must not call the collector's own operations other than
@@ -58,8 +59,7 @@ struct CollectorCallbacks {
   std::function<void(const std::string& root, const Event& event, const Tree& before,
                      const Tree& after)>
       applied;
-  /// What is known about a root has changed. The first news of a root is never FORGOTTEN. It comes
-  /// when the first tree of the root has arrived. If that has to be asked for, it comes then.
+  /// What is known about a root has changed. The first news of a root is never FORGOTTEN.
   std::function<void(const std::string& root, Condition condition)> changed;
   /// Something is wrong, in a line for people: a message that breaks a rule, two reporters of one
   /// root or one name.
@@ -91,6 +91,9 @@ class ORV_REPORTING_EXPORT Collector final : public Endpoint {
     Tree tree;  ///< empty while nothing has arrived
     Sequence sequence;
     std::string reporter;  ///< empty when nobody lists it
+    /// Why the tree is out of date or has not arrived, in words for people; empty where the
+    /// condition says it all.
+    std::string reason;
   };
 
   /// Throws std::invalid_argument when a broker would not take the prefix, or for a range of

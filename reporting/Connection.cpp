@@ -79,19 +79,18 @@ class Properties {
   mosquitto_property* list_ = nullptr;
 };
 
-std::string sequenceOf(const mosquitto_property* properties) {
-  std::string sequence;
+void readProperties(const mosquitto_property* properties, Message& message) {
   bool isLater = false;
   char* name = nullptr;
   char* value = nullptr;
   while ((properties = mosquitto_property_read_string_pair(properties, MQTT_PROP_USER_PROPERTY,
                                                            &name, &value, isLater)) != nullptr) {
-    if (std::string(name) == "sequence") sequence = value;
+    if (std::string(name) == "sequence") message.sequence = value;
+    if (std::string(name) == "reporter") message.reporter = value;
     std::free(name);
     std::free(value);
     isLater = true;
   }
-  return sequence;
 }
 
 // What the client library says.
@@ -167,6 +166,7 @@ class Connection::Client final : public Link {
   int publish(const Message& message) override {
     Properties properties;
     if (!message.sequence.empty()) properties.add("sequence", message.sequence);
+    if (!message.reporter.empty()) properties.add("reporter", message.reporter);
     if (message.expiry.count() > 0) {
       properties.add(MQTT_PROP_MESSAGE_EXPIRY_INTERVAL,
                      static_cast<std::uint32_t>(message.expiry.count()));
@@ -336,6 +336,12 @@ class Connection::Client final : public Link {
 
   void handle(const Ended& end, Time /*now*/) {
     if (end.code >= MQTT_RC_UNSPECIFIED) reason_ = mosquitto_reason_string(end.code);
+    if (end.code == MQTT_RC_SESSION_TAKEN_OVER) {
+      // Somebody has the same identifier, as the copy of a process has. The two would take the
+      // session from each other for ever.
+      id_ = newId();
+      hasSession_ = false;
+    }
   }
 
   // Of an encrypted connection that fails, the library's log alone says why.
@@ -375,6 +381,8 @@ class Connection::Client final : public Link {
     if (std::exchange(isConnected_, false)) endpoint_.disconnected(now);
     log("No connection to " + broker_.host + ":" + std::to_string(broker_.port) + ": " + reason);
   }
+
+  static std::string newId() { return "orv-" + std::to_string(drawSeed()); }
 
   // The same reason once in a row.
   void log(const std::string& line) {
@@ -424,7 +432,7 @@ class Connection::Client final : public Link {
       received.message.payload.assign(static_cast<const char*>(message->payload),
                                       static_cast<std::size_t>(message->payloadlen));
       received.message.isRetained = message->retain;
-      received.message.sequence = sequenceOf(properties);
+      readProperties(properties, received.message);
       return received;
     });
   }
@@ -433,7 +441,7 @@ class Connection::Client final : public Link {
   Endpoint& endpoint_;
   std::function<void(const std::string&)> log_;
   std::mt19937_64 random_{drawSeed()};
-  std::string id_ = "orv-" + std::to_string(random_());
+  std::string id_ = newId();
   bool hasSession_ = false;
 
   std::unique_ptr<mosquitto, Free> client_;

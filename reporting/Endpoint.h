@@ -18,8 +18,9 @@ struct Message {
   /// Of a message to publish: the broker keeps it for those who subscribe later. Of one received:
   /// the broker had kept it.
   bool isRetained = false;
-  /// The user property `sequence`; empty for none.
+  /// The user properties `sequence` and `reporter`; empty for none.
   std::string sequence;
+  std::string reporter;
   /// The broker drops the message after so long; zero for never.
   std::chrono::seconds expiry{0};
 };

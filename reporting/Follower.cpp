@@ -44,8 +44,9 @@ Follower::Outcome Follower::take(const Sequence& sequence, const Event& event,
   return Outcome::APPLIED;
 }
 
-void Follower::reported(const Sequence& latest) noexcept {
+void Follower::reported(const Sequence& latest, bool isOfNow) noexcept {
   reported_ = latest;
+  if (isOfNow && isOfEpoch(latest) && latest.n + 1 < sequence_.n) isLost_ = true;
   if (isOfEpoch(latest)) highest_ = std::max(sequence_.n, std::min(highest_, latest.n));
 }
 

@@ -46,7 +46,11 @@ class ORV_REPORTING_EXPORT Follower {
   /// The reporter of the root says which event of which epoch was its last one. If an event with a
   /// higher n has arrived but could not be applied, it is no longer missed. Either the reporter
   /// never made it, or it will arrive once more.
-  void reported(const Sequence& latest) noexcept;
+  ///
+  /// A word of now, and not one that was kept, cannot be far behind what has arrived: one event at
+  /// most is on its way when it is said. If it is, the reporter knows nothing of the tree, as after
+  /// it was set back in time, and the tree is out of date.
+  void reported(const Sequence& latest, bool isOfNow) noexcept;
 
   /// The tree is out of date until a whole tree arrives.
   void miss() noexcept { isLost_ = true; }

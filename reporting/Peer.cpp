@@ -34,7 +34,7 @@ Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, boo
     unlisted = std::move(roots_);
     roots_.clear();
     for (const auto& root : state.roots()) {
-      roots_[root.root()] = {root.epoch(), root.n()};
+      roots_[root.root()] = {{root.epoch(), root.n()}, root.held_back()};
       unlisted.erase(root.root());
     }
   }

@@ -34,7 +34,12 @@ class Peer {
     OLD = 1,
     RIVAL = 2,  // of a second process; the same one is RIVAL once and OLD from then on
   };
-  using Roots = std::map<std::string, Sequence>;
+  // What it says of a root: its last event, and why a later one is held back (empty: none is).
+  struct Listed {
+    Sequence latest;
+    std::string heldBack;
+  };
+  using Roots = std::map<std::string, Listed>;
 
   explicit Peer(Time now) : heard_(now) {}
 
@@ -43,7 +48,7 @@ class Peer {
   Verdict take(const orv::proto::monitoring::ReporterState& state, bool isRetained, Time now,
                Roots& unlisted);
 
-  // Every root that it lists, with its last event.
+  // Every root that it lists.
   const Roots& roots() const { return roots_; }
 
   bool isOnline() const { return isOnline_; }

@@ -10,6 +10,7 @@
 #include "proto/monitoring/reporting.pb.h"
 #include "reporting/Agenda.h"
 #include "reporting/Flights.h"
+#include "reporting/Seed.h"
 #include "reporting/Sender.h"
 #include "reporting/Topics.h"
 
@@ -22,6 +23,8 @@ namespace {
 // A state lists every root. Were one sent for each root that comes, the states of many roots that
 // come one by one would cost the square of their number.
 constexpr std::chrono::seconds betweenStates(1);
+// Trees that the broker has lost are sent again at this pace: what changes goes out beside them.
+constexpr std::chrono::milliseconds betweenTrees(10);
 constexpr std::size_t largestWill = 65'000;  // bytes; MQTT gives it two bytes for its length
 constexpr const char* endsConnection = "It ends the connection";
 
@@ -37,7 +40,7 @@ class Reporter::Core {
         callbacks_(std::move(callbacks)),
         options_(options),
         topics_(options.prefix),
-        random_(options.seed),
+        random_(options.seed ? *options.seed : drawSeed()),
         start_(random_()) {
     if (name_.empty()) throw std::invalid_argument("A reporter needs a name");
   }
@@ -50,7 +53,7 @@ class Reporter::Core {
   void connected(Link& link, Time now);
   void disconnected(Time now);
   void settled(int number, const std::string& refusal, Time now);
-  void received(const Message& message);
+  void received(const Message& message, Time now);
   Time serve(Time now);
 
  private:
@@ -60,7 +63,7 @@ class Reporter::Core {
     Sender sender;
     Tree live;               // empty: the root is to be removed
     bool isChanged = false;  // since its last event was made, or that was refused
-    std::string problem;     // that was told last
+    std::string problem;     // why its latest tree is held back, as it was told; empty if it is not
   };
 
   Root& takeUp(const std::string& id);
@@ -68,11 +71,17 @@ class Reporter::Core {
   void awaitTreeDue(const std::string& id, const Root& root);
   void taken(const std::string& id);
   void refuse(const std::string& id, const std::string& reason);
+  void hold(Root& root, const std::string& reason, const std::string& complaint);
+  void release(Root& root);
+  void clear(const std::string& id);
+  bool isAhead(const monitoring::ReporterState& state) const;
+  void beginAnew();
+  void renewTrees(Time now);
   void refuseState(const std::string& reason);
   void publishNext(const std::string& id, Time now);
   Message state(bool isOnline) const;
   void receiveRequest(const Message& message);
-  void receiveState(const Message& message);
+  void receiveState(const Message& message, Time now);
   void saySoon() { stateDue_ = std::min(stateDue_, lastState_ + betweenStates); }
   void complain(const std::string& problem) const {
     if (callbacks_.problem) callbacks_.problem(problem);
@@ -90,6 +99,7 @@ class Reporter::Core {
   Agenda agenda_;  // roots to look at, but for the doubted ones, which Flights knows
   Flights flights_;
   std::optional<int> stateOnItsWay_;
+  bool isOwnStateAwaited_ = false;  // none has arrived on this connection
   Time lastState_;
   Time stateDue_;
   std::string stateProblem_;            // that was told last
@@ -144,6 +154,7 @@ void Reporter::Core::connected(Link& link, Time now) {
   if (link_ != nullptr) disconnected(now);
   link_ = &link;
   stateDue_ = Time::min();
+  isOwnStateAwaited_ = true;
   flights_.connected(now);
   link_->subscribe({topics_.request(name_), topics_.reporter(name_)});
 }
@@ -180,7 +191,7 @@ void Reporter::Core::settled(int number, const std::string& refusal, Time now) {
 
 void Reporter::Core::taken(const std::string& id) {
   Root& root = roots_.at(id);
-  root.problem.clear();
+  release(root);
   if (root.sender.onItsWay() != nullptr) {
     const Step step = root.sender.taken();
     if (callbacks_.published) callbacks_.published(id, step.event, step.before, step.after);
@@ -199,8 +210,33 @@ void Reporter::Core::refuse(const std::string& id, const std::string& reason) {
   agenda_.drop(id);
   root.sender.refused();
   root.isChanged = true;
-  if (reason != root.problem) complain("The broker refuses " + id + ": " + reason);
+  hold(root, reason, "The broker refuses " + id + ": " + reason);
+  // What an earlier process left, and this one may not clear, is left alone.
+  if (!root.live && root.sender.last().n == 0) {
+    flights_.trust(id);
+    roots_.erase(id);
+  }
+}
+
+// The state says what is held back: else collectors would take the old tree for the current one.
+void Reporter::Core::hold(Root& root, const std::string& reason, const std::string& complaint) {
+  if (reason == root.problem) return;
   root.problem = reason;
+  saySoon();
+  complain(complaint);
+}
+
+void Reporter::Core::release(Root& root) {
+  if (root.problem.empty()) return;
+  root.problem.clear();
+  saySoon();
+}
+
+// The broker shall forget the tree of a root that is not there.
+void Reporter::Core::clear(const std::string& id) {
+  if (roots_.count(id) > 0) return;
+  takeUp(id);
+  queue(id);
 }
 
 void Reporter::Core::refuseState(const std::string& reason) {
@@ -210,9 +246,9 @@ void Reporter::Core::refuseState(const std::string& reason) {
   stateProblem_ = reason;
 }
 
-void Reporter::Core::received(const Message& message) {
+void Reporter::Core::received(const Message& message, Time now) {
   if (message.topic == topics_.request(name_)) receiveRequest(message);
-  if (message.topic == topics_.reporter(name_)) receiveState(message);
+  if (message.topic == topics_.reporter(name_)) receiveState(message, now);
 }
 
 Time Reporter::Core::serve(Time now) {
@@ -241,6 +277,7 @@ void Reporter::Core::publishNext(const std::string& id, Time now) {
   if (flights_.isOnItsWay(id)) return;
   Message message;
   message.topic = topics_.event(id);
+  message.reporter = Topics::encode(name_);
   const Publication* publication = root.sender.onItsWay();
   std::string refusal;
   if (publication == nullptr) {
@@ -258,13 +295,12 @@ void Reporter::Core::publishNext(const std::string& id, Time now) {
     message.isRetained = true;  // the broker shall forget the tree, if there is none any more
   }
   if (!refusal.empty()) {
-    if (refusal != root.problem) complain("Cannot report " + id + ": " + refusal);
-    root.problem = refusal;
+    hold(root, refusal, "Cannot report " + id + ": " + refusal);
     flights_.trust(id);
   } else if (publication != nullptr || !root.live) {
     flights_.goes(link_->publish(message), id);
   } else {
-    root.problem.clear();
+    release(root);
     flights_.trust(id);
     awaitTreeDue(id, root);
   }
@@ -282,6 +318,7 @@ Message Reporter::Core::state(bool isOnline) const {
     entry.set_root(id);
     entry.set_epoch(last.epoch);
     entry.set_n(last.n);
+    if (!root.problem.empty()) entry.set_held_back(root.problem);
   }
   if (!isOnline && state.ByteSizeLong() > largestWill) state.clear_roots();
   Message message;
@@ -298,20 +335,30 @@ void Reporter::Core::receiveRequest(const Message& message) {
   }
   for (const std::string& id : request.roots()) {
     const auto root = roots_.find(id);
-    if (root == roots_.end()) continue;
+    if (root == roots_.end()) {
+      clear(id);  // somebody has found a tree there that says it is this reporter's
+      continue;
+    }
     root->second.sender.requestTree();
     awaitTreeDue(id, root->second);
   }
   if (request.roots().empty()) saySoon();
 }
 
-void Reporter::Core::receiveState(const Message& message) {
+void Reporter::Core::receiveState(const Message& message, Time now) {
   monitoring::ReporterState state;
   if (!state.ParseFromString(message.payload)) {
     complain("A state of " + name_ + " cannot be read");
     return saySoon();
   }
   const bool isOwn = state.start() == start_;
+  if (isOwn && isAhead(state)) return beginAnew();
+  // The topic was subscribed to before the first state went out. So if that arrives as news, the
+  // broker had none: it has lost the trees as well, and who asks for them may come too late.
+  const bool isFirst = std::exchange(isOwnStateAwaited_, false);
+  if (isFirst && isOwn && state.online() && !message.isRetained && connection_ > 1) {
+    renewTrees(now);
+  }
   if (!state.online()) {  // the will of a connection that ended earlier
     saySoon();
   } else if (!isOwn && !message.isRetained && rival_ != state.start()) {
@@ -321,10 +368,44 @@ void Reporter::Core::receiveState(const Message& message) {
   // Of an earlier process of this name that is gone, or of this one before the broker lost what
   // came after it: roots that are not there now shall not stay.
   if (isOwn ? !message.isRetained : state.online()) return;
-  for (const auto& earlier : state.roots()) {
-    if (roots_.count(earlier.root()) > 0) continue;
-    takeUp(earlier.root());
-    queue(earlier.root());
+  for (const auto& earlier : state.roots()) clear(earlier.root());
+}
+
+// Whether the process said that when it was further on than it is now.
+bool Reporter::Core::isAhead(const monitoring::ReporterState& state) const {
+  const auto isRootAhead = [this](const monitoring::RootState& then) {
+    const auto root = roots_.find(then.root());
+    if (root == roots_.end()) return false;
+    const Sequence& now = root->second.sender.last();
+    return now.epoch == then.epoch() && now.n < then.n();
+  };
+  return state.connection() > connection_ ||
+         std::any_of(state.roots().begin(), state.roots().end(), isRootAhead);
+}
+
+// The process was set back in time, or is the copy of another one. It would use numbers again under
+// which collectors have had other events. So it becomes another process, with new epochs.
+void Reporter::Core::beginAnew() {
+  complain("This process was set back in time, or copied: all trees are sent anew");
+  random_.seed(drawSeed());
+  start_ = random_();
+  flights_.forget();
+  stateOnItsWay_.reset();
+  stateDue_ = Time::min();
+  for (auto& [id, root] : roots_) {
+    root.sender.restart(random_());
+    root.isChanged = true;
+    queue(id);
+  }
+}
+
+void Reporter::Core::renewTrees(Time now) {
+  for (auto& [id, root] : roots_) {
+    if (root.sender.last().n == 0) continue;
+    root.sender.requestTree();
+    if (flights_.isDoubted(id)) continue;
+    agenda_.at(id, std::max(now, root.sender.treeDue().value_or(now)));
+    now += betweenTrees;
   }
 }
 
@@ -349,7 +430,7 @@ void Reporter::settled(int number, const std::string& refusal, Time now) {
   core_->settled(number, refusal, now);
 }
 
-void Reporter::received(const Message& message, Time /*now*/) { core_->received(message); }
+void Reporter::received(const Message& message, Time now) { core_->received(message, now); }
 
 Time Reporter::serve(Time now) { return core_->serve(now); }
 

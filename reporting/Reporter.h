@@ -10,7 +10,6 @@
 #include "reporting/Endpoint.h"
 #include "reporting/Export.h"
 #include "reporting/Publication.h"
-#include "reporting/Seed.h"
 
 namespace orv::reporting {
 
@@ -20,8 +19,8 @@ struct ReporterOptions {
   std::chrono::milliseconds heartbeat = std::chrono::seconds(30);
   /// The shortest time between two whole trees of one root that collectors asked for.
   std::chrono::milliseconds treePause = std::chrono::seconds(10);
-  /// What the random numbers of this process follow from. Two processes must not have the same.
-  std::uint64_t seed = drawSeed();
+  /// What all random numbers follow from, for tests; otherwise the system's randomness.
+  std::optional<std::uint64_t> seed;
 };
 
 /// What the user of a reporter is told. It must not call the reporter. What is empty is not called.

@@ -69,6 +69,14 @@ Step Sender::taken() {
   return step;
 }
 
+void Sender::restart(std::uint64_t epoch) noexcept {
+  last_ = {epoch, 0};
+  snapshot_.reset();
+  publication_.reset();
+  published_.reset();
+  mayHaveArrived_ = owesTree_ = false;
+}
+
 void Sender::refused() noexcept {
   if (mayHaveArrived_) {
     last_ = publication_->sequence;

@@ -60,6 +60,9 @@ class ORV_REPORTING_EXPORT Sender {
   /// have arrived before an interruption, the next event is a DEVICE_ADD with the next number.
   void refused() noexcept;
 
+  /// Begins a new epoch as if nothing had ever been published; nothing is on its way then.
+  void restart(std::uint64_t epoch) noexcept;
+
   /// Somebody needs the whole tree: the next event is a DEVICE_ADD once the pause is over. Many
   /// requests until then are answered by one, or by any other event with the whole tree.
   void requestTree() noexcept { owesTree_ = true; }

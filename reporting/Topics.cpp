@@ -28,42 +28,6 @@ std::size_t sizeOfCharacter(const std::string& text, std::size_t at) {
   return point < least.at(size) || point > 0x10ffff || isSurrogate || isNoncharacter ? 0 : size;
 }
 
-std::string encode(const std::string& text) {
-  constexpr const char* digits = "0123456789ABCDEF";
-  if (text.empty()) return "%";
-  std::string level;
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t size = sizeOfCharacter(text, at);
-    const bool isSpecial = std::string("/+#%").find(text[at]) != std::string::npos;
-    if (!isSpecial && size > 0) {
-      level.append(text, at, size);
-      at += size;
-    } else {
-      const auto byte = static_cast<unsigned char>(text[at]);
-      level.append({'%', digits[byte >> 4U], digits[byte & 15U]});
-      ++at;
-    }
-  }
-  return level;
-}
-
-// Nothing when `encode` does not make such a level.
-std::optional<std::string> decode(const std::string& level) {
-  std::string text;
-  if (level != "%") {
-    for (std::size_t at = 0; at < level.size(); ++at) {
-      unsigned int byte = static_cast<unsigned char>(level[at]);
-      if (level[at] == '%' && at + 2 < level.size()) {
-        std::from_chars(&level[at + 1], &level[at + 3], byte, 16);
-        at += 2;
-      }
-      text += static_cast<char>(byte);
-    }
-  }
-  if (encode(text) != level) return std::nullopt;
-  return text;
-}
-
 bool isPrefix(const std::string& text) {
   if (text.empty() || text.front() == '$' || text.find_first_of("+#") != std::string::npos) {
     return false;
@@ -99,6 +63,41 @@ Topics::Topics(const std::string& prefix)
   if (!isPrefix(prefix)) {
     throw std::invalid_argument("A broker does not take the prefix '" + prefix + "'");
   }
+}
+
+std::string Topics::encode(const std::string& text) {
+  constexpr const char* digits = "0123456789ABCDEF";
+  if (text.empty()) return "%";
+  std::string level;
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t size = sizeOfCharacter(text, at);
+    const bool isSpecial = std::string("/+#%").find(text[at]) != std::string::npos;
+    if (!isSpecial && size > 0) {
+      level.append(text, at, size);
+      at += size;
+    } else {
+      const auto byte = static_cast<unsigned char>(text[at]);
+      level.append({'%', digits[byte >> 4U], digits[byte & 15U]});
+      ++at;
+    }
+  }
+  return level;
+}
+
+std::optional<std::string> Topics::decode(const std::string& level) {
+  std::string text;
+  if (level != "%") {
+    for (std::size_t at = 0; at < level.size(); ++at) {
+      unsigned int byte = static_cast<unsigned char>(level[at]);
+      if (level[at] == '%' && at + 2 < level.size()) {
+        std::from_chars(&level[at + 1], &level[at + 3], byte, 16);
+        at += 2;
+      }
+      text += static_cast<char>(byte);
+    }
+  }
+  if (encode(text) != level) return std::nullopt;
+  return text;
 }
 
 std::string Topics::event(const std::string& root) const {

@@ -31,6 +31,10 @@ class ORV_REPORTING_EXPORT Topics {
   /// Throws std::invalid_argument when the prefix is empty or a broker would not take it.
   explicit Topics(const std::string& prefix);
 
+  /// A root or name as it stands in a topic, and back; nothing for what `encode` does not make.
+  static std::string encode(const std::string& text);
+  static std::optional<std::string> decode(const std::string& level);
+
   std::string event(const std::string& root) const;
   std::string reporter(const std::string& name) const;
   std::string request(const std::string& name) const;

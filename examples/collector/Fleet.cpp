@@ -5,6 +5,8 @@
 #include <tuple>
 #include <utility>
 
+#include "reporting/Seed.h"
+
 using orv::device_tree::GlobalStatus;
 using orv::proto::monitoring::GlobalStatus_Level_Name;
 using orv::reporting::Collector;
@@ -137,7 +139,7 @@ Time Fleet::serve(Time now) {
 }
 
 std::string textOf(Condition condition) {
-  const std::array<const char*, 4> texts = {"current", "out of date", "its reporter is gone",
-                                            "forgotten"};
+  const std::array<const char*, 5> texts = {"current", "out of date", "its reporter is gone",
+                                            "forgotten", "not arrived"};
   return texts.at(static_cast<std::size_t>(condition));
 }

@@ -21,7 +21,15 @@ std::string textOf(const Message& message) {
     if (event.event_type() == Event::DEVICE_REMOVE) return "removal " + *root;
     return (isWholeTree(event) ? "tree " : "change ") + *root;
   }
-  if (topics.reporterOf(message.topic)) return "state";
+  if (topics.reporterOf(message.topic)) {
+    orv::proto::monitoring::ReporterState state;
+    state.ParseFromString(message.payload);
+    std::string text = "state";
+    for (const auto& root : state.roots()) {
+      if (root.has_held_back()) text += ", " + root.root() + " held back: " + root.held_back();
+    }
+    return text;
+  }
   std::string text = "ask " + message.topic.substr(message.topic.rfind('/') + 1);
   orv::proto::monitoring::TreeRequest request;
   request.ParseFromString(message.payload);
@@ -69,6 +77,12 @@ Conversation& Conversation::after(std::chrono::milliseconds duration) {
   for (Time due = endpoint_->serve(now_); now_ < end; due = endpoint_->serve(now_)) {
     now_ = std::min(end, std::max(due, now_ + std::chrono::milliseconds(1)));
   }
+  while (!hidden_.empty()) {
+    const int number = hidden_.front();
+    hidden_.pop_front();
+    endpoint_->settled(number, "", now_);
+    endpoint_->serve(now_);
+  }
   return *this;
 }
 
@@ -84,9 +98,20 @@ Conversation& Conversation::expect(const std::string& text) {
 }
 
 int Conversation::publish(const Message& message) {
+  last = message;
+  if (hidesStates_ && Topics("orv/1").reporterOf(message.topic)) {
+    hidden_.push_back(++number_);
+    return number_;
+  }
   said_.push_back(textOf(message));
   open_.emplace_back(++number_, said_.back());
   return number_;
+}
+
+int Conversation::count(const std::string& text) const {
+  return static_cast<int>(std::count_if(said_.begin(), said_.end(), [&](const std::string& said) {
+    return said.find(text) != std::string::npos;
+  }));
 }
 
 Conversation& Conversation::answer(const std::string& which, const std::string& refusal) {

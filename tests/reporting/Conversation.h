@@ -45,10 +45,25 @@ class Conversation : private Link {
   // Notes what the endpoint tells its user.
   void tell(const std::string& line) { said_.push_back(line); }
 
+  // From now on states are taken at once, and not told.
+  Conversation& withoutStates() {
+    hidesStates_ = true;
+    return *this;
+  }
+
+  // In how much of what it has sent and told since the last `expect` a text stands, and the end of
+  // that.
+  int count(const std::string& text) const;
+  Conversation& forget() {
+    said_.clear();
+    return *this;
+  }
+
   int sent() const { return number_; }  // so many messages
 
   std::optional<Message> will;      // of the latest connection
   std::vector<std::string> topics;  // subscribed to
+  Message last;                     // that it has sent
 
  private:
   void subscribe(const std::vector<std::string>& filters) override { topics = filters; }
@@ -58,6 +73,8 @@ class Conversation : private Link {
   Endpoint* endpoint_;
   Time now_{std::chrono::seconds(1000)};
   int number_ = 0;
+  bool hidesStates_ = false;
+  std::deque<int> hidden_;                        // states to be taken
   std::deque<std::pair<int, std::string>> open_;  // the messages without an answer
   std::vector<std::string> said_;
 };

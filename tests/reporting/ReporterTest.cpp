@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "proto/monitoring/reporting.pb.h"
 #include "reporting/Reporter.h"
 #include "tests/Nodes.h"
 #include "tests/reporting/Conversation.h"
@@ -56,16 +57,16 @@ TEST_F(ReporterTest, FindsTheRootForWhichTheBrokerEndsTheConnection) {
   talk.cut().expect("The broker refuses 50: It ends the connection");
 
   // It is tried again after pauses that double up to ten minutes, with nothing beside it.
-  talk.connect().expect("state").take().after(1s).expect("tree 50").cut().expect("");
+  talk.withoutStates().connect().after(1s).expect("tree 50").cut().expect("");
   for (const auto pause : {2s, 4s, 8s, 16s, 32s, 64s, 128s, 256s, 512s, 600s, 600s}) {
-    talk.connect().expect("state").take().after(pause - 1ms).expect("");
+    talk.connect().after(pause - 1ms).expect("");
     talk.after(1ms).expect("tree 50");
     changeAll(0, 2);
-    talk.expect("").cut().connect().expect("state, change 0").take().takeEach({"change 1-2"});
+    talk.expect("").cut().connect().takeEach({"change 0", "change 1-2"});
     talk.cut();
   }
   // Also while the others never come to rest. They go on when it is taken.
-  talk.connect().expect("state").take().after(599s);
+  talk.connect().after(599s);
   changeAll(0, 1199);
   talk.expect("change 0-49, change 51-1000").after(1s);
   changeAll(0, 1199);
@@ -87,7 +88,7 @@ TEST_F(ReporterTest, BlamesNoRootWhenTheConnectionEndsForOtherReasons) {
 
 TEST_F(ReporterTest, GoesOnWithTheRootsThatTheBrokerTakes) {
   changeAll(0, 29);
-  talk.connect().expect("state, tree 0-29").take("state").take("tree 20").refuse("no");
+  talk.withoutStates().connect().expect("tree 0-29").take("tree 20").refuse("no");
   talk.expect("The broker refuses 0-19: no, The broker refuses 21-29: no");
   talk.after(1s).expect("tree 0");
   changeAll(20, 20);
@@ -104,6 +105,88 @@ TEST_F(ReporterTest, GoesOnWithTheRootsThatTheBrokerTakes) {
   talk.after(5s).expect("");
   changeAll(1, 29);
   talk.expect("change 1-29");
+}
+
+// The network breaks every fifteen seconds, each time while some event is on its way.
+TEST_F(ReporterTest, BlamesNoRootForANetworkThatBreaks) {
+  changeAll(0, 4);
+  talk.withoutStates();
+  for (std::size_t i = 0; i < 40; ++i) {
+    talk.connect().after(1s).take().after(7s).take().after(7s).take();
+    changeAll(i % 5, i % 3 == 0 ? 4 : i % 5);
+    talk.after(0s).cut().after(1s);
+  }
+  talk.connect();
+  for (int i = 0; i < 20; ++i) talk.take().after(100ms);
+  EXPECT_TRUE(reporter.isSettled()) << "within two seconds";
+  EXPECT_EQ(talk.count("refuses"), 0);
+}
+
+TEST_F(ReporterTest, LosesARoundTripForEachRetryOfARefusedRoot) {
+  changeAll(0, 0);
+  talk.withoutStates().connect().refuse("no").expect("tree 0, The broker refuses 0: no");
+  int events = 0;
+  for (std::size_t i = 1; i <= 1800; ++i, talk.after(17ms)) {
+    change(i, "new");
+    talk.after(0s);
+    events += talk.count("tree ") - talk.count("tree 0");
+    talk.forget().refuse("no", "tree 0").take();
+  }
+  EXPECT_GE(events, 1790);
+}
+
+TEST_F(ReporterTest, SaysWhatItHoldsBack) {
+  changeAll(0, 1);
+  talk.connect().expect("state, tree 0-1").take("state").take("tree 0").refuse("no");
+  talk.expect("The broker refuses 1: no").after(999ms).expect("");
+  talk.after(1ms).expect("state, 1 held back: no, tree 1").take().after(1s).expect("state");
+}
+
+TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
+  ReporterOptions seeded = options();
+  seeded.seed = 1;
+  Reporter before("a", {}, seeded);
+  Reporter after("a", {{}, [this](const auto& problem) { talk.tell(problem); }}, seeded);
+  Message state;
+  for (Reporter* const process : {&before, &after}) {
+    Conversation one(*process);
+    process->report(nodes::node("r"));
+    one.connect().expect("state, tree r").take();
+    if (process == &before) {
+      process->report(nodes::node("r", {nodes::node("later")}));
+      one.after(0s).expect("tree r").take().after(0s);
+      one.hear(one.will.value()).after(1s).expect("state");
+      state = one.last;
+      state.isRetained = true;
+    } else {
+      const std::string sequence = one.last.sequence;
+      one.cut().connect().expect("state").take().hear(state).expect("state, tree r");
+      EXPECT_EQ(Sequence::parse(one.last.sequence)->n, 1U);
+      EXPECT_NE(one.last.sequence, sequence);
+      one.take().after(0s).hear(state).expect("");
+    }
+  }
+  talk.expect("This process was set back in time, or copied: all trees are sent anew");
+}
+
+TEST_F(ReporterTest, ClearsATreeThatItDoesNotHave) {
+  changeAll(0, 1);
+  orv::proto::monitoring::TreeRequest request;
+  request.add_roots("gone");
+  const Message ask = {"orv/1/request/a", request.SerializeAsString(), false, {}, {}};
+  talk.withoutStates().connect().takeEach({"tree 0-1"}).hear(ask).takeEach({"no tree gone"});
+  talk.hear(ask).expect("no tree gone").refuse("not allowed");
+  talk.expect("The broker refuses gone: not allowed").after(3600s).expect("");
+  EXPECT_TRUE(reporter.isSettled()) << "and leaves it alone";
+}
+
+TEST_F(ReporterTest, SendsTheTreesAgainThatTheBrokerHasLost) {
+  changeAll(0, 1);
+  talk.connect().takeEach({"state, tree 0-1"}).after(60s).cut().connect().takeEach({"state"});
+  Message state = talk.last;
+  talk.hear(state).after(60s).expect("");  // as the broker had kept it
+  state.isRetained = false;
+  talk.cut().connect().takeEach({"state"}).hear(state).after(1s).takeEach({"tree 0-1"});
 }
 
 }  // namespace
