@@ -27,7 +27,7 @@ Flights::Rest Flights::disconnected(Time now) {
   Rest rest;
   for (const auto& [number, root] : roots_) rest.roots.push_back(root);
   isWindowSmall_ = !roots_.empty();
-  forget();
+  forget(now);
   if (rest.roots.size() == 1) {
     const std::string& root = rest.roots.front();
     Doubt& doubt = doubts_[root];
@@ -37,9 +37,6 @@ Flights::Rest Flights::disconnected(Time now) {
       rest.refused = root;
     }
   }
-  // It has lost its turn.
-  if (tried_ && isDoubted(*tried_) && !retries_.contains(*tried_)) retries_.at(*tried_, now);
-  tried_.reset();
   return rest;
 }
 
@@ -93,9 +90,11 @@ void Flights::rest() {
   if (roots_.empty()) window_ = MOST;
 }
 
-void Flights::forget() {
+void Flights::forget(Time now) {
   roots_.clear();
   numbers_.clear();
+  if (tried_) retries_.at(*tried_, now);  // it has lost its turn
+  tried_.reset();
 }
 
 void Flights::trust(const std::string& root) {

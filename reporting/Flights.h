@@ -69,8 +69,9 @@ class Flights {
   // settled, and the window is wide again.
   void rest();
 
-  // What was on its way is of no concern any more: no answer to it is expected.
-  void forget();
+  // What was on its way is of no concern any more: no answer to it is expected. The caller lets go
+  // of the turns that it gave.
+  void forget(Time now);
 
   bool isDoubted(const std::string& root) const { return doubts_.count(root) > 0; }
   // The root is doubted no longer: it has nothing to say, or is gone.

@@ -46,7 +46,11 @@ Follower::Outcome Follower::take(const Sequence& sequence, const Event& event,
 
 void Follower::reported(const Sequence& latest, bool isOfNow) noexcept {
   reported_ = latest;
-  if (isOfNow && isOfEpoch(latest) && latest.n + 1 < sequence_.n) isLost_ = true;
+  if (isOfNow) {
+    const bool isBelow = isOfEpoch(latest) && latest.n < sequence_.n;
+    if (isBelow && (latest.n + 1 < sequence_.n || doubted_ == sequence_.n)) isLost_ = true;
+    doubted_ = isBelow ? sequence_.n : 0;
+  }
   if (isOfEpoch(latest)) highest_ = std::max(sequence_.n, std::min(highest_, latest.n));
 }
 

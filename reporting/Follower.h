@@ -47,9 +47,10 @@ class ORV_REPORTING_EXPORT Follower {
   /// higher n has arrived but could not be applied, it is no longer missed. Either the reporter
   /// never made it, or it will arrive once more.
   ///
-  /// A word of now, and not one that was kept, cannot be far behind what has arrived: one event at
-  /// most is on its way when it is said. If it is, the reporter knows nothing of the tree, as after
-  /// it was set back in time, and the tree is out of date.
+  /// A word of now, and not one that was kept, can be one event behind what has arrived: that one
+  /// was on its way when it was said. If it is further behind, or twice in a row while nothing
+  /// arrives, the reporter knows nothing of the tree, as after it was set back in time. The tree is
+  /// out of date then.
   void reported(const Sequence& latest, bool isOfNow) noexcept;
 
   /// The tree is out of date until a whole tree arrives.
@@ -84,6 +85,8 @@ class ORV_REPORTING_EXPORT Follower {
   Sequence sequence_;
   std::uint64_t highest_ = 0;  // n of the epoch's events that arrived
   bool isLost_ = false;
+  std::uint64_t doubted_ =
+      0;  // n of the tree when the reporter's word was behind it; 0: it was not
   std::optional<Sequence> reported_;
   std::deque<std::uint64_t> left_;
 };

@@ -25,6 +25,9 @@ namespace {
 constexpr std::chrono::seconds betweenStates(1);
 // Trees that the broker has lost are sent again at this pace: what changes goes out beside them.
 constexpr std::chrono::milliseconds betweenTrees(10);
+// A process that comes back looks at its own last state before it goes on: it may have been set
+// back. Where it may not read that, it goes on after so long.
+constexpr std::chrono::seconds lookBack(1);
 constexpr std::size_t largestWill = 65'000;  // bytes; MQTT gives it two bytes for its length
 constexpr const char* endsConnection = "It ends the connection";
 
@@ -74,8 +77,7 @@ class Reporter::Core {
   void hold(Root& root, const std::string& reason, const std::string& complaint);
   void release(Root& root);
   void clear(const std::string& id);
-  bool isAhead(const monitoring::ReporterState& state) const;
-  void beginAnew();
+  void beginAnew(Time now);
   void renewTrees(Time now);
   void refuseState(const std::string& reason);
   void publishNext(const std::string& id, Time now);
@@ -94,12 +96,14 @@ class Reporter::Core {
   std::mt19937_64 random_;
   std::uint64_t start_;
   std::uint64_t connection_ = 0;
+  std::uint64_t version_ = 0;  // of the last state
   Link* link_ = nullptr;
   std::map<std::string, Root> roots_;
   Agenda agenda_;  // roots to look at, but for the doubted ones, which Flights knows
   Flights flights_;
   std::optional<int> stateOnItsWay_;
   bool isOwnStateAwaited_ = false;  // none has arrived on this connection
+  Time opensAt_;                    // for events
   Time lastState_;
   Time stateDue_;
   std::string stateProblem_;            // that was told last
@@ -155,6 +159,7 @@ void Reporter::Core::connected(Link& link, Time now) {
   link_ = &link;
   stateDue_ = Time::min();
   isOwnStateAwaited_ = true;
+  opensAt_ = connection_ > 1 ? now + lookBack : now;
   flights_.connected(now);
   link_->subscribe({topics_.request(name_), topics_.reporter(name_)});
 }
@@ -254,10 +259,12 @@ void Reporter::Core::received(const Message& message, Time now) {
 Time Reporter::Core::serve(Time now) {
   if (link_ == nullptr) return Time::max();
   if (stateDue_ <= now && !stateOnItsWay_) {
+    ++version_;
     stateOnItsWay_ = link_->publish(state(true));
     lastState_ = now;
     stateDue_ = now + options_.heartbeat;
   }
+  if (now < opensAt_) return std::max(now, std::min(opensAt_, stateDue_));
   agenda_.advance(now);
   if (const auto id = flights_.retry(now)) agenda_.queue(*id);
   const std::string* first = agenda_.first();
@@ -310,6 +317,7 @@ Message Reporter::Core::state(bool isOnline) const {
   monitoring::ReporterState state;
   state.set_start(start_);
   state.set_connection(connection_);
+  state.set_version(version_);
   state.set_online(isOnline);
   for (const auto& [id, root] : roots_) {
     const Sequence& last = root.sender.last();
@@ -351,8 +359,9 @@ void Reporter::Core::receiveState(const Message& message, Time now) {
     complain("A state of " + name_ + " cannot be read");
     return saySoon();
   }
+  opensAt_ = now;
   const bool isOwn = state.start() == start_;
-  if (isOwn && isAhead(state)) return beginAnew();
+  if (isOwn && state.version() > version_) return beginAnew(now);
   // The topic was subscribed to before the first state went out. So if that arrives as news, the
   // broker had none: it has lost the trees as well, and who asks for them may come too late.
   const bool isFirst = std::exchange(isOwnStateAwaited_, false);
@@ -371,30 +380,19 @@ void Reporter::Core::receiveState(const Message& message, Time now) {
   for (const auto& earlier : state.roots()) clear(earlier.root());
 }
 
-// Whether the process said that when it was further on than it is now.
-bool Reporter::Core::isAhead(const monitoring::ReporterState& state) const {
-  const auto isRootAhead = [this](const monitoring::RootState& then) {
-    const auto root = roots_.find(then.root());
-    if (root == roots_.end()) return false;
-    const Sequence& now = root->second.sender.last();
-    return now.epoch == then.epoch() && now.n < then.n();
-  };
-  return state.connection() > connection_ ||
-         std::any_of(state.roots().begin(), state.roots().end(), isRootAhead);
-}
-
 // The process was set back in time, or is the copy of another one. It would use numbers again under
 // which collectors have had other events. So it becomes another process, with new epochs.
-void Reporter::Core::beginAnew() {
+void Reporter::Core::beginAnew(Time now) {
   complain("This process was set back in time, or copied: all trees are sent anew");
   random_.seed(drawSeed());
   start_ = random_();
-  flights_.forget();
+  flights_.forget(now);
   stateOnItsWay_.reset();
   stateDue_ = Time::min();
   for (auto& [id, root] : roots_) {
     root.sender.restart(random_());
     root.isChanged = true;
+    agenda_.drop(id);
     queue(id);
   }
 }

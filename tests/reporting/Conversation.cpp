@@ -63,6 +63,7 @@ std::string join(const std::vector<std::string>& lines) {
 Conversation& Conversation::connect() {
   will = endpoint_->connecting();
   endpoint_->connected(*this, now_);
+  if (kept) endpoint_->received(*kept, now_);
   return after({});
 }
 
@@ -99,6 +100,7 @@ Conversation& Conversation::expect(const std::string& text) {
 
 int Conversation::publish(const Message& message) {
   last = message;
+  if (Topics("orv/1").reporterOf(message.topic)) kept = message;
   if (hidesStates_ && Topics("orv/1").reporterOf(message.topic)) {
     hidden_.push_back(++number_);
     return number_;

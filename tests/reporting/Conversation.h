@@ -64,6 +64,7 @@ class Conversation : private Link {
   std::optional<Message> will;      // of the latest connection
   std::vector<std::string> topics;  // subscribed to
   Message last;                     // that it has sent
+  std::optional<Message> kept;      // the last state, which it hears when it connects anew
 
  private:
   void subscribe(const std::vector<std::string>& filters) override { topics = filters; }

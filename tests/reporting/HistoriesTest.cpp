@@ -1,6 +1,7 @@
 // The protocol through random histories. One that fails is played once more and tells its story.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <random>
 #include <set>
@@ -19,10 +20,84 @@ using orv::device_tree::NamedStatus;
 std::string bytesOf(const Tree& tree) { return tree->toProtoBuf().SerializeAsString(); }
 std::string textOf(const Tree& tree) { return tree ? tree->debugString() : "none\n"; }
 
+// A process that reports. It can be set back to what it was earlier: it plays again what it was
+// told until then.
+class Process final : public Endpoint {
+ public:
+  Process(std::string itsName, std::uint64_t itsSeed, int itsNumber)
+      : name(std::move(itsName)), seed(itsSeed), number(itsNumber), reporter(name, {}, options()) {}
+
+  std::unique_ptr<Process> setBack(std::size_t steps, Time now) const {
+    auto copy = std::make_unique<Process>(name, seed, number);
+    const std::map<std::string, Message> nothing;
+    Side link;
+    link.retained = &nothing;
+    link.number = number;
+    for (std::size_t i = 0; i < steps; ++i) log[i](*copy, link);
+    copy->disconnected(now);
+    copy->wasSetBack = true;
+    return copy;
+  }
+
+  void report(const Tree& live) {
+    const auto copy = std::make_shared<DeviceNode>(*live);
+    log.emplace_back([copy](Process& p, Link&) { p.report(std::make_shared<DeviceNode>(*copy)); });
+    trees[live->getDeviceId()] = live;
+    reporter.report(live);
+  }
+  void remove(const std::string& id) {
+    log.emplace_back([id](Process& p, Link&) { p.remove(id); });
+    trees.erase(id);
+    reporter.remove(id);
+  }
+  std::optional<Message> connecting() override {
+    log.emplace_back([](Process& p, Link&) { p.connecting(); });
+    return reporter.connecting();
+  }
+  void connected(Link& link, Time now) override {
+    log.emplace_back([now](Process& p, Link& other) { p.connected(other, now); });
+    reporter.connected(link, now);
+  }
+  void disconnected(Time now) override {
+    log.emplace_back([now](Process& p, Link&) { p.disconnected(now); });
+    reporter.disconnected(now);
+  }
+  void settled(int which, const std::string& refusal, Time now) override {
+    log.emplace_back([=](Process& p, Link&) { p.settled(which, refusal, now); });
+    reporter.settled(which, refusal, now);
+  }
+  void received(const Message& message, Time now) override {
+    log.emplace_back([=](Process& p, Link&) { p.received(message, now); });
+    reporter.received(message, now);
+  }
+  Time serve(Time now) override {
+    log.emplace_back([=](Process& p, Link&) { p.serve(now); });
+    return reporter.serve(now);
+  }
+
+  bool wasSetBack = false;
+  std::map<std::string, Tree> trees;
+  std::vector<std::function<void(Process&, Link&)>> log;
+
+ private:
+  ReporterOptions options() const {
+    ReporterOptions result;
+    result.seed = seed;
+    return result;
+  }
+
+  std::string name;
+  std::uint64_t seed;
+  int number;  // of the last message before its first
+  Reporter reporter;
+};
+
 // Two processes that report three roots, and one that collects them, over a broker. While the wire
 // is bad, messages get lost, doubled and overtaken, connections break, wills come late, and each of
 // the four is restarted at any moment. Every value is written once, so that a tree that was put
-// together wrongly is none that its reporter ever had.
+// together wrongly is none that its reporter ever had. Roots move from one process to the other,
+// the broker refuses some for a while, comes back empty or with what it had saved earlier, and the
+// processes are set back in time.
 class Fleet : Wire {
  public:
   Fleet(unsigned int seed, bool isTold) : random(seed), tellsStory(isTold) {
@@ -34,6 +109,13 @@ class Fleet : Wire {
   std::string play(int length) {
     while (length-- > 0 && fault.empty()) step();
     tell("From here on the wire is good");
+    calmDown(140s);  // a heartbeat, the patience, and the silence of a process that has ended
+    checkCurrent();
+    if (!refused.empty()) {
+      tell("The broker refuses nothing any more");
+      refused.clear();
+      now += 600s;
+    }
     calmDown(150s);
     compare();
     const std::uint64_t requests = collector->counters().requests;
@@ -61,7 +143,7 @@ class Fleet : Wire {
   unsigned int any(const Queue& queue) {
     return pick(queue.size());
   }
-  Reporter& reporterOf(const std::string& id) { return *reporters.at(id == "r2" ? 1 : 0); }
+  Process& reporterOf(const std::string& id) { return *processes.at(owners.at(id)); }
 
   void step() {
     const unsigned int at = any(sides);
@@ -78,16 +160,57 @@ class Fleet : Wire {
 
   void start(Side& side) {
     breakOff(side);
-    const auto at = static_cast<std::size_t>(&side - sides.data());
-    if (at == reporters.size()) return startCollector();
-    ReporterOptions options;
-    options.seed = random();
-    auto& reporter = reporters.at(at);
-    reporter = std::make_unique<Reporter>(names.at(at), ReporterCallbacks{}, options);
-    begin(side, *reporter);
+    const std::size_t at = placeOf(side);
+    if (at == processes.size()) return startCollector();
+    auto& process = processes.at(at);
+    process = std::make_unique<Process>(names.at(at), random(), side.number);
+    begin(side, *process);
     for (const auto& [id, tree] : live) {
-      if (tree && &reporterOf(id) == reporter.get()) reporter->report(tree);
+      if (tree && owners.at(id) == at) process->report(tree);
     }
+  }
+
+  std::size_t placeOf(const Side& side) const {
+    return static_cast<std::size_t>(&side - sides.data());
+  }
+
+  // Once only: what a process that was set back drew cannot be drawn again.
+  bool canBeSetBack(const Side& side) const {
+    const std::size_t at = placeOf(side);
+    return at < processes.size() && !processes.at(at)->wasSetBack;
+  }
+
+  // What it was told until its last state counts as later than what it is set back to; else nobody
+  // could tell. It looks at that state first when it connects again.
+  void setBack(Side& side) {
+    const std::size_t at = placeOf(side);
+    auto& process = processes.at(at);
+    const std::size_t last = pick(process->log.size() + 1);
+    for (int i = 0; i < 3; ++i, now += 31s) {
+      for (process->serve(now); !side.up.empty(); process->serve(now)) takeUp(side, 0, true);
+    }
+    cut(side, 0);
+    process = process->setBack(last, now);
+    begin(side, *process);
+    for (auto& [id, tree] : live) {
+      const auto then = process->trees.find(id);
+      const bool isThere = then != process->trees.end();
+      if (owners.at(id) != at) {
+        process->remove(id);  // it has moved meanwhile
+      } else {
+        tree = isThere ? then->second : nullptr;
+      }
+    }
+    connect(side);
+    while (!side.down.empty()) takeDown(side, 0, false);
+  }
+
+  void move() {
+    const auto& [id, tree] = *std::next(live.begin(), any(live));
+    if (!tree) return;
+    reporterOf(id).remove(id);
+    owners[id] = 1 - owners[id];
+    reporterOf(id).report(tree);
   }
 
   void startCollector() {
@@ -141,6 +264,16 @@ class Fleet : Wire {
     reporterOf(id).report(tree);
   }
 
+  void checkCurrent() {
+    for (const auto& [id, tree] : live) {
+      const auto view = collector->view(id);
+      if (!view || view->condition != Condition::CURRENT) continue;
+      if (!tree || bytesOf(view->tree) != bytesOf(tree))
+        fail(id, "is called current, at " + view->sequence.text() + " of " + view->reporter,
+             view->tree);
+    }
+  }
+
   void compare() {
     std::vector<std::string> ids;
     for (const auto& [id, tree] : live) {
@@ -175,7 +308,9 @@ class Fleet : Wire {
   std::map<std::string, Tree> live;
   std::map<std::string, std::set<std::string>> had;
   unsigned int values = 0;
-  std::array<std::unique_ptr<Reporter>, 2> reporters;
+  std::array<std::unique_ptr<Process>, 2> processes;
+  std::map<std::string, std::size_t> owners = {{"r0", 0}, {"r1", 0}, {"r2", 1}};
+  std::map<std::string, Message> saved;  // by the broker
   std::unique_ptr<Collector> collector;
 };
 
@@ -186,25 +321,35 @@ bool isOff(const Fleet& /*f*/, const Side& s) { return !s.isConnected; }
 
 const std::vector<Fleet::Step> Fleet::steps = {
     {200, "a tree changes", always, [](Fleet& f, Side&) { f.edit(); }},
-    {210, "the broker takes", hasUp, [](Fleet& f, Side& s) { f.takeUp(s, 0, true); }},
+    {182, "the broker takes", hasUp, [](Fleet& f, Side& s) { f.takeUp(s, 0, true); }},
     {24, "the broker takes any", hasUp, [](Fleet& f, Side& s) { f.takeUp(s, f.any(s.up), true); }},
     {12, "the answer is lost", hasUp,
      [](Fleet& f, Side& s) { f.takeUp(s, 0, false), f.disconnect(s); }},
     {6, "the broker refuses", hasUp, [](Fleet& f, Side& s) { f.refuse(s); }},
-    {190, "hears", hasDown, [](Fleet& f, Side& s) { f.takeDown(s, 0, false); }},
+    {175, "hears", hasDown, [](Fleet& f, Side& s) { f.takeDown(s, 0, false); }},
     {95, "hears any", hasDown, [](Fleet& f, Side& s) { f.takeDown(s, f.any(s.down), false); }},
     {30, "hears first", hasDown, [](Fleet& f, Side& s) { f.takeDown(s, f.any(s.down), true); }},
     {35, "misses", hasDown, [](Fleet& f, Side& s) { f.loseDown(s, f.any(s.down)); }},
     {100, "connects", isOff, [](Fleet& f, Side& s) { f.connect(s); }},
     {20, "disconnects", always, [](Fleet& f, Side& s) { f.disconnect(s); }},
     {20, "starts anew", always, [](Fleet& f, Side& s) { f.start(s); }},
+    {10, "is set back",
+     [](const Fleet& f, const Side& s) { return s.isConnected && f.canBeSetBack(s); },
+     [](Fleet& f, Side& s) { f.setBack(s); }},
+    {10, "a root moves", always, [](Fleet& f, Side&) { f.move(); }},
+    {10, "the broker refuses a root for a while", always,
+     [](Fleet& f, Side&) {
+       f.refused.insert(Topics("orv/1").event("r" + std::to_string(f.pick(3))));
+     }},
+    {8, "the broker refuses nothing any more", always, [](Fleet& f, Side&) { f.refused.clear(); }},
+    {5, "the broker saves", always, [](Fleet& f, Side&) { f.saved = f.retained; }},
     {20, "waits", always, [](Fleet& f, Side&) { f.now += 1ms * f.pick(3'000); }},
     {6, "waits long", always, [](Fleet& f, Side&) { f.now += 1ms * f.pick(100'000); }},
     {27, "a will comes", [](const Fleet& f, const Side&) { return !f.wills.empty(); },
      [](Fleet& f, Side&) { f.publishWill(); }},
-    {5, "the broker forgets", always,
+    {5, "the broker comes back as it was saved", always,
      [](Fleet& f, Side&) {
-       f.retained.clear();
+       f.retained = f.saved;
        for (Side& side : f.sides) f.disconnect(side), side.down.clear();
        f.wills.clear();
      }},

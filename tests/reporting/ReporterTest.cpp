@@ -147,26 +147,22 @@ TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
   seeded.seed = 1;
   Reporter before("a", {}, seeded);
   Reporter after("a", {{}, [this](const auto& problem) { talk.tell(problem); }}, seeded);
-  Message state;
-  for (Reporter* const process : {&before, &after}) {
-    Conversation one(*process);
-    process->report(nodes::node("r"));
-    one.connect().expect("state, tree r").take();
-    if (process == &before) {
-      process->report(nodes::node("r", {nodes::node("later")}));
-      one.after(0s).expect("tree r").take().after(0s);
-      one.hear(one.will.value()).after(1s).expect("state");
-      state = one.last;
-      state.isRetained = true;
-    } else {
-      const std::string sequence = one.last.sequence;
-      one.cut().connect().expect("state").take().hear(state).expect("state, tree r");
-      EXPECT_EQ(Sequence::parse(one.last.sequence)->n, 1U);
-      EXPECT_NE(one.last.sequence, sequence);
-      one.take().after(0s).hear(state).expect("");
-    }
-  }
+  Conversation first(before);
+  Conversation second(after);
+  for (Reporter* const process : {&before, &after}) process->report(nodes::node("r"));
+  first.connect().takeEach({"state, tree r"});
+  second.connect().takeEach({"state, tree r"});
+  before.report(nodes::node("r", {nodes::node("later")}));
+  first.takeEach({"tree r"}).hear(first.will.value()).after(1s).expect("state");
+  EXPECT_EQ(second.last.sequence, Sequence::parse(second.last.sequence)->text());
+  const std::string sequence = second.last.sequence;
+  second.kept = first.last;
+  second.cut().connect().expect("state, tree r");
+  EXPECT_EQ(Sequence::parse(second.last.sequence)->n, 1U);
+  EXPECT_NE(second.last.sequence, sequence);
   talk.expect("This process was set back in time, or copied: all trees are sent anew");
+  second.take().cut().connect().takeEach({"state"});
+  talk.expect("");
 }
 
 TEST_F(ReporterTest, ClearsATreeThatItDoesNotHave) {
@@ -183,10 +179,12 @@ TEST_F(ReporterTest, ClearsATreeThatItDoesNotHave) {
 TEST_F(ReporterTest, SendsTheTreesAgainThatTheBrokerHasLost) {
   changeAll(0, 1);
   talk.connect().takeEach({"state, tree 0-1"}).after(60s).cut().connect().takeEach({"state"});
-  Message state = talk.last;
-  talk.hear(state).after(60s).expect("");  // as the broker had kept it
-  state.isRetained = false;
-  talk.cut().connect().takeEach({"state"}).hear(state).after(1s).takeEach({"tree 0-1"});
+  talk.after(60s).expect("");
+  talk.kept.reset();
+  talk.cut().connect().takeEach({"state"});
+  Message echo = talk.last;
+  echo.isRetained = false;
+  talk.hear(echo).after(1s).takeEach({"tree 0-1"});
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <deque>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -82,8 +83,9 @@ struct Wire {
   void takeUp(Side& side, std::size_t at, bool isAnswered) {
     const auto [number, message] = side.up.at(at);
     side.up.erase(side.up.begin() + static_cast<std::ptrdiff_t>(at));
-    accept(message);
-    if (isAnswered) side.endpoint->settled(number, "", now);
+    const bool isRefused = refused.count(message.topic) > 0;
+    if (!isRefused) accept(message);
+    if (isAnswered) side.endpoint->settled(number, isRefused ? "no" : "", now);
   }
   void refuse(Side& side) {
     side.endpoint->settled(side.up.front().first, "not now", now);
@@ -124,6 +126,7 @@ struct Wire {
   Time now{std::chrono::seconds(1000)};
   std::array<Side, 3> sides;
   std::map<std::string, Message> retained;
+  std::set<std::string> refused;  // topics of which the broker takes nothing
   std::deque<Message> wills;
 };
 
