@@ -5,10 +5,11 @@
 #include <memory>
 #include <string>
 
-#include "device_tree/DeviceNode.h"
 #include "device_tree/Export.h"
 
 namespace orv::device_tree {
+
+class DeviceNode;
 
 /// One thing that differs between the configurations of two trees, in words for people, logs and
 /// pages. `utils::GetConfigurationDifferences` lists them.
