@@ -39,9 +39,9 @@ void fail(const std::string& problem) { throw std::runtime_error(problem); }
 void log(const std::string& text) { std::cerr << text << '\n'; }
 
 // The trees of a reporter.
-class Fleet {
+class Plant {
  public:
-  Fleet(std::size_t roots, std::size_t devices) {
+  Plant(std::size_t roots, std::size_t devices) {
     const std::vector<std::size_t> parents = parentPlaces(Shape::FAN_OUT, devices);
     std::string error;
     for (std::size_t number = 0; number < roots; ++number) {
@@ -77,18 +77,18 @@ class Fleet {
 // The process that reports. Says when its trees are built, and begins when it is told the time from
 // one event to the next, zero for no events. Ends when the other end is closed.
 void report(const Broker& broker, std::size_t roots, int control) {
-  Fleet fleet(roots, 100);
+  Plant plant(roots, 100);
   nanoseconds pause(0);
   send(control, &pause, sizeof pause, 0);
   recv(control, &pause, sizeof pause, 0);
   Reporter reporter("bench", {{}, fail});
   Connection connection(broker, reporter, log);
   Time due = steady_clock::now();
-  for (std::size_t i = 0; i < roots; ++i) reporter.report(fleet.change(due));
+  for (std::size_t i = 0; i < roots; ++i) reporter.report(plant.change(due));
   while (const auto length = recv(control, &pause, sizeof pause, MSG_DONTWAIT)) {
     const Time now = steady_clock::now();
     if (length > 0) due = now;
-    for (; pause.count() > 0 && due <= now; due += pause) reporter.report(fleet.change(due));
+    for (; pause.count() > 0 && due <= now; due += pause) reporter.report(plant.change(due));
     connection.serve(milliseconds(1));
   }
 }
@@ -214,21 +214,21 @@ Json measureBroker(const Broker& broker, bool quick) {
 // A reporter and a collector without a broker: hands over what they publish.
 class Pair final : public Link {
  public:
-  Pair(std::size_t roots, std::size_t devices) : fleet_(roots, devices) {
+  Pair(std::size_t roots, std::size_t devices) : plant_(roots, devices) {
     reporter_.connecting();
     reporter_.connected(*this, now_);
     collector_.connected(*this, now_);
-    for (std::size_t i = 0; i < roots; ++i) reporter_.report(fleet_.change(now_));
+    for (std::size_t i = 0; i < roots; ++i) reporter_.report(plant_.change(now_));
     while (!reporter_.isSettled()) exchange();
     require(current_ == roots, "The trees are not current");
   }
 
   // Microseconds of processor time for an event, and for each root in a state of the reporter.
   double event(int times) {
-    return time(times, [this] { reporter_.report(fleet_.change(now_ += milliseconds(1))); });
+    return time(times, [this] { reporter_.report(plant_.change(now_ += milliseconds(1))); });
   }
   double state(int times) {
-    return time(times, [this] { now_ += seconds(30); }) / static_cast<double>(fleet_.size());
+    return time(times, [this] { now_ += seconds(30); }) / static_cast<double>(plant_.size());
   }
 
   void subscribe(const std::vector<std::string>& /*topics*/) override {}
@@ -261,7 +261,7 @@ class Pair final : public Link {
   }
 
   Time now_{hours(1)};
-  Fleet fleet_;
+  Plant plant_;
   std::vector<Message> messages_;
   int published_ = 0;
   int settled_ = 0;

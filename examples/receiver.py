@@ -64,6 +64,7 @@ class Follower:
         self.left = set()  # epochs that were left
         self.lost = False
         self.reported = None  # the reporter's own word: its name, the current epoch, the last n
+        self.held_back = ""
 
     def take(self, epoch, n, event):
         """Returns whether the event was applied; otherwise the tree stays as it is."""
@@ -89,13 +90,15 @@ class Follower:
         self.epoch, self.n, self.highest = epoch, n, max(self.highest, n)
         return True
 
-    def hear(self, reporter, epoch, n):
+    def hear(self, reporter, epoch, n, held_back):
         self.reported = (reporter, epoch, n)
+        self.held_back = held_back  # why the broker has not got the latest tree; empty: it has
         if epoch == self.epoch:  # a higher n was none of the reporter's, or comes up again
             self.highest = max(self.n, min(self.highest, n))
 
     def is_current(self):
-        return (self.epoch is not None and not self.lost and self.highest <= self.n
+        return (self.epoch is not None and not self.lost and not self.held_back
+                and self.highest <= self.n
                 and (self.reported is None or self.reported[1] == self.epoch))
 
     def is_behind(self):
@@ -152,7 +155,7 @@ def follow(host, port, root):
         reporters[name] = state
         for entry in state.roots:
             if entry.root == root and state.online:
-                follower.hear(name, entry.epoch, entry.n)
+                follower.hear(name, entry.epoch, entry.n, entry.held_back)
                 return
         if follower.reported and follower.reported[0] == name:
             follower.reported = None  # gone, or it has the root no longer
@@ -176,7 +179,7 @@ def follow(host, port, root):
         now = time.monotonic()
         if not follower.is_behind():
             in_step = now
-        if (follower.reported is None or follower.reported[2] == 0
+        if (follower.reported is None or follower.reported[2] == 0 or follower.held_back
                 or follower.is_current() and now - in_step < 5):
             due, pause = now + 1, 1
         elif now >= due:

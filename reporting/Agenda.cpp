@@ -39,7 +39,7 @@ void Agenda::drop(const std::string& id) {
 
 void Agenda::advance(Time now) {
   while (!times_.empty() && times_.begin()->first <= now) {
-    const std::string id = times_.begin()->second;
+    const std::string id = times_.begin()->second;  // a copy: the entry goes
     queue(id);
   }
 }

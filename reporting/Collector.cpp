@@ -177,7 +177,9 @@ Time Collector::Core::serve(Time now) {
 }
 
 void Collector::Core::receiveEvent(const std::string& id, const Message& message, Time now) {
-  if (message.payload.empty()) {  // the broker forgot the tree
+  // The broker forgot the tree. Where a reporter lists the root, that is the late end of an earlier
+  // life of it, and the tree that is kept is newer.
+  if (message.payload.empty()) {
     const auto known = roots_.find(id);
     if (known == roots_.end() || !known->second.reporter.empty()) return;
     known->second.follower.forget();
@@ -373,6 +375,9 @@ std::string Collector::Core::heldBack(const std::string& id, const Root& root) c
   return listed == peer->second.roots().end() ? "" : listed->second.heldBack;
 }
 
+// CURRENT promises that this is what the reporter has. So every doubt speaks against it: a
+// collector that is cut off, a reporter that was not heard, a word of it that is ahead, or one that
+// holds something back.
 Condition Collector::Core::conditionOf(const std::string& id, const Root& root) const {
   const Peer* const peer = peerOf(root);
   if (!root.follower.tree()) {

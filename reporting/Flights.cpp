@@ -28,6 +28,7 @@ Flights::Rest Flights::disconnected(Time now) {
   for (const auto& [number, root] : roots_) rest.roots.push_back(root);
   isWindowSmall_ = !roots_.empty();
   forget(now);
+  // Of several nobody can say which was the reason. A narrow window soon leaves one alone.
   if (rest.roots.size() == 1) {
     const std::string& root = rest.roots.front();
     Doubt& doubt = doubts_[root];
@@ -40,6 +41,8 @@ Flights::Rest Flights::disconnected(Time now) {
   return rest;
 }
 
+// A doubted root waits until nothing is on its way, and so do those behind it. That is what makes
+// it go alone, also while the others never come to rest.
 bool Flights::mayGo(const std::string& root) const {
   if (isDoubted(root)) return roots_.empty();
   const bool isAlone = tried_ && isOnItsWay(*tried_);
@@ -67,6 +70,7 @@ std::optional<std::string> Flights::taken(int number, Time now) {
   window_ = std::min(window_ + 1, MOST);
   if (!isConnectionGood_) {
     isConnectionGood_ = true;
+    // Whoever was only suspected need not wait any longer.
     for (const auto& [other, doubt] : doubts_) {
       if (doubt.pauses.count() == 0 && other != tried_) retries_.at(other, now);
     }

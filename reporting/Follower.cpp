@@ -15,7 +15,12 @@ Follower::Outcome Follower::take(const Sequence& sequence, const Event& event,
                                  std::string& errorMessage) {
   errorMessage.clear();
   const bool isSameEpoch = isOfEpoch(sequence);
+  // What arrives once more must not be applied once more. And what is still on its way of an epoch
+  // that was left would bring back a tree that is gone.
   if (isSameEpoch ? sequence.n <= sequence_.n : isLeft(sequence.epoch)) return Outcome::OLD;
+  // A change belongs to the tree that it was computed from. On any other one it would make a tree
+  // that no reporter ever had. A whole tree and a removal stand by themselves; but a removal of
+  // another epoch may be older than the tree.
   const bool isNext = isSameEpoch && sequence.n == sequence_.n + 1;
   const bool isRemoval = isSameEpoch && event.event_type() == Event::DEVICE_REMOVE;
   if (!isWholeTree(event) && !isNext && !isRemoval) {
@@ -26,6 +31,7 @@ Follower::Outcome Follower::take(const Sequence& sequence, const Event& event,
     }
     return Outcome::GAP;
   }
+  // Whole trees are built beside the one that is kept, so that a refused one changes nothing.
   Tree tree = isWholeTree(event) ? nullptr : tree_;
   bool isApplied = EventHelper::ApplyEvent(event, tree, errorMessage);
   if (isApplied && tree && tree->getDeviceId() != root_) {
@@ -37,6 +43,7 @@ Follower::Outcome Follower::take(const Sequence& sequence, const Event& event,
     return Outcome::REFUSED;
   }
   if (!isSameEpoch) leaveEpoch();
+  // A change that follows what was applied last says nothing of what was lost before.
   if (isWholeTree(event) || isRemoval) isLost_ = false;
   tree_ = std::move(tree);
   sequence_ = sequence;
@@ -51,6 +58,8 @@ void Follower::reported(const Sequence& latest, bool isOfNow) noexcept {
     if (isBelow && (latest.n + 1 < sequence_.n || doubted_ == sequence_.n)) isLost_ = true;
     doubted_ = isBelow ? sequence_.n : 0;
   }
+  // Anyone who may publish can send an event with a high n, which nothing will ever follow. And an
+  // event that the broker refused leaves its number to another one.
   if (isOfEpoch(latest)) highest_ = std::max(sequence_.n, std::min(highest_, latest.n));
 }
 
@@ -71,6 +80,8 @@ bool Follower::isOfEpoch(const Sequence& other) const noexcept {
   return sequence_.n > 0 && other.epoch == sequence_.epoch;
 }
 
+// A tree that arrived late can have made this follower leave the epoch that is current. So the word
+// of the reporter counts more than what was left.
 bool Follower::isLeft(std::uint64_t epoch) const {
   if (reported_ && reported_->epoch == epoch) return false;
   return std::find(left_.begin(), left_.end(), epoch) != left_.end();

@@ -16,6 +16,7 @@ Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, boo
                          Time now, Roots& unlisted) {
   const bool isOnline = state.online();
   if (isKnown_ && state.start() == start_) {
+    // The will of a connection that is over can come after the first state of the next one.
     if (state.connection() < connection_) return Verdict::OLD;
   } else if (isKnown_) {
     if (!isOnline) return Verdict::OLD;

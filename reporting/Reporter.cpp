@@ -167,6 +167,8 @@ void Reporter::Core::connected(Link& link, Time now) {
 void Reporter::Core::disconnected(Time now) {
   link_ = nullptr;
   const Flights::Rest rest = flights_.disconnected(now);
+  // What may have arrived goes out again as it is, before anything else: collectors drop it if they
+  // have it, and miss it if they have not.
   for (auto id = rest.roots.rbegin(); id != rest.roots.rend(); ++id) {
     roots_.at(*id).sender.interrupted();
     agenda_.drop(*id);
@@ -205,6 +207,7 @@ void Reporter::Core::taken(const std::string& id) {
     roots_.erase(id);
     return saySoon();
   }
+  // What has changed since that event was made goes out as one.
   if (root.isChanged || !root.live) queue(id);
   awaitTreeDue(id, root);
 }
@@ -328,6 +331,7 @@ Message Reporter::Core::state(bool isOnline) const {
     entry.set_n(last.n);
     if (!root.problem.empty()) entry.set_held_back(root.problem);
   }
+  // A will that does not fit would keep the reporter from connecting at all.
   if (!isOnline && state.ByteSizeLong() > largestWill) state.clear_roots();
   Message message;
   message.topic = topics_.reporter(name_);

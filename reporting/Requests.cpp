@@ -5,6 +5,7 @@
 namespace orv::reporting {
 
 void Requests::need(const std::string& id, Time earliest, std::mt19937_64& random) {
+  // One that is needed already keeps its pauses: else each new sign of it would begin them anew.
   const auto [entry, isNew] = needed_.try_emplace(id, pauses_);
   if (isNew) agenda_.at(id, earliest + entry->second.next(random));
 }
@@ -22,6 +23,7 @@ std::optional<std::string> Requests::next(Time now, std::mt19937_64& random) {
   agenda_.advance(now);
   const std::string* const first = agenda_.first();
   if (first == nullptr) return std::nullopt;
+  // Each second has its own number: what was not used before is not saved up for a burst.
   if (newSecond_ <= now) {
     newSecond_ = now + std::chrono::seconds(1);
     left_ = mostEachSecond_;

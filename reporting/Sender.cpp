@@ -27,7 +27,7 @@ Sender::Sender(std::uint64_t epoch, std::chrono::milliseconds treePause)
 
 const Publication* Sender::next(const Tree& live, Time now, std::string& errorMessage) {
   errorMessage.clear();
-  if (publication_) return nullptr;
+  if (publication_) return nullptr;  // two on their way could arrive in either order
   if (live && hasMoreLevelsThan(MOST_LEVELS, *live)) {
     errorMessage = "The tree has more than " + std::to_string(MOST_LEVELS) + " levels";
     return nullptr;
@@ -38,6 +38,8 @@ const Publication* Sender::next(const Tree& live, Time now, std::string& errorMe
   if (!EventHelper::ComputeEvent(fromNothing ? nullptr : snapshot_, live, publication.event)) {
     return nullptr;
   }
+  // The next snapshot is built from the message and not copied from the live tree, so that it is
+  // what receivers have, and what they cannot build is noticed here.
   if (isWholeTree(publication.event)) {
     lastTree_ = now;
     if (!EventHelper::ApplyEvent(publication.event, published_, errorMessage)) return nullptr;
@@ -78,6 +80,8 @@ void Sender::restart(std::uint64_t epoch) noexcept {
 }
 
 void Sender::refused() noexcept {
+  // Some receivers may have it then and others not, so its number is used up, and only a whole tree
+  // is right for all of them.
   if (mayHaveArrived_) {
     last_ = publication_->sequence;
     snapshot_.reset();

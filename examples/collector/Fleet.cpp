@@ -103,9 +103,10 @@ std::string Fleet::tagOf(std::uint64_t version) const {
 }
 
 std::string Fleet::rootTag(const std::string& root) const {
-  // Another reporter of the same tree is no event, and nobody is told.
+  // Another reporter of the same tree, or another reason, is no event, and nobody is told.
+  const Collector::View now = view(root);
   return tagOf(roots_.at(root).version) + "." +
-         std::to_string(std::hash<std::string>()(view(root).reporter));
+         std::to_string(std::hash<std::string>()(now.reporter + "\n" + now.reason));
 }
 
 std::optional<Message> Fleet::connecting() {

@@ -136,6 +136,7 @@ void answerRoot(const Fleet& fleet, const std::string& id, const Request& reques
     if (isKnown(fleet.rootTag(id), request, response)) return;
     const auto view = fleet.view(id);
     json["condition"] = textOf(view.condition);
+    json["reason"] = view.reason;
     json["reporter"] = view.reporter;
     json["sequence"] = view.sequence.text();
     if (view.tree) tree.emplace(*view.tree);

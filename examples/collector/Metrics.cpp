@@ -162,10 +162,18 @@ std::vector<MetricFamily> Metrics::collectTotals() const {
                        "When the last event of the root was applied.",
                        MetricType::Gauge,
                        {}};
+  MetricFamily behind = {
+      "orv_root_out_of_date",
+      "1 for a root whose tree is out of date or has not arrived, with the reason.",
+      MetricType::Gauge,
+      {}};
   for (const auto& [id, label] : roots_) {
     const auto entry = fleet_.roots().find(id);
     if (entry == fleet_.roots().end()) continue;
     const auto view = fleet_.view(id);
+    if (view.condition == Condition::OUT_OF_DATE || view.condition == Condition::AWAITED) {
+      add(behind.metric, {{"root", label}, {"reason", labelOf(view.reason)}}, 1);
+    }
     add(up.metric, {{"root", label}}, view.condition == Condition::CURRENT ? 1 : 0);
     if (view.tree && view.condition != Condition::REPORTER_GONE) {
       const std::chrono::duration<double> time = entry->second.lastEvent.time_since_epoch();
@@ -186,6 +194,7 @@ std::vector<MetricFamily> Metrics::collectTotals() const {
   };
   return {
       std::move(up),
+      std::move(behind),
       std::move(last),
       std::move(events),
       counter("orv_collector_gaps_total",

@@ -117,7 +117,11 @@ function drawTree() {
   document.body.classList.toggle('open', chosen !== null);
   document.body.classList.toggle('lost', Boolean(answer) && answer.condition !== 'current');
   show(at('chosen'), tree?.name || chosen);
-  show(at('about'), answer && `${answer.condition} · reporter ${answer.reporter || 'not known'}`);
+  show(
+      at('about'),
+      answer &&
+          `${answer.condition}${answer.reason && ` (${answer.reason})`} · reporter ${
+              answer.reporter || 'not known'}`);
   show(at('notice'), noticeOf(pairs));
   sync(at('tree'), pairs, 'device', showDevice);
 }

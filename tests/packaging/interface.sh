@@ -12,7 +12,7 @@ actual=$({
   nm -DC --defined-only "$1"/lib/liborv_{device_tree,reporting}.so | cut -s -d ' ' -f 3- | sort -u
   g++ -std=c++17 -I "$1/include/orv" -fsyntax-only -fdump-lang-class=/dev/stdout \
     -include device_tree/Utils.h -include reporting/Connection.h -include reporting/Collector.h \
-    -include reporting/Reporter.h \
+    -include reporting/Reporter.h -include reporting/Sender.h \
     -x c++ /dev/null |
     awk -v RS= '/^(Class|Vtable for) orv::(device_tree|reporting|utils)::[A-Za-z:]+\n/'
 } | sed -e 's/\[abi:cxx11\]//g' -e ':again; s/> >/>>/g; t again' -e 's/std::__cxx11::/std::/g' \

@@ -98,9 +98,9 @@ class Process final : public Endpoint {
 // together wrongly is none that its reporter ever had. Roots move from one process to the other,
 // the broker refuses some for a while, comes back empty or with what it had saved earlier, and the
 // processes are set back in time.
-class Fleet : Wire {
+class History : Wire {
  public:
-  Fleet(unsigned int seed, bool isTold) : random(seed), tellsStory(isTold) {
+  History(unsigned int seed, bool isTold) : random(seed), tellsStory(isTold) {
     for (Side& side : sides) start(side);
     for (const char* id : {"r0", "r1", "r2"}) live[id] = nullptr;
   }
@@ -109,6 +109,7 @@ class Fleet : Wire {
   std::string play(int length) {
     while (length-- > 0 && fault.empty()) step();
     tell("From here on the wire is good");
+    if (std::exchange(sides.back().isBlind, false)) disconnect(sides.back());
     calmDown(140s);  // a heartbeat, the patience, and the silence of a process that has ended
     checkCurrent();
     if (!refused.empty()) {
@@ -130,8 +131,8 @@ class Fleet : Wire {
   struct Step {
     unsigned int weight;  // of 1000
     const char* name;
-    bool (*isPossible)(const Fleet&, const Side&);
-    void (*play)(Fleet&, Side&);
+    bool (*isPossible)(const History&, const Side&);
+    void (*play)(History&, Side&);
   };
   static const std::vector<Step> steps;
 
@@ -314,52 +315,60 @@ class Fleet : Wire {
   std::unique_ptr<Collector> collector;
 };
 
-bool always(const Fleet& /*f*/, const Side& /*s*/) { return true; }
-bool hasUp(const Fleet& /*f*/, const Side& s) { return !s.up.empty(); }
-bool hasDown(const Fleet& /*f*/, const Side& s) { return s.isConnected && !s.down.empty(); }
-bool isOff(const Fleet& /*f*/, const Side& s) { return !s.isConnected; }
+bool always(const History& /*h*/, const Side& /*s*/) { return true; }
+bool hasUp(const History& /*h*/, const Side& s) { return !s.up.empty(); }
+bool hasDown(const History& /*h*/, const Side& s) { return s.isConnected && !s.down.empty(); }
+bool isOff(const History& /*h*/, const Side& s) { return !s.isConnected; }
 
-const std::vector<Fleet::Step> Fleet::steps = {
-    {200, "a tree changes", always, [](Fleet& f, Side&) { f.edit(); }},
-    {182, "the broker takes", hasUp, [](Fleet& f, Side& s) { f.takeUp(s, 0, true); }},
-    {24, "the broker takes any", hasUp, [](Fleet& f, Side& s) { f.takeUp(s, f.any(s.up), true); }},
+const std::vector<History::Step> History::steps = {
+    {200, "a tree changes", always, [](History& h, Side&) { h.edit(); }},
+    {172, "the broker takes", hasUp, [](History& h, Side& s) { h.takeUp(s, 0, true); }},
+    {24, "the broker takes any", hasUp,
+     [](History& h, Side& s) { h.takeUp(s, h.any(s.up), true); }},
     {12, "the answer is lost", hasUp,
-     [](Fleet& f, Side& s) { f.takeUp(s, 0, false), f.disconnect(s); }},
-    {6, "the broker refuses", hasUp, [](Fleet& f, Side& s) { f.refuse(s); }},
-    {175, "hears", hasDown, [](Fleet& f, Side& s) { f.takeDown(s, 0, false); }},
-    {95, "hears any", hasDown, [](Fleet& f, Side& s) { f.takeDown(s, f.any(s.down), false); }},
-    {30, "hears first", hasDown, [](Fleet& f, Side& s) { f.takeDown(s, f.any(s.down), true); }},
-    {35, "misses", hasDown, [](Fleet& f, Side& s) { f.loseDown(s, f.any(s.down)); }},
-    {100, "connects", isOff, [](Fleet& f, Side& s) { f.connect(s); }},
-    {20, "disconnects", always, [](Fleet& f, Side& s) { f.disconnect(s); }},
-    {20, "starts anew", always, [](Fleet& f, Side& s) { f.start(s); }},
+     [](History& h, Side& s) { h.takeUp(s, 0, false), h.disconnect(s); }},
+    {6, "the broker refuses", hasUp, [](History& h, Side& s) { h.refuse(s); }},
+    {175, "hears", hasDown, [](History& h, Side& s) { h.takeDown(s, 0, false); }},
+    {95, "hears any", hasDown, [](History& h, Side& s) { h.takeDown(s, h.any(s.down), false); }},
+    {30, "hears first", hasDown, [](History& h, Side& s) { h.takeDown(s, h.any(s.down), true); }},
+    {35, "misses", hasDown, [](History& h, Side& s) { h.loseDown(s, h.any(s.down)); }},
+    {100, "connects", isOff, [](History& h, Side& s) { h.connect(s); }},
+    {20, "disconnects", always, [](History& h, Side& s) { h.disconnect(s); }},
+    {20, "starts anew", always, [](History& h, Side& s) { h.start(s); }},
     {10, "is set back",
-     [](const Fleet& f, const Side& s) { return s.isConnected && f.canBeSetBack(s); },
-     [](Fleet& f, Side& s) { f.setBack(s); }},
-    {10, "a root moves", always, [](Fleet& f, Side&) { f.move(); }},
+     [](const History& h, const Side& s) { return s.isConnected && h.canBeSetBack(s); },
+     [](History& h, Side& s) { h.setBack(s); }},
+    {10, "a root moves", always, [](History& h, Side&) { h.move(); }},
     {10, "the broker refuses a root for a while", always,
-     [](Fleet& f, Side&) {
-       f.refused.insert(Topics("orv/1").event("r" + std::to_string(f.pick(3))));
+     [](History& h, Side&) {
+       h.refused.insert(Topics("orv/1").event("r" + std::to_string(h.pick(3))));
      }},
-    {8, "the broker refuses nothing any more", always, [](Fleet& f, Side&) { f.refused.clear(); }},
-    {5, "the broker saves", always, [](Fleet& f, Side&) { f.saved = f.retained; }},
-    {20, "waits", always, [](Fleet& f, Side&) { f.now += 1ms * f.pick(3'000); }},
-    {6, "waits long", always, [](Fleet& f, Side&) { f.now += 1ms * f.pick(100'000); }},
-    {27, "a will comes", [](const Fleet& f, const Side&) { return !f.wills.empty(); },
-     [](Fleet& f, Side&) { f.publishWill(); }},
+    {8, "the broker refuses nothing any more", always,
+     [](History& h, Side&) { h.refused.clear(); }},
+    {5, "the collector may not read events", always,
+     [](History& h, Side&) { h.sides.back().isBlind = true; }},
+    {5, "the collector may read events again", always,
+     [](History& h, Side&) {
+       if (std::exchange(h.sides.back().isBlind, false)) h.disconnect(h.sides.back());
+     }},
+    {5, "the broker saves", always, [](History& h, Side&) { h.saved = h.retained; }},
+    {20, "waits", always, [](History& h, Side&) { h.now += 1ms * h.pick(3'000); }},
+    {6, "waits long", always, [](History& h, Side&) { h.now += 1ms * h.pick(100'000); }},
+    {27, "a will comes", [](const History& h, const Side&) { return !h.wills.empty(); },
+     [](History& h, Side&) { h.publishWill(); }},
     {5, "the broker comes back as it was saved", always,
-     [](Fleet& f, Side&) {
-       f.retained = f.saved;
-       for (Side& side : f.sides) f.disconnect(side), side.down.clear();
-       f.wills.clear();
+     [](History& h, Side&) {
+       h.retained = h.saved;
+       for (Side& side : h.sides) h.disconnect(side), side.down.clear();
+       h.wills.clear();
      }},
 };
 
 TEST(Histories, EndWithTheReportersTrees) {
   for (unsigned int seed = 0; seed < ORV_HISTORIES; ++seed) {
     const int length = 15 + static_cast<int>(seed % 125);
-    if (Fleet(seed, false).play(length).empty()) continue;
-    FAIL() << "Seed " << seed << ": " << Fleet(seed, true).play(length);
+    if (History(seed, false).play(length).empty()) continue;
+    FAIL() << "Seed " << seed << ": " << History(seed, true).play(length);
   }
 }
 

@@ -30,6 +30,7 @@ struct Side : Link {
     return number;
   }
   void arrive(const Message& message) {
+    if (isBlind && message.topic.find("/event/") != std::string::npos) return;
     for (const std::string& filter : topics) {
       const std::size_t wild = std::min(filter.find('+'), filter.size());
       if (message.topic.compare(0, wild, filter, 0, wild) == 0) down.push_back(message);
@@ -39,6 +40,7 @@ struct Side : Link {
   Endpoint* endpoint = nullptr;
   const std::map<std::string, Message>* retained = nullptr;
   bool isConnected = false;
+  bool isBlind = false;  // may not read events
   std::optional<Message> will;
   std::vector<std::string> topics;
   std::deque<std::pair<int, Message>> up;
