@@ -269,9 +269,9 @@ class History : Wire {
     for (const auto& [id, tree] : live) {
       const auto view = collector->view(id);
       if (!view || view->condition != Condition::CURRENT) continue;
-      if (!tree || bytesOf(view->tree) != bytesOf(tree))
-        fail(id, "is called current, at " + view->sequence.text() + " of " + view->reporter,
-             view->tree);
+      if (tree && bytesOf(view->tree) == bytesOf(tree)) continue;
+      fail(id, "is called current, at " + view->sequence.text() + " of " + view->reporter,
+           view->tree);
     }
   }
 
