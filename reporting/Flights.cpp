@@ -45,7 +45,7 @@ Flights::Rest Flights::disconnected(Time now) {
 // it go alone, also while the others never come to rest.
 bool Flights::mayGo(const std::string& root) const {
   if (isDoubted(root)) return roots_.empty();
-  const bool isAlone = tried_ && isOnItsWay(*tried_);
+  const bool isAlone = roots_.size() == 1 && isDoubted(roots_.begin()->second);
   return !isAlone && roots_.size() < window_;
 }
 
