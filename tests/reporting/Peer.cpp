@@ -2,6 +2,7 @@
 //
 //   reporter URL NAME SEED ROOTS    reports the roots NAME/0, NAME/1 and so on
 //   collector URL
+//   idle URL                        a collector that is served by a loop of its own, without orders
 
 #include <poll.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <iostream>
 #include <random>
 
+#include "loop.h"
 #include "reporting/Collector.h"
 #include "reporting/Connection.h"
 #include "reporting/Reporter.h"
@@ -116,6 +118,12 @@ void collect(const Broker& broker) {
   }
 }
 
+void idle(const Broker& broker) {
+  Collector collector({{}, {}, say});
+  Connection connection(broker, collector, say);
+  serveUntilReadable(STDIN_FILENO, connection);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -127,6 +135,8 @@ int main(int argc, char** argv) {
   if (const char* const file = std::getenv("ORV_CA")) broker.caFile = file;
   if (arguments.at(1) == "collector") {
     collect(broker);
+  } else if (arguments.at(1) == "idle") {
+    idle(broker);
   } else {
     report(broker, arguments.at(3), arguments.at(4), std::stoi(arguments.at(5)));
   }

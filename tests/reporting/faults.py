@@ -141,6 +141,16 @@ def broker_that_does_not_answer(stage):
     stage.agree()
 
 
+def own_event_loop(stage):
+    """Idle for longer than the broker waits: 1.5 times the keep-alive of 15 s."""
+    stage.start_broker()
+    stage.collector = stage.start("idle")
+    time.sleep(25)
+    assert stage.collector.path.read_text().count("onnect") == 1, "connected and lost"
+    stage.collector.end()
+    stage.collector = stage.start("collector")
+
+
 def peers_killed(stage):
     """A reporter while it removes one root; the next of its name lacks another one, too."""
     stage.begin()
@@ -320,7 +330,7 @@ def play(scenario, port):
 
 
 SCENARIOS = [
-    broker_back_in_an_earlier_state, broker_that_does_not_answer, peers_killed,
+    broker_back_in_an_earlier_state, broker_that_does_not_answer, own_event_loop, peers_killed,
     two_reporters_of_one_name, clocks_set_back, event_too_large, event_not_allowed, wrong_password,
     encrypted, strangers, receiver_in_python]
 # Free ports below those that the system gives to clients.
