@@ -9,6 +9,8 @@ import concurrent.futures
 import os
 import pathlib
 import random
+import re
+import shutil
 import signal
 import socket
 import subprocess
@@ -70,18 +72,27 @@ class Stage:
         self.peers, self.reporters = [], {}
 
     def start_broker(self, *settings):
+        self.start_broker_with(f"listener {self.port} localhost", "user root",
+                               "allow_anonymous true", "max_queued_messages 0", *settings)
+
+    def start_broker_with(self, *settings):
         """In place of the one that runs, which can save nothing at its end."""
         if self.broker:
             self.broker.kill()
             self.broker.wait()
         configuration, log = self.directory / "broker.conf", self.directory / "broker.log"
         configuration.write_text("\n".join([
-            f"listener {self.port} localhost", "user root", "allow_anonymous true",
-            "max_queued_messages 0",
             "persistence true", f"persistence_location {self.directory}/", *settings]))
         with open(log, "w") as output:
             self.broker = subprocess.Popen([MOSQUITTO, "-c", configuration], stderr=output)
         wait("a broker", lambda: " running" in log.read_text())
+
+    def certify(self, *names):
+        key, certificate = [self.directory / name for name in names]
+        run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=localhost",
+            "-addext", "subjectAltName=DNS:localhost", "-keyout", key, "-out", certificate,
+            stderr=subprocess.DEVNULL)
+        return key, certificate
 
     def start(self, mode, *arguments):
         path = self.directory / f"{len(self.peers)} {mode}"
@@ -241,10 +252,7 @@ def wrong_password(stage):
 
 
 def encrypted(stage):
-    key, certificate = stage.directory / "key", stage.directory / "certificate"
-    run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=localhost",
-        "-addext", "subjectAltName=DNS:localhost", "-keyout", key, "-out", certificate,
-        stderr=subprocess.DEVNULL)
+    key, certificate = stage.certify("key", "certificate")
     stage.url = f"mqtts://localhost:{stage.port}"
     strangers = [stage.start("collector")]
     stage.environment = {"ORV_CA": str(certificate)}
@@ -258,6 +266,42 @@ def encrypted(stage):
     for peer in strangers:
         peer.tells("verif")
         assert peer.count("Connected") == 0, "connected to a broker that it cannot trust"
+
+
+def example_of_a_broker(stage):
+    """Each line of it in use, below a main file as Debian has one, and its files for nobody else."""
+    example = pathlib.Path(SOURCES, "examples/broker")
+    settings = re.sub("^#(?! |$)", "", (example / "mosquitto.conf").read_text(), flags=re.M)
+    settings = settings.replace("listener 8883", f"listener {stage.port} localhost")
+    settings = re.sub("/etc/mosquitto/(certs/)?", f"{stage.directory}/", settings)
+    included = stage.directory / "conf.d"
+    included.mkdir()
+    (included / "fleet.conf").write_text(settings)
+    shutil.copy(example / "rules", stage.directory)
+    stage.certify("broker.key", "broker.crt")
+    shutil.copy(stage.directory / "broker.crt", stage.directory / "ca.crt")
+    for first, user in (("-c", "collector"), ("", "plant-3"), ("", "stranger")):
+        run("mosquitto_passwd", *first.split(), "-b", stage.directory / "passwords", user, "secret")
+    if os.geteuid() == 0:
+        for path in (stage.directory, included, *stage.directory.glob("[pr]*"),
+                     *stage.directory.glob("*.*")):
+            shutil.chown(path, "mosquitto")
+            path.chmod(0o700 if path.is_dir() else 0o400)
+    stage.start_broker_with("user mosquitto", f"include_dir {included}")
+    stage.environment = {"ORV_PASSWORD": "secret", "ORV_CA": str(stage.directory / "ca.crt")}
+    stage.url = f"mqtts://collector@localhost:{stage.port}"
+    stage.collector = stage.start("collector")
+    stage.url = f"mqtts://plant-3@localhost:{stage.port}"
+    stage.report("plant-3")
+    stage.url = f"mqtts://collector@localhost:{stage.port}"
+    stage.agree()
+    for user in ("stranger", "plant-3"):
+        run("mosquitto_pub", "--cafile", stage.directory / "ca.crt", "-p", str(stage.port), "-u", user,
+            "-P", "secret", "-V", "5", "-q", "1", "-t", "orv/1/event/45/plant-3%2F0", "-s", "-D",
+            "PUBLISH", "user-property", "sequence", "1.1", input=b"\xff", stderr=subprocess.DEVNULL)
+    problem = "An event of plant-3/0 cannot be read"
+    stage.collector.tells(problem)
+    assert stage.collector.count(problem) == 1, "a stranger's event is taken"
 
 
 def strangers(stage):
@@ -332,7 +376,7 @@ def play(scenario, port):
 SCENARIOS = [
     broker_back_in_an_earlier_state, broker_that_does_not_answer, own_event_loop, peers_killed,
     two_reporters_of_one_name, clocks_set_back, event_too_large, event_not_allowed, wrong_password,
-    encrypted, strangers, receiver_in_python]
+    encrypted, example_of_a_broker, strangers, receiver_in_python]
 # Free ports below those that the system gives to clients.
 PORTS = [port for port in random.sample(range(20000, 32000), 2 * len(SCENARIOS))
          if socket.socket().connect_ex(("localhost", port)) != 0]
