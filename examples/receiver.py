@@ -1,11 +1,14 @@
 """Follows a device tree: applies the events of one root to the tree that is kept of it.
 
 As a program, receiver.py TREE <EVENT prints the tree after the event, all in the text format; "-"
-stands for no tree. receiver.py --broker HOST[:PORT] ROOT follows a root over an MQTT broker until it
-is interrupted, and prints a line for each step.
+stands for no tree. receiver.py --broker HOST[:PORT] [--tls CAFILE] [--user USER] ROOT... follows roots
+over an MQTT broker until it is interrupted, and prints a line for each step. The password of the user
+is ORV_PASSWORD of the environment; --tls encrypts the connection.
 """
 
+import argparse
 import copy
+import os
 import pathlib
 import sys
 import time
@@ -121,17 +124,39 @@ def partition(root):
     return value % 64
 
 
-def follow(host, port, root):
+class Due:
+    """When to ask for a root again: at first after a second, then after pauses that double."""
+
+    def __init__(self):
+        self.in_step = self.due = time.monotonic()
+        self.pause = 1
+
+    def has_come(self, follower, now):
+        if not follower.is_behind():
+            self.in_step = now
+        if (follower.reported is None or follower.reported[2] == 0 or follower.held_back
+                or follower.is_current() and now - self.in_step < 5):
+            self.due, self.pause = now + 1, 1
+            return False
+        if now < self.due:
+            return False
+        self.pause = min(2 * self.pause, 60)
+        self.due = now + self.pause
+        return True
+
+
+def follow(options):
     from paho.mqtt import client as mqtt  # Debian's python3-paho-mqtt
     from paho.mqtt.packettypes import PacketTypes
     from paho.mqtt.properties import Properties
 
-    follower = Follower()
+    followers = {root: Follower() for root in options.roots}
+    dues = {root: Due() for root in options.roots}
+    topics = {f"orv/1/event/{partition(root)}/{level(root)}": root for root in options.roots}
     reporters = {}  # the last state of each, by name
-    topic = f"orv/1/event/{partition(root)}/{level(root)}"
 
     def on_connect(client, *_):
-        client.subscribe([("orv/1/reporter/+", 1), (topic, 1)])
+        client.subscribe([("orv/1/reporter/+", 1), *((topic, 1) for topic in topics)])
 
     def on_message(client, _, message):
         try:
@@ -139,10 +164,11 @@ def follow(host, port, root):
                 take_state(message.topic.rpartition("/")[2],
                            reporting_pb2.ReporterState.FromString(message.payload))
             elif message.payload:  # an empty one clears the topic after a removal
+                root = topics[message.topic]
                 sequence = dict(message.properties.UserProperty)["sequence"]
                 event = Event.FromString(message.payload)
-                done = follower.take(*map(int, sequence.split(".")), event)
-                print(sequence, Event.EventType.Name(event.event_type),
+                done = followers[root].take(*map(int, sequence.split(".")), event)
+                print(root, sequence, Event.EventType.Name(event.event_type),
                       "applied" if done else "not applied", flush=True)
         except Exception as fault:  # whoever may publish can send anything
             print("refused:", repr(fault), flush=True)
@@ -153,21 +179,25 @@ def follow(host, port, root):
                      else not state.online):
             return  # the late will of an earlier connection
         reporters[name] = state
-        for entry in state.roots:
-            if entry.root == root and state.online:
+        listed = {entry.root: entry for entry in state.roots if state.online}
+        for root, follower in followers.items():
+            if root in listed:
+                entry = listed[root]
                 follower.hear(name, entry.epoch, entry.n, entry.held_back)
-                return
-        if follower.reported and follower.reported[0] == name:
-            follower.reported = None  # gone, or it has the root no longer
+            elif follower.reported and follower.reported[0] == name:
+                follower.reported = None  # gone, or it has the root no longer
 
     client = mqtt.Client(client_id=f"orv-{uuid.uuid4()}", protocol=mqtt.MQTTv5)
     client.on_connect = on_connect
     client.on_message = on_message
-    client.connect(host, port)
+    if options.tls:
+        client.tls_set(options.tls)
+    if options.user:
+        client.username_pw_set(options.user, os.environ.get("ORV_PASSWORD"))
+    host, _, port = options.broker.partition(":")
+    client.connect(host, int(port or (8883 if options.tls else 1883)))
     expires = Properties(PacketTypes.PUBLISH)
     expires.MessageExpiryInterval = 60
-    in_step = due = time.monotonic()
-    pause = 1
     while True:
         if client.loop(timeout=0.2):  # an error: the connection is lost
             time.sleep(1)
@@ -177,23 +207,24 @@ def follow(host, port, root):
                 print("no connection:", fault, flush=True)
                 continue
         now = time.monotonic()
-        if not follower.is_behind():
-            in_step = now
-        if (follower.reported is None or follower.reported[2] == 0 or follower.held_back
-                or follower.is_current() and now - in_step < 5):
-            due, pause = now + 1, 1
-        elif now >= due:
-            print("asking for the tree", flush=True)
-            request = reporting_pb2.TreeRequest(roots=[root]).SerializeToString()
-            client.publish("orv/1/request/" + follower.reported[0], request, 1, properties=expires)
-            pause = min(2 * pause, 60)
-            due = now + pause
+        requests = {}
+        for root, follower in followers.items():
+            if dues[root].has_come(follower, now):
+                print(root, "asking for the tree", flush=True)
+                requests.setdefault(follower.reported[0], []).append(root)
+        for name, roots in requests.items():
+            request = reporting_pb2.TreeRequest(roots=roots).SerializeToString()
+            client.publish("orv/1/request/" + name, request, 1, properties=expires)
 
 
 def main():
     if sys.argv[1] == "--broker":
-        host, _, port = sys.argv[2].partition(":")
-        return follow(host, int(port or 1883), sys.argv[3])
+        parser = argparse.ArgumentParser()
+        parser.add_argument("--broker", metavar="HOST[:PORT]")
+        parser.add_argument("--tls", metavar="CAFILE")
+        parser.add_argument("--user")
+        parser.add_argument("roots", nargs="+", metavar="ROOT")
+        return follow(parser.parse_args())
     tree = None
     if sys.argv[1] != "-":
         text = pathlib.Path(sys.argv[1]).read_bytes()

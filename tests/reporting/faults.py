@@ -332,23 +332,33 @@ def strangers(stage):
 
 
 def receiver_in_python(stage):
-    stage.begin()
+    """Encrypted, with a password, of two roots, of which one then misses something."""
+    key, certificate = stage.certify("key", "certificate")
+    run("mosquitto_passwd", "-c", "-b", stage.directory / "passwords", "user", "secret")
+    stage.url = f"mqtts://user@localhost:{stage.port}"
+    stage.environment = {"ORV_CA": str(certificate), "ORV_PASSWORD": "secret",
+                         "PYTHONPATH": str(stage.directory)}
+    stage.begin("allow_anonymous false", f"password_file {stage.directory}/passwords",
+                f"certfile {certificate}", f"keyfile {key}")
     schemas = pathlib.Path(SOURCES, "proto/monitoring").glob("*.proto")
     run(PROTOC, f"--proto_path={SOURCES}", f"--python_out={stage.directory}", *schemas)
     path = stage.directory / "receiver"
     with open(path, "w") as output:
         receiver = subprocess.Popen(
             [sys.executable, "-B", f"{SOURCES}/examples/receiver.py", "--broker",
-             f"localhost:{stage.port}", "hall/a/0"], stdout=output, stderr=output,
-            env=os.environ | {"PYTHONPATH": str(stage.directory)})
-    wait("events", lambda: path.read_text().count("STATUS_CHANGE applied") > 2)
+             f"localhost:{stage.port}", "--tls", certificate, "--user", "user", "hall/a/0",
+             "hall/b/1"], stdout=output, stderr=output, env=os.environ | stage.environment)
+    for root in ("hall/a/0", "hall/b/1"):
+        wait("events", lambda: len(re.findall(f"{root} .* STATUS_CHANGE applied",
+                                              path.read_text())) > 2)
     stage.hold()  # or the next whole tree comes by itself,
     stage.collector.end()  # or on another's request
-    run("mosquitto_pub", "-V", "5", "-q", "1", "-p", str(stage.port), "-s", "-t",
-        "orv/1/event/21/hall%2Fa%2F0", "-D", "PUBLISH", "user-property", "sequence", "1.2",
-        input=b"\x08\x01")
+    run("mosquitto_pub", "--cafile", certificate, "-u", "user", "-P", "secret", "-V", "5", "-q", "1",
+        "-p", str(stage.port), "-s", "-t", "orv/1/event/21/hall%2Fa%2F0", "-D", "PUBLISH",
+        "user-property", "sequence", "1.2", input=b"\x08\x01")
     for step in ("STATUS_CHANGE not applied", "asking for the tree", "DEVICE_ADD applied"):
-        wait(step, lambda: step in path.read_text().partition("\n1.2 ")[2])
+        wait(step, lambda: step in path.read_text().partition("hall/a/0 1.2 ")[2])
+    assert "hall/b/1 asking" not in path.read_text().partition("hall/a/0 1.2 ")[2], "not missing"
     receiver.terminate()
     stage.collector = stage.start("collector")
     stage.agree()
