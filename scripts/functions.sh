@@ -35,13 +35,14 @@ free_port() {
   echo "$port"
 }
 
-# Starts a broker and waits for it. $broker is its URL then.
+# Starts a broker and waits for it. $broker is its URL then, $broker_pid its process.
 start_broker() {
   local port
   port=$(free_port)
   broker=mqtt://localhost:$port
   (cd "$work" && PATH=$PATH:/usr/sbin &&
     exec mosquitto -c "$sources/examples/broker/mosquitto.conf" -p "$port" >broker.log 2>&1) &
+  broker_pid=$!
   until is_open "$port"; do
     kill -0 $! || { cat "$work/broker.log" >&2; exit 1; }
     sleep 0.1

@@ -116,11 +116,13 @@ std::optional<Message> Fleet::connecting() {
 
 void Fleet::connected(Link& link, Time now) {
   const auto guard = lock();
+  isConnected_ = true;
   collector_.connected(link, now);
 }
 
 void Fleet::disconnected(Time now) {
   const auto guard = lock();
+  isConnected_ = false;
   collector_.disconnected(now);
 }
 

@@ -56,6 +56,8 @@ class Fleet final : public orv::reporting::Endpoint {
   // The root has to be one of roots().
   orv::reporting::Collector::View view(const std::string& root) const;
   const orv::reporting::Collector::Counters& counters() const { return collector_.counters(); }
+  // Whether the collector has a broker.
+  bool isConnected() const { return isConnected_; }
   // How many events were applied, for each type.
   const std::map<orv::reporting::Event::EventType, std::uint64_t>& events() const {
     return events_;
@@ -86,6 +88,7 @@ class Fleet final : public orv::reporting::Endpoint {
   std::map<orv::reporting::Event::EventType, std::uint64_t> events_;
   std::uint64_t start_;  // random: the versions of another process are others
   std::uint64_t version_ = 0;
+  bool isConnected_ = false;
   std::uint64_t listVersion_ = 0;
   orv::reporting::Collector collector_;
 };

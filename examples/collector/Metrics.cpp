@@ -97,9 +97,15 @@ const std::array<Family, 3> families = {{
      addHealth},
     {"orv_device_status",
      "A status of the device that is a number. It is true while the root is up, however long ago "
-     "it changed.",
+     "it changed, and the last one known while it is not.",
      addStatuses},
 }};
+
+const std::array<std::pair<const char*, Condition>, 4> conditionNames = {
+    {{"current", Condition::CURRENT},
+     {"out_of_date", Condition::OUT_OF_DATE},
+     {"reporter_gone", Condition::REPORTER_GONE},
+     {"not_arrived", Condition::AWAITED}}};
 
 MetricFamily counter(const char* name, const char* help, std::uint64_t value) {
   MetricFamily result = {name, help, MetricType::Counter, {}};
@@ -139,7 +145,7 @@ std::vector<MetricFamily> Metrics::collectDevices() const {
   for (std::size_t at = piece_ == 0 ? 0 : ends_[piece_ - 1]; at < ends_[piece_]; ++at) {
     if (fleet_.roots().count(roots_[at].first) == 0) continue;  // gone since
     const auto view = fleet_.view(roots_[at].first);
-    if (!view.tree || view.condition == Condition::REPORTER_GONE) continue;
+    if (!view.tree) continue;
     std::unordered_set<std::string> labels;
     orv::device_tree::anyNode(*view.tree, [&](const DeviceNode& device) {
       // Of two that have one label, the first counts: a reader refuses the whole answer when two
@@ -154,10 +160,21 @@ std::vector<MetricFamily> Metrics::collectDevices() const {
 
 std::vector<MetricFamily> Metrics::collectTotals() const {
   MetricFamily up = {"orv_root_up",
-                     "Whether the tree of the root is current. Of a root whose reporter is gone, "
-                     "nothing else is told.",
+                     "Whether the tree of the root is current. If not, what is told of its devices "
+                     "is old.",
                      MetricType::Gauge,
                      {}};
+  MetricFamily conditions = {"orv_root_condition",
+                             "1 for the condition of the root, 0 for the others.",
+                             MetricType::Gauge,
+                             {}};
+  MetricFamily info = {"orv_root_info", "Who reports the root.", MetricType::Gauge, {}};
+  MetricFamily connected = {"orv_collector_connected",
+                            "Whether the collector itself has a broker. Without one, every root is "
+                            "out of date.",
+                            MetricType::Gauge,
+                            {}};
+  add(connected.metric, {}, fleet_.isConnected() ? 1 : 0);
   MetricFamily last = {"orv_root_last_event_timestamp_seconds",
                        "When the last event of the root was applied.",
                        MetricType::Gauge,
@@ -175,7 +192,12 @@ std::vector<MetricFamily> Metrics::collectTotals() const {
       add(behind.metric, {{"root", label}, {"reason", labelOf(view.reason)}}, 1);
     }
     add(up.metric, {{"root", label}}, view.condition == Condition::CURRENT ? 1 : 0);
-    if (view.tree && view.condition != Condition::REPORTER_GONE) {
+    for (const auto& [name, condition] : conditionNames) {
+      add(conditions.metric, {{"root", label}, {"condition", name}},
+          view.condition == condition ? 1 : 0);
+    }
+    add(info.metric, {{"root", label}, {"reporter", labelOf(view.reporter)}}, 1);
+    if (view.tree) {
       const std::chrono::duration<double> time = entry->second.lastEvent.time_since_epoch();
       add(last.metric, {{"root", label}}, time.count());
     }
@@ -194,9 +216,12 @@ std::vector<MetricFamily> Metrics::collectTotals() const {
   };
   return {
       std::move(up),
+      std::move(conditions),
+      std::move(info),
       std::move(behind),
       std::move(last),
       std::move(events),
+      std::move(connected),
       counter("orv_collector_gaps_total",
               "Events dropped because what comes before them is missing.", outcome(Outcome::GAP)),
       counter("orv_collector_old_events_total", "Events dropped because they are old.",

@@ -63,5 +63,12 @@ for wrong in '403 Host: example.org' '403 Host: localhost.example.org:80' '416 R
 done
 kill -9 "$(<station-7.pid)"
 await 20 answers 'orv_root_up{root="station-7"}' 0
-await 20 answers "count($celsius) or vector(0)" 0
+answers "$celsius" 52.25  # an alarm about it does not end with the process that reported it
+# One alarm for a process, however many roots it had, and none for the loss of the collector's broker.
+gone='count by (reporter) (orv_root_info * on (root) (orv_root_condition{condition="reporter_gone"} == 1))'
+await 20 answers "$gone" 1
+await 20 answers 'min(orv_collector_connected)' 1
+kill "$broker_pid"
+await 20 answers 'max(orv_collector_connected)' 0
+await 20 answers "$gone or vector(0)" 0
 echo "Prometheus has the $(grep -vc '^#' metrics.txt) metrics"
