@@ -144,15 +144,10 @@ class Connection::Client final : public Link {
 
   ~Client() override {
     if (!isConnected_) return;
-    Properties properties;
-    properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, 0);
-    mosquitto_disconnect_v5(client_.get(), MQTT_RC_DISCONNECT_WITH_WILL_MSG, properties.get());
-    const Time end = steady_clock::now() + seconds(1);
-    while (mosquitto_want_write(client_.get()) && steady_clock::now() < end) {
-      wait(end);
-      if (mosquitto_loop_write(client_.get(), 1) != MOSQ_ERR_SUCCESS) break;
+    try {
+      end();
+    } catch (...) {  // nobody is left who could be told
     }
-    endpoint_.disconnected(steady_clock::now());
   }
 
   void subscribe(const std::vector<std::string>& topics) override {
@@ -212,6 +207,18 @@ class Connection::Client final : public Link {
   }
 
  private:
+  void end() {
+    Properties properties;
+    properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, 0);
+    mosquitto_disconnect_v5(client_.get(), MQTT_RC_DISCONNECT_WITH_WILL_MSG, properties.get());
+    const Time limit = steady_clock::now() + seconds(1);
+    while (mosquitto_want_write(client_.get()) && steady_clock::now() < limit) {
+      wait(limit);
+      if (mosquitto_loop_write(client_.get(), 1) != MOSQ_ERR_SUCCESS) break;
+    }
+    endpoint_.disconnected(steady_clock::now());
+  }
+
   struct Free {
     void operator()(mosquitto* client) const { mosquitto_destroy(client); }
   };

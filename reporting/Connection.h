@@ -33,7 +33,7 @@ class ORV_REPORTING_EXPORT Connection {
 
   /// Ends the connection in order: the broker publishes the will and drops the session. Waits up to
   /// a second for what has not been written yet. Then tells the endpoint that it is disconnected,
-  /// so that another connection can serve it.
+  /// so that another connection can serve it; what that throws is dropped.
   ~Connection();
 
   Connection(const Connection&) = delete;

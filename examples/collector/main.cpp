@@ -12,6 +12,7 @@
 #include "Signals.h"
 #include "Summary.h"
 #include "collector/Fleet.h"
+#include "collector/Forget.h"
 #include "collector/Http.h"
 #include "collector/Partitions.h"
 #include "reporting/Collector.h"
@@ -29,6 +30,8 @@ struct Options {
   std::optional<std::uint16_t> httpPort;
   std::string httpAddress = "127.0.0.1";
   std::uint32_t count = 0;
+  std::string forgotten;  // the reporter to forget; empty: collect
+  bool isForced = false;
 };
 
 void write(std::ostream& stream, const std::string& text) {
@@ -71,6 +74,14 @@ std::optional<Options> parse(int argc, char** argv) {
       ->needs(http);
   app.add_option("--count", options.count, "end after N events; 0 = when interrupted (default)")
       ->type_name("N");
+  CLI::App* const forget = app.add_subcommand(
+      "forget",
+      "clear the state and the trees of a reporter that will not come back from the\n"
+      "broker, and end: collector forget NAME --broker URL");
+  forget->fallthrough();
+  forget->set_help_flag();
+  forget->add_option("NAME", options.forgotten, "the name of the reporter")->required();
+  forget->add_flag("--force", options.isForced, "also one that is online");
   app.footer(
       "Lines about the connection and about messages that are refused go to the standard error,\n"
       "and so does the address of the page. Ctrl-C ends the program with status 0, a bad option\n"
@@ -105,27 +116,30 @@ void print(const std::string& root, const std::string& line) {
   write(std::cout, printable(root) + ' ' + printable(line) + '\n');
 }
 
+void logLine(const std::string& line) { std::cerr << printable(line) << std::endl; }
+
 void collect(const Options& options) {
   const Signals signals;
   unsigned long events = 0;
+  bool isOver = false;  // that everything is out of date then is no news
   orv::reporting::CollectorCallbacks callbacks;
   callbacks.applied = [&events](const std::string& root, const Event& event, const Tree& before,
                                 const Tree& after) {
     ++events;
     for (const std::string& line : summaryOf(event, before, after)) print(root, line);
   };
-  callbacks.changed = [](const std::string& root, Condition condition) {
-    print(root + ":", textOf(condition));
+  callbacks.changed = [&isOver](const std::string& root, Condition condition) {
+    if (!isOver) print(root + ":", textOf(condition));
   };
-  const auto log = [](const std::string& line) { std::cerr << printable(line) << std::endl; };
-  callbacks.problem = log;
+  callbacks.problem = logLine;
   Fleet fleet(callbacks, options.collector);
-  orv::reporting::Connection connection(brokerOf(options.broker), fleet, log);
+  orv::reporting::Connection connection(brokerOf(options.broker), fleet, logLine);
   std::shared_ptr<void> http;
-  if (options.httpPort) http = serveHttp(options.httpAddress, *options.httpPort, fleet, log);
-  while (options.count == 0 || events < options.count) {
+  if (options.httpPort) http = serveHttp(options.httpAddress, *options.httpPort, fleet, logLine);
+  while (!isOver) {
     connection.serve(std::chrono::milliseconds(200));
-    if (signals.arrive(std::chrono::nanoseconds(0))) return;
+    isOver = signals.arrive(std::chrono::nanoseconds(0)) ||
+             (options.count > 0 && events >= options.count);
   }
 }
 
@@ -133,7 +147,14 @@ void collect(const Options& options) {
 
 int main(int argc, char** argv) {
   try {
-    if (const auto options = parse(argc, argv)) collect(*options);
+    const auto options = parse(argc, argv);
+    if (!options) return 0;
+    if (options->forgotten.empty()) {
+      collect(*options);
+    } else {
+      forgetReporter(brokerOf(options->broker), options->collector.prefix, options->forgotten,
+                     options->isForced, logLine);
+    }
     return 0;
   } catch (const std::exception& fault) {
     std::cerr << argv[0] << ": " << fault.what() << "\n";

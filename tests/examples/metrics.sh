@@ -61,6 +61,8 @@ for wrong in '403 Host: example.org' '403 Host: localhost.example.org:80' '416 R
   [ "$(curl -sS -o body -w '%{http_code}' -H "${wrong#* }" "http://127.0.0.1:$port/")" = "${wrong%% *}" ]
   [ ! -s body ]
 done
+! collector forget station-7 --broker "$broker" 2>forget.log
+grep -Fq "'station-7' is online" forget.log
 kill -9 "$(<station-7.pid)"
 await 20 answers 'orv_root_up{root="station-7"}' 0
 answers "$celsius" 52.25  # an alarm about it does not end with the process that reported it
@@ -68,6 +70,8 @@ answers "$celsius" 52.25  # an alarm about it does not end with the process that
 gone='count by (reporter) (orv_root_info * on (root) (orv_root_condition{condition="reporter_gone"} == 1))'
 await 20 answers "$gone" 1
 await 20 answers 'min(orv_collector_connected)' 1
+collector forget station-7 --broker "$broker" 2>forget.log
+await 20 answers 'count(orv_root_up) or vector(0)' 0
 kill "$broker_pid"
 await 20 answers 'max(orv_collector_connected)' 0
 await 20 answers "$gone or vector(0)" 0
