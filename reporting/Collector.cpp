@@ -85,6 +85,8 @@ class Collector::Core {
   std::mt19937_64 random_;
   Counters counters_;
   Link* link_ = nullptr;
+  bool isRequestRefused_ = false;  // the last one
+  bool isSequenceMissed_ = false;  // which was told
   std::map<std::string, Root> roots_;
   std::map<std::string, Peer> peers_;
   std::map<std::string, std::set<std::string>>
@@ -156,7 +158,8 @@ void Collector::Core::disconnected(Time now) {
 }
 
 void Collector::Core::settled(const std::string& refusal) {
-  if (!refusal.empty()) complain("The broker refuses a request for trees: " + refusal);
+  const bool isNews = !std::exchange(isRequestRefused_, !refusal.empty());
+  if (isNews && !refusal.empty()) complain("The broker refuses a request for trees: " + refusal);
 }
 
 void Collector::Core::received(const Message& message, Time now) {
@@ -188,7 +191,12 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
   }
   const std::optional<Sequence> sequence = Sequence::parse(message.sequence);
   Event event;
-  if (!sequence) {
+  if (!sequence && message.sequence.empty()) {
+    ++counters_.strangers;  // all that come over such a bridge lack it
+    if (!std::exchange(isSequenceMissed_, true)) {
+      complain("An event of " + id + " has no sequence: is there a bridge without MQTT 5?");
+    }
+  } else if (!sequence) {
     refuse("An event of " + id + " has the sequence '" + message.sequence + "'");
   } else if (message.payload.size() > options_.mostBytes) {
     Root& root = takeUp(id, now);

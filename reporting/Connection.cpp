@@ -13,6 +13,7 @@
 #include <fstream>
 #include <map>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <utility>
 #include <variant>
@@ -176,7 +177,7 @@ class Connection::Client final : public Link {
       refused_.emplace_back(number, mosquitto_strerror(result));
     } else {
       if (onTheirWay_.empty()) lastAnswer_ = steady_clock::now();
-      onTheirWay_[clientNumber] = number;
+      onTheirWay_[clientNumber] = {number, message.topic};
     }
     return number;
   }
@@ -366,12 +367,22 @@ class Connection::Client final : public Link {
   void handle(const Settled& answer, Time now) {
     const auto entry = onTheirWay_.find(answer.clientNumber);
     if (entry == onTheirWay_.end()) return;
-    const int number = entry->second;
+    const auto [number, topic] = std::move(entry->second);
     onTheirWay_.erase(entry);
     lastAnswer_ = now;
+    if (answer.code == MQTT_RC_NOT_AUTHORIZED) tellRight(topic);
     endpoint_.settled(
         number, answer.code >= MQTT_RC_UNSPECIFIED ? mosquitto_reason_string(answer.code) : "",
         now);
+  }
+
+  // Once for each kind of topic: what comes before the partition and the name.
+  void tellRight(const std::string& topic) {
+    std::string kind = topic.substr(0, topic.rfind('/'));
+    kind.erase(kind.find_last_not_of("0123456789") + 1);
+    if (!rightsMissed_.insert(kind).second) return;
+    const std::string user = broker_.user.empty() ? "a user without name" : "user " + broker_.user;
+    log("The broker does not let " + user + " publish to " + topic);
   }
 
   void handle(const Received& received, Time now) { endpoint_.received(received.message, now); }
@@ -455,8 +466,9 @@ class Connection::Client final : public Link {
   std::deque<Said> said_;
   std::deque<std::pair<int, std::string>> refused_;  // messages, at once, with the reason
   std::exception_ptr failure_;
-  std::string reason_;             // why the broker ends the connection
-  std::map<int, int> onTheirWay_;  // our numbers by the client library's
+  std::string reason_;                                     // why the broker ends the connection
+  std::map<int, std::pair<int, std::string>> onTheirWay_;  // our number and the topic, by theirs
+  std::set<std::string> rightsMissed_;                     // kinds of topics, told of
   std::map<int, std::string> subscriptions_;
   int lastNumber_ = 0;
   bool isConnected_ = false;

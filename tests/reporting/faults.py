@@ -235,6 +235,29 @@ def event_not_allowed(stage):
     wait("equal trees", lambda: stage.collector.trees() == held)
 
 
+def rights_that_are_missing(stage):
+    """A reporter that is not called like its user, and a collector that may not ask."""
+    rules = stage.directory / "rules"
+    rules.write_text("topic readwrite #\nuser other\ntopic read #\nuser reader\n"
+                     "topic read orv/1/event/#\ntopic read orv/1/reporter/#\n")
+    stage.begin(f"acl_file {rules}")
+    url, problem = stage.url, "The broker does not let user "
+    for reporter in stage.reporters.values():  # so that the collector has to ask
+        reporter.process.send_signal(signal.SIGSTOP)
+    for user, mode, arguments, topic in (
+            ("other", "reporter", ("hall/c", "99", "2"), "orv/1/reporter/hall%2Fc"),
+            ("reader", "collector", (), "orv/1/request/hall%2F")):
+        stage.url = url.replace("//", f"//{user}@")
+        peer = stage.start(mode, *arguments)
+        peer.tells(f"{problem}{user} publish to {topic}")
+        assert peer.count(f"{problem}{user} publish to {topic[:10]}") == 1, "told again"
+        peer.end()
+    for reporter in stage.reporters.values():
+        reporter.process.send_signal(signal.SIGCONT)
+    stage.url = url
+    stage.agree()
+
+
 def wrong_password(stage):
     log, passwords = stage.directory / "broker.log", stage.directory / "passwords"
     run("mosquitto_passwd", "-c", "-b", passwords, "user", "right")
@@ -313,7 +336,7 @@ def strangers(stage):
     for topic, payload, sequence, problem, *hearers in [
             (topic, b"\xff", "1.1", "An event of hall/a/0 cannot be read", collector),
             (topic, b"\x08\x32", "1.1", "An event of hall/a/0 is refused", collector),
-            (topic, tree, "", "An event of hall/a/0 has the sequence ''", collector),
+            (topic, tree, "", "An event of hall/a/0 has no sequence: is there a bridge", collector),
             (topic, tree, "1.1", ""),
             ("orv/1/event/64/it", tree, "1.1", "the topic orv/1/event/64/it", collector),
             ("orv/1/reporter/%2", b"", "", "the topic orv/1/reporter/%2", collector),
@@ -385,7 +408,8 @@ def play(scenario, port):
 
 SCENARIOS = [
     broker_back_in_an_earlier_state, broker_that_does_not_answer, own_event_loop, peers_killed,
-    two_reporters_of_one_name, clocks_set_back, event_too_large, event_not_allowed, wrong_password,
+    two_reporters_of_one_name, clocks_set_back, event_too_large, event_not_allowed,
+    rights_that_are_missing, wrong_password,
     encrypted, example_of_a_broker, strangers, receiver_in_python]
 # Free ports below those that the system gives to clients.
 PORTS = [port for port in random.sample(range(20000, 32000), 2 * len(SCENARIOS))
