@@ -30,6 +30,11 @@ void Turns::unlock() {
   passed_.notify_all();
 }
 
+GlobalStatus::Level Fleet::Summary::worst() const {
+  if (errors > 0) return GlobalStatus::LEVEL_ERROR;
+  return warnings > 0 ? GlobalStatus::LEVEL_WARNING : GlobalStatus::LEVEL_OK;
+}
+
 Fleet::Fleet(CollectorCallbacks callbacks, const orv::reporting::CollectorOptions& options)
     : events_({{Event::DEVICE_ADD, 0},
                {Event::DEVICE_REMOVE, 0},
@@ -63,12 +68,12 @@ void Fleet::apply(const std::string& id, const Event& event, const Tree& tree) {
   Summary summary;
   summary.condition = root.summary.condition;
   if (tree) {
-    const GlobalStatus& health = tree->getGlobalStatus();
+    root.health.apply(event, *tree);
     summary.name = tree->getName();
-    summary.health = GlobalStatus_Level_Name(health.toProtoBuf().level());
-    summary.message = health.message;
-    summary.devices =
-        orv::reporting::isWholeTree(event) ? tree->getTreeDeviceIds().size() : root.summary.devices;
+    summary.own = tree->getGlobalStatus();
+    summary.devices = root.health.devices();
+    summary.warnings = root.health.count(GlobalStatus::LEVEL_WARNING);
+    summary.errors = root.health.count(GlobalStatus::LEVEL_ERROR);
   }
   update(root, summary);
 }
@@ -87,13 +92,18 @@ void Fleet::change(const std::string& id, Condition condition) {
 
 void Fleet::update(Root& root, const Summary& summary) {
   const auto values = [](const Summary& one) {
-    return std::tie(one.name, one.health, one.message, one.condition, one.devices);
+    return std::tie(one.name, one.own, one.devices, one.warnings, one.errors, one.condition);
   };
   const bool isNew = root.version == 0;
   root.version = ++version_;
   if (!isNew && values(root.summary) == values(summary)) return;
   root.summary = summary;
   listVersion_ = version_;
+}
+
+void Fleet::setConnected(bool isConnected) {
+  isConnected_ = isConnected;
+  listVersion_ = ++version_;
 }
 
 Collector::View Fleet::view(const std::string& root) const { return collector_.view(root).value(); }
@@ -116,13 +126,13 @@ std::optional<Message> Fleet::connecting() {
 
 void Fleet::connected(Link& link, Time now) {
   const auto guard = lock();
-  isConnected_ = true;
+  setConnected(true);
   collector_.connected(link, now);
 }
 
 void Fleet::disconnected(Time now) {
   const auto guard = lock();
-  isConnected_ = false;
+  setConnected(false);
   collector_.disconnected(now);
 }
 
@@ -145,4 +155,8 @@ std::string textOf(Condition condition) {
   const std::array<const char*, 5> texts = {"current", "out of date", "its reporter is gone",
                                             "forgotten", "not arrived"};
   return texts.at(static_cast<std::size_t>(condition));
+}
+
+std::string textOf(GlobalStatus::Level level) {
+  return GlobalStatus_Level_Name(GlobalStatus(level, "").toProtoBuf().level());
 }

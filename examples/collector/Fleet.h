@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "collector/TreeHealth.h"
 #include "reporting/Collector.h"
 
 // A lock that goes to whoever asked first. The loop of a busy collector takes it again at once, and
@@ -34,13 +35,19 @@ class Fleet final : public orv::reporting::Endpoint {
   // What a list of the roots shows of one.
   struct Summary {
     std::string name;
-    std::string health = "?";  // while there is no tree
-    std::string message;
-    orv::reporting::Condition condition = orv::reporting::Condition::OUT_OF_DATE;
+    // What its topmost device says of itself. Nothing while there is no tree.
+    std::optional<orv::device_tree::GlobalStatus> own;
     std::size_t devices = 0;
+    std::size_t warnings = 0;  // so many of the devices are at this level
+    std::size_t errors = 0;
+    orv::reporting::Condition condition = orv::reporting::Condition::OUT_OF_DATE;
+
+    // That of the device that is worst.
+    orv::device_tree::GlobalStatus::Level worst() const;
   };
   struct Root {
     Summary summary;
+    TreeHealth health;
     std::chrono::system_clock::time_point lastEvent;  // when it was applied
     std::uint64_t version = 0;
   };
@@ -55,16 +62,16 @@ class Fleet final : public orv::reporting::Endpoint {
   const std::map<std::string, Root>& roots() const { return roots_; }
   // The root has to be one of roots().
   orv::reporting::Collector::View view(const std::string& root) const;
-  const orv::reporting::Collector::Counters& counters() const { return collector_.counters(); }
-  // Whether the collector has a broker.
+  // Whether the collector has a connection to its broker. Without one no tree is current.
   bool isConnected() const { return isConnected_; }
+  const orv::reporting::Collector::Counters& counters() const { return collector_.counters(); }
   // How many events were applied, for each type.
   const std::map<orv::reporting::Event::EventType, std::uint64_t>& events() const {
     return events_;
   }
 
-  // Short texts that stay the same exactly as long as the summaries of all roots do, or what `view`
-  // returns of one.
+  // Short texts that stay the same exactly as long as the summaries of all roots and the connection
+  // do, or what `view` returns of one.
   std::string listTag() const { return tagOf(listVersion_); }
   std::string rootTag(const std::string& root) const;
 
@@ -81,6 +88,7 @@ class Fleet final : public orv::reporting::Endpoint {
              const orv::reporting::Tree& tree);
   void change(const std::string& id, orv::reporting::Condition condition);
   void update(Root& root, const Summary& summary);
+  void setConnected(bool isConnected);
   std::string tagOf(std::uint64_t version) const;
 
   mutable Turns turns_;
@@ -88,10 +96,12 @@ class Fleet final : public orv::reporting::Endpoint {
   std::map<orv::reporting::Event::EventType, std::uint64_t> events_;
   std::uint64_t start_;  // random: the versions of another process are others
   std::uint64_t version_ = 0;
-  bool isConnected_ = false;
   std::uint64_t listVersion_ = 0;
+  bool isConnected_ = false;
   orv::reporting::Collector collector_;
 };
 
 // For people.
 std::string textOf(orv::reporting::Condition condition);
+// As messages have it: OK, WARNING or ERROR.
+std::string textOf(orv::device_tree::GlobalStatus::Level level);

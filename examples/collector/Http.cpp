@@ -105,22 +105,28 @@ bool isKnown(const std::string& tag, const Request& request, Response& response)
 
 void answerRoots(const Fleet& fleet, const Request& request, Response& response) {
   std::vector<std::pair<std::string, Fleet::Summary>> list;
+  bool isConnected = false;
   {
     const auto guard = fleet.lock();
     if (isKnown(fleet.listTag(), request, response)) return;
+    isConnected = fleet.isConnected();
     list.reserve(fleet.roots().size());
     for (const auto& [id, root] : fleet.roots()) list.emplace_back(id, root.summary);
   }
   Json roots = Json::array();
   for (const auto& [id, summary] : list) {
-    roots.push_back({{"id", id},
-                     {"name", summary.name},
-                     {"health", summary.health},
-                     {"message", summary.message},
-                     {"condition", textOf(summary.condition)},
-                     {"devices", summary.devices}});
+    Json root = {{"id", id},
+                 {"name", summary.name},
+                 {"health", summary.own ? textOf(summary.worst()) : "?"},
+                 {"condition", textOf(summary.condition)},
+                 {"devices", summary.devices},
+                 {"warnings", summary.warnings},
+                 {"errors", summary.errors}};
+    // What the reporter says of the root as a whole.
+    if (summary.own) root["global_status"] = jsonOf(summary.own->toProtoBuf());
+    roots.push_back(std::move(root));
   }
-  setJson(response, dump({{"roots", std::move(roots)}}));
+  setJson(response, dump({{"connected", isConnected}, {"roots", std::move(roots)}}));
 }
 
 void answerRoot(const Fleet& fleet, const std::string& id, const Request& request,

@@ -57,10 +57,12 @@ void addInfo(const std::string& root, const DeviceNode& device, const std::strin
       {{"root", root}, {"device", label}, {"name", labelOf(device.getName())}, {"class", kind}}, 1);
 }
 
+constexpr std::array<const char*, 3> levelNames = {"ok", "warning", "error"};
+
 void addHealth(const std::string& root, const DeviceNode& device, const std::string& label,
                Series& series) {
   int level = 0;
-  for (const char* const name : {"ok", "warning", "error"}) {
+  for (const char* const name : levelNames) {
     add(series, {{"root", root}, {"device", label}, {"level", name}},
         device.getGlobalStatus().level == level ? 1 : 0);
     ++level;
@@ -168,6 +170,10 @@ std::vector<MetricFamily> Metrics::collectTotals() const {
                              "1 for the condition of the root, 0 for the others.",
                              MetricType::Gauge,
                              {}};
+  MetricFamily health = {"orv_root_devices",
+                         "How many of the devices of the root have the level.",
+                         MetricType::Gauge,
+                         {}};
   MetricFamily info = {"orv_root_info", "Who reports the root.", MetricType::Gauge, {}};
   MetricFamily connected = {"orv_collector_connected",
                             "Whether the collector itself has a broker. Without one, every root is "
@@ -197,6 +203,14 @@ std::vector<MetricFamily> Metrics::collectTotals() const {
           view.condition == condition ? 1 : 0);
     }
     add(info.metric, {{"root", label}, {"reporter", labelOf(view.reporter)}}, 1);
+    if (const auto& summary = entry->second.summary; summary.own) {
+      const std::array<std::size_t, 3> counts = {
+          summary.devices - summary.warnings - summary.errors, summary.warnings, summary.errors};
+      for (std::size_t level = 0; level < counts.size(); ++level) {
+        add(health.metric, {{"root", label}, {"level", levelNames.at(level)}},
+            static_cast<double>(counts.at(level)));
+      }
+    }
     if (view.tree) {
       const std::chrono::duration<double> time = entry->second.lastEvent.time_since_epoch();
       add(last.metric, {{"root", label}}, time.count());
@@ -218,6 +232,7 @@ std::vector<MetricFamily> Metrics::collectTotals() const {
       std::move(up),
       std::move(conditions),
       std::move(info),
+      std::move(health),
       std::move(behind),
       std::move(last),
       std::move(events),

@@ -5,8 +5,9 @@ const ROW = 44;  // the height of a row, as page.css has it
 const still = matchMedia('(prefers-reduced-motion: reduce)');
 
 let roots = [];
-let active;     // the root whose row the keyboard reaches
-let chosen;     // the root whose devices are shown, null for none
+let isConnected = true;  // the collector, with its broker
+let active;              // the root whose row the keyboard reaches
+let chosen;              // the root whose devices are shown, null for none
 let answer;     // what there is of it: null when nothing is, undefined when it is not known yet
 let tags = {};  // of what is shown
 let last = '';  // when that came
@@ -51,7 +52,22 @@ function sync(parent, pairs, shape, update) {
   parent.kept = kept;
 }
 
-const isWell = (root) => root.health === 'OK' && root.condition === 'current';
+// A root is as unwell as the worst device in it. Without a broker no root is current, which the
+// page says once.
+const isCurrent = (root) => root.condition === 'current' || !isConnected;
+const isWell = (root) => root.health === 'OK' && isCurrent(root);
+const ORDER = ['ERROR', 'WARNING', '?', 'OK'];
+const rank = (root) => isWell(root) ? ORDER.length : ORDER.indexOf(root.health);
+
+// What its reporter says of a root that has a worse device somewhere is not all there is to say.
+function messageOf({health, errors, warnings, global_status: own}) {
+  if (!own) return '';
+  const counts = [];
+  if (errors) counts.push(`${errors} in error`);
+  if (warnings) counts.push(`${warnings} with a warning`);
+  const word = own.level === health ? own.message : `says ${own.level}`;
+  return [...counts, word].filter(Boolean).join(', ');
+}
 
 function namesOf({id = '', name}) {
   return name && name !== id ? {name, id} : {name: id, id: ''};
@@ -68,7 +84,12 @@ function drawList() {
   const shown = candidates.filter((root) => matches(root, at('findRoot')));
   const count = (list) => list.length.toLocaleString('en');
   const rest = shown.length < roots.length ? `; ${count(shown)} shown` : '';
-  show(at('counts'), `${count(roots)} roots, ${count(unwell)} not well${rest}`);
+  const levels =
+      ['ERROR', 'WARNING'].map((level) => [level, roots.filter((root) => root.health === level)]);
+  const details = levels.filter(([, list]) => list.length)
+                      .map(([level, list]) => `, ${count(list)} ${level}`)
+                      .join('');
+  show(at('counts'), `${count(roots)} roots, ${count(unwell)} not well${details}${rest}`);
   at('rows').style.height = `${shown.length * ROW}px`;
   if (!shown.some((root) => root.id === active)) active = shown[0]?.id;
   // Only the rows in sight are elements, and the one that the keyboard is at.
@@ -79,7 +100,6 @@ function drawList() {
     if ((i > first && i < end) || root.id === active) pairs.push([root.id, {root, i}]);
   });
   sync(at('rows'), pairs, 'row', (row, {root, i}, isNew) => {
-    const isCurrent = root.condition === 'current';
     row.key = root.id;
     row.href = `#${new URLSearchParams({root: root.id})}`;
     row.tabIndex = root.id === active ? 0 : -1;
@@ -87,11 +107,11 @@ function drawList() {
     row.ariaPosInSet = i + 1;
     row.ariaSetSize = shown.length;
     row.style.top = `${i * ROW}px`;
-    part(row, 'state').classList.toggle('gone', !isCurrent);
+    part(row, 'state').classList.toggle('gone', !isCurrent(root));
     part(row, 'health').dataset.level = root.health;
-    const state = isCurrent ? `${root.devices} devices` : root.condition;
-    const {health, message} = root;
-    showParts(row, {...namesOf(root), state, health, message}, isNew);
+    const state = isCurrent(root) ? `${root.devices} devices` : root.condition;
+    const {health} = root;
+    showParts(row, {...namesOf(root), state, health, message: messageOf(root)}, isNew);
   });
 }
 
@@ -173,7 +193,8 @@ async function get(kind, path, signal) {
 async function ask(signal) {
   const list = await get('list', 'api/roots', signal);
   if (list) {
-    roots = list.roots;
+    isConnected = list.connected;
+    roots = list.roots.sort((one, other) => rank(one) - rank(other));
     drawList();
   }
   const path = `api/roots/${encodeURIComponent(chosen)}`;
@@ -195,7 +216,7 @@ async function poll() {
   try {
     await ask(mine.signal);
     last = `What is shown is of ${new Date().toLocaleTimeString('en-GB')}. `;
-    show(at('trouble'), '');
+    show(at('trouble'), isConnected ? '' : 'The collector has no broker. What is shown is old.');
   } catch (fault) {
     const isRefusal = fault instanceof Refusal;
     if (!isRefusal) tags = {};

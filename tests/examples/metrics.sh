@@ -50,6 +50,9 @@ line='station-7/hwmon0/temp1: celsius (double 52.250000)'
 await 10 grep -q "^[0-9]* $line\$" station-7.log
 await 10 grep -Fxq "station-7 $line" events.log
 await 20 answers 'orv_device_health{root="station-7",device="station-7/net/eth1",level="warning"}' 1
+await 20 answers 'orv_root_devices{root="station-7",level="warning"}' 2  # the interface and the host
+put station-7/sys/class/net/eth1/carrier 1
+await 20 answers 'orv_root_devices{root="station-7",level="warning"}' 0
 
 curl -sS "http://127.0.0.1:$port/metrics" >metrics.txt
 promtool check metrics <metrics.txt
