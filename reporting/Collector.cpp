@@ -62,6 +62,7 @@ class Collector::Core {
   void list(const std::string& id, const std::string& name, Time now);
   void choose(const std::string& id, Root& root, const std::string& name);
   void unlist(const std::string& id, const std::string& name, Time now);
+  void unclaim(const std::string& id, const Root& root);
   void checkClaims(const std::string& name, Time now);
   void updateRootsOf(const Peer& peer, Time now);
   void update(const std::string& id, Time now);
@@ -216,6 +217,7 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
       complain("An event of " + id + " is refused: " + refusal);
     }
     if (outcome == Follower::Outcome::APPLIED) {
+      unclaim(id, root);
       root.claimer = Topics::decode(message.reporter).value_or("");
       root.isClaimKept = message.isRetained;
       if (root.reporter.empty() && !root.claimer.empty()) claims_[root.claimer].insert(id);
@@ -254,6 +256,14 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
   for (const auto& [id, listed] : unlisted) unlist(id, name, now);
   if (peer.isThere()) checkClaims(name, now);
   updateRootsOf(peer, now);
+}
+
+// So claims do not outnumber the roots, whatever names events may hold.
+void Collector::Core::unclaim(const std::string& id, const Root& root) {
+  const auto claims = claims_.find(root.claimer);
+  if (claims == claims_.end()) return;
+  claims->second.erase(id);
+  if (claims->second.empty()) claims_.erase(claims);
 }
 
 // A reporter that ended without clearing a tree, and came back without the root, leaves the tree
@@ -429,6 +439,7 @@ void Collector::Core::check(Time now) {
     const Time::duration age = now - root.since;
     const bool isForgotten = root.condition == Condition::FORGOTTEN;
     if (root.reporter.empty() && isForgotten && age > memory) {
+      unclaim(entry->first, root);
       roots_.erase(entry);
     } else if (root.reporter.empty() && !isForgotten && areAllThere && age > options_.silence) {
       // While a reporter is gone it may have the root: its will can be older than that.

@@ -90,7 +90,7 @@ class ORV_REPORTING_EXPORT Collector final : public Endpoint {
     Condition condition;
     Tree tree;  ///< empty while nothing has arrived
     Sequence sequence;
-    std::string reporter;  ///< empty when nobody lists it
+    std::string reporter;  ///< that lists it, or else that its last event names; empty for none
     /// Why the tree is out of date or has not arrived, in words for people; empty where the
     /// condition says it all.
     std::string reason;
