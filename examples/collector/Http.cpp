@@ -2,6 +2,8 @@
 
 #include <httplib.h>
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -103,6 +105,11 @@ bool isKnown(const std::string& tag, const Request& request, Response& response)
   return true;
 }
 
+void refuse(Response& response, const std::string& reason) {
+  response.status = 400;
+  response.set_content(reason + "\n", "text/plain");
+}
+
 void answerRoots(const Fleet& fleet, const Request& request, Response& response) {
   std::vector<std::pair<std::string, Fleet::Summary>> list;
   bool isConnected = false;
@@ -127,6 +134,54 @@ void answerRoots(const Fleet& fleet, const Request& request, Response& response)
     roots.push_back(std::move(root));
   }
   setJson(response, dump({{"connected", isConnected}, {"roots", std::move(roots)}}));
+}
+
+// Whether the text contains the one that is sought. A to Z are the same as a to z.
+bool contains(const std::string& text, const std::string& sought) {
+  const auto isSame = [](unsigned char one, unsigned char other) {
+    return std::tolower(one) == std::tolower(other);
+  };
+  return std::search(text.begin(), text.end(), sought.begin(), sought.end(), isSame) != text.end();
+}
+
+void answerDevices(const Fleet& fleet, const Request& request, Response& response) {
+  constexpr std::size_t mostFound = 100;
+  constexpr std::size_t mostMet = 5'000'000;  // devices that are looked at
+  constexpr std::size_t enough = 500;         // under one lock, unless one root has more
+  const std::string sought = request.get_param_value("find");
+  if (sought.empty()) return refuse(response, "find: it says what is sought");
+  std::vector<std::string> ids;
+  {
+    const auto guard = fleet.lock();
+    for (const auto& [id, root] : fleet.roots()) ids.push_back(id);
+  }
+  Json devices = Json::array();
+  std::size_t met = 0;
+  bool isComplete = true;
+  for (auto id = ids.begin(); id != ids.end() && isComplete;) {
+    const auto guard = fleet.lock();
+    for (const std::size_t end = met + enough; id != ids.end() && isComplete && met < end; ++id) {
+      ++met;
+      if (fleet.roots().count(*id) == 0) continue;  // gone since
+      const auto view = fleet.view(*id);
+      if (!view.tree) continue;
+      const bool isCut = orv::device_tree::anyNode(*view.tree, [&](const DeviceNode& device) {
+        if (++met > mostMet) return true;
+        if (!contains(device.getDeviceId(), sought) && !contains(device.getName(), sought)) {
+          return false;
+        }
+        if (devices.size() == mostFound) return true;
+        devices.push_back({{"root", *id},
+                           {"id", device.getDeviceId()},
+                           {"name", device.getName()},
+                           {"health", textOf(device.getGlobalStatus().level)},
+                           {"message", device.getGlobalStatus().message}});
+        return false;
+      });
+      isComplete = !isCut;
+    }
+  }
+  setJson(response, dump({{"devices", std::move(devices)}, {"complete", isComplete}}));
 }
 
 void answerRoot(const Fleet& fleet, const std::string& id, const Request& request,
@@ -158,8 +213,7 @@ void answerMetrics(const Fleet& fleet, const Request& request, Response& respons
       partitions = partitionsOf(request.get_param_value("partitions"));
     }
   } catch (const std::exception& fault) {
-    response.status = 400;
-    return response.set_content(std::string("partitions: ") + fault.what() + "\n", "text/plain");
+    return refuse(response, std::string("partitions: ") + fault.what());
   }
   const auto metrics = std::make_shared<Metrics>(fleet, partitions);
   const auto send = [metrics](std::size_t /*offset*/, httplib::DataSink& sink) {
@@ -248,6 +302,8 @@ bool Server::answer(const Request& request, Response& response) const {
     response.set_content(page_js, "text/javascript; charset=utf-8");
   } else if (request.path == "/api/roots") {
     answerRoots(fleet_, request, response);
+  } else if (request.path == "/api/devices") {
+    answerDevices(fleet_, request, response);
   } else if (request.path.compare(0, root.size(), root) == 0) {
     answerRoot(fleet_, request.path.substr(root.size()), request, response);
   } else if (request.path == "/metrics") {
