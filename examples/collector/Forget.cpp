@@ -51,7 +51,7 @@ class Forgetter final : public Endpoint {
 
   void received(const Message& message, Time now) override {
     if (hasBegun_) return;
-    lastNews_ = now;
+    if (message.isRetained) lastNews_ = now;  // a fleet at work is never quiet
     if (message.topic == topics_.reporter(name_)) {
       isKnown_ = state_.ParseFromString(message.payload) && !message.payload.empty();
     } else if (message.isRetained && Topics::decode(message.reporter) == name_) {
