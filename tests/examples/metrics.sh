@@ -75,7 +75,7 @@ kill -9 "$(<station-7.pid)"
 await 20 answers 'orv_root_up{root="station-7"}' 0
 answers "$celsius" 52.25  # an alarm about it does not end with the process that reported it
 # One alarm for a process, however many roots it had, and none for the loss of the collector's broker.
-gone='count by (reporter) (orv_root_info * on (root) (orv_root_condition{condition="reporter_gone"} == 1))'
+gone='count by (reporter) (orv_root_info * on (instance, root) (orv_root_condition{condition="reporter_gone"} == 1))'
 await 20 answers "$gone" 1
 await 20 answers 'min(orv_collector_connected)' 1
 # What the rest of the fleet sends meanwhile holds nothing up.

@@ -14,7 +14,7 @@
 #include <iostream>
 #include <random>
 
-#include "loop.h"
+#include "loop.inc"
 #include "reporting/Collector.h"
 #include "reporting/Connection.h"
 #include "reporting/Reporter.h"
