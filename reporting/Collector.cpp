@@ -60,7 +60,7 @@ class Collector::Core {
   void receiveState(const std::string& name, const Message& message, Time now);
   Root& takeUp(const std::string& id, Time now);
   void list(const std::string& id, const std::string& name, Time now);
-  void choose(const std::string& id, Root& root, const std::string& name);
+  void choose(const std::string& id, Root& root, const std::string& name, bool isOfNow);
   void unlist(const std::string& id, const std::string& name, Time now);
   void unclaim(const std::string& id, const Root& root);
   void checkClaims(const std::string& name, Time now);
@@ -305,10 +305,12 @@ void Collector::Core::list(const std::string& id, const std::string& name, Time 
   if (std::find(root.listers.begin(), root.listers.end(), name) == root.listers.end()) {
     root.listers.push_back(name);
   }
-  choose(id, root, name);
+  // A will repeats the list of its connection, and what the broker had kept is old as well.
+  choose(id, root, name, peers_.at(name).isThere());
 }
 
-void Collector::Core::choose(const std::string& id, Root& root, const std::string& name) {
+void Collector::Core::choose(const std::string& id, Root& root, const std::string& name,
+                             bool isOfNow) {
   const Peer& peer = peers_.at(name);
   if (root.reporter != name) {
     const auto other = peers_.find(root.reporter);
@@ -321,7 +323,7 @@ void Collector::Core::choose(const std::string& id, Root& root, const std::strin
     }
     root.reporter = name;
   }
-  root.follower.reported(peer.roots().at(id).latest, peer.isConfirmed());
+  root.follower.reported(peer.roots().at(id).latest, isOfNow);
 }
 
 void Collector::Core::unlist(const std::string& id, const std::string& name, Time now) {
@@ -335,7 +337,7 @@ void Collector::Core::unlist(const std::string& id, const std::string& name, Tim
   root.rival.clear();
   root.since = now;
   for (const std::string& other : root.listers) {
-    if (peers_.at(other).isOnline()) choose(id, root, other);
+    if (peers_.at(other).isOnline()) choose(id, root, other, false);
   }
   if (root.reporter.empty()) root.follower.forget();
   update(id, now);

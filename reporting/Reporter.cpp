@@ -267,7 +267,8 @@ Time Reporter::Core::serve(Time now) {
     lastState_ = now;
     stateDue_ = now + options_.heartbeat;
   }
-  if (now < opensAt_) return std::max(now, std::min(opensAt_, stateDue_));
+  const Time next = stateOnItsWay_ ? Time::max() : stateDue_;
+  if (now < opensAt_) return std::min(opensAt_, next);
   agenda_.advance(now);
   if (const auto id = flights_.retry(now)) agenda_.queue(*id);
   const std::string* first = agenda_.first();
@@ -277,7 +278,6 @@ Time Reporter::Core::serve(Time now) {
     publishNext(id, now);
   }
   if (first == nullptr) flights_.rest();
-  const Time next = stateOnItsWay_ ? Time::max() : stateDue_;
   const Time turn = first == nullptr ? agenda_.due() : Time::max();
   return std::max(now, std::min({next, flights_.retryDue(), turn}));
 }
