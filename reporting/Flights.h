@@ -84,7 +84,7 @@ class Flights {
 
  private:
   struct Doubt {
-    Backoff pauses{std::chrono::seconds(1), std::chrono::minutes(10)};
+    Backoff pauses{std::chrono::seconds(5), std::chrono::minutes(10)};
     unsigned int ends = 0;  // of connections, in a row, that came on its event alone
   };
 

@@ -42,10 +42,10 @@ struct ReporterCallbacks {
 /// The caller keeps its trees, says which of them changed, and serves the connection. The reporter
 /// looks at a tree only within `serve`. What changes while an event of a root is on its way, or
 /// while there is no connection, goes out as one event later; nothing that lasts is lost. An event
-/// that the broker refuses is made anew and tried again, after pauses that double from a second to
-/// ten minutes. It then goes out alone, so that a broker that ends the connection with a refusal,
-/// or in place of one, holds up no other root. A root that comes or goes is listed by the next
-/// state of the reporter, within a second.
+/// that the broker refuses is made anew and tried again, after pauses that double from five seconds
+/// to ten minutes. It then goes out alone, so that a broker that ends the connection with a
+/// refusal, or in place of one, holds up no other root. A root that comes or goes is listed by the
+/// next state of the reporter, within a second.
 ///
 /// Every reporter of a fleet needs a name of its own, and every root one reporter. A second process
 /// of the same name is told of, once; both go on.
