@@ -140,12 +140,12 @@ class Receiver {
 
  private:
   CollectorCallbacks callbacks() {
-    const auto applied = [this](const auto& /*root*/, const Event& event, const Tree& /*before*/,
-                                const Tree& tree) {
-      if (isWholeTree(event)) return;
-      const Time due(nanoseconds(boost::get<unsigned long>(tree->getStatus("uptime")->getValue())));
+    const auto applied = [this](const auto& /*root*/, const orv::reporting::Step& step) {
+      if (isWholeTree(step.event)) return;
+      const Time due(
+          nanoseconds(boost::get<unsigned long>(step.after->getStatus("uptime")->getValue())));
       delays_.push_back(duration<double, std::milli>(steady_clock::now() - due).count());
-      changes_ += event.GetExtension(StatusChangeEvent::base).named_status_changes_size();
+      changes_ += step.event.GetExtension(StatusChangeEvent::base).named_status_changes_size();
     };
     const auto changed = [this](const std::string& root, Condition condition) {
       if (condition == Condition::CURRENT) current_.insert(root);

@@ -222,7 +222,9 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
       root.isClaimKept = message.isRetained;
       if (root.reporter.empty() && !root.claimer.empty()) claims_[root.claimer].insert(id);
       if (isWholeTree(event)) root.isTooLarge = false;
-      if (callbacks_.applied) callbacks_.applied(id, event, before, root.follower.tree());
+      if (callbacks_.applied) {
+        callbacks_.applied(id, {*sequence, std::move(event), before, root.follower.tree()});
+      }
     }
     update(id, now);
   }

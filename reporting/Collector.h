@@ -53,12 +53,8 @@ struct CollectorOptions {
 /// What the user of a collector is told. It must not call the collector's own operations other than
 /// the const ones. What is empty is not called.
 struct CollectorCallbacks {
-  /// An event was applied: it made the tree `after` of the tree `before`, each of which is empty
-  /// for no tree. After a status change both are one object, which stays the same until an event
-  /// with a whole tree.
-  std::function<void(const std::string& root, const Event& event, const Tree& before,
-                     const Tree& after)>
-      applied;
+  /// An event was applied.
+  std::function<void(const std::string& root, const Step& step)> applied;
   /// What is known about a root has changed. The first news of a root is never FORGOTTEN.
   std::function<void(const std::string& root, Condition condition)> changed;
   /// Something is wrong, in a line for people: a message that breaks a rule, two reporters of one

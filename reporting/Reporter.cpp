@@ -201,7 +201,7 @@ void Reporter::Core::taken(const std::string& id) {
   release(root);
   if (root.sender.onItsWay() != nullptr) {
     const Step step = root.sender.taken();
-    if (callbacks_.published) callbacks_.published(id, step.event, step.before, step.after);
+    if (callbacks_.published) callbacks_.published(id, step);
   } else if (!root.live) {  // the broker has forgotten the tree
     agenda_.drop(id);
     roots_.erase(id);

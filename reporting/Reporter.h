@@ -25,12 +25,8 @@ struct ReporterOptions {
 
 /// What the user of a reporter is told. It must not call the reporter. What is empty is not called.
 struct ReporterCallbacks {
-  /// The broker has taken an event: it made the tree `after` of the tree `before`, each of which is
-  /// empty for no tree. The trees are the reporter's own, as the broker has them; treat them as
-  /// constant. After a status change both are one object.
-  std::function<void(const std::string& root, const Event& event, const Tree& before,
-                     const Tree& after)>
-      published;
+  /// The broker has taken an event. The trees are the reporter's own, as the broker has them.
+  std::function<void(const std::string& root, const Step& step)> published;
   /// Something is wrong, in a line for people: an event that the broker refuses, a tree that cannot
   /// be reported, a second process of this name, a message that makes no sense. For a root it is
   /// not told again while it stays the same.

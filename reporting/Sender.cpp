@@ -54,7 +54,7 @@ std::optional<Time> Sender::treeDue() const noexcept {
 
 Step Sender::taken() {
   last_ = publication_->sequence;
-  Step step{std::move(publication_->event), snapshot_, {}};
+  Step step{last_, std::move(publication_->event), snapshot_, {}};
   std::string refusal;
   if (isWholeTree(step.event)) {
     snapshot_ = std::move(published_);

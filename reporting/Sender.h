@@ -12,13 +12,6 @@
 
 namespace orv::reporting {
 
-/// What an event made of a tree. After a status change both are one object, the tree as it is now.
-struct Step {
-  Event event;
-  Tree before;
-  Tree after;
-};
-
 /// Decides which event of one root is published next.
 ///
 /// At most one event is on its way. Until its fate is known, whatever changes in the live tree

@@ -46,10 +46,9 @@ Fleet::Fleet(CollectorCallbacks callbacks, const orv::reporting::CollectorOption
 CollectorCallbacks Fleet::observe(CollectorCallbacks callbacks) {
   CollectorCallbacks result;
   result.applied = [this, applied = std::move(callbacks.applied)](
-                       const std::string& id, const Event& event, const Tree& before,
-                       const Tree& after) {
-    apply(id, event, after);
-    applied(id, event, before, after);
+                       const std::string& id, const orv::reporting::Step& step) {
+    apply(id, step.event, step.after);
+    applied(id, step);
   };
   result.changed = [this, changed = std::move(callbacks.changed)](const std::string& id,
                                                                   Condition condition) {

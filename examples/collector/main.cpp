@@ -123,10 +123,9 @@ void collect(const Options& options) {
   unsigned long events = 0;
   bool isOver = false;  // that everything is out of date then is no news
   orv::reporting::CollectorCallbacks callbacks;
-  callbacks.applied = [&events](const std::string& root, const Event& event, const Tree& before,
-                                const Tree& after) {
+  callbacks.applied = [&events](const std::string& root, const orv::reporting::Step& step) {
     ++events;
-    for (const std::string& line : summaryOf(event, before, after)) print(root, line);
+    for (const auto& line : summaryOf(step.event, step.before, step.after)) print(root, line);
   };
   callbacks.changed = [&isOver](const std::string& root, Condition condition) {
     if (!isOver) print(root + ":", textOf(condition));

@@ -157,9 +157,9 @@ void publish(const Options& options) {
   const Signals signals;
   Monitor monitor(options, options.name);
   orv::reporting::ReporterCallbacks callbacks;
-  callbacks.published = [&monitor](const std::string& /*root*/, const Event& event,
-                                   const Tree& before,
-                                   const Tree& after) { monitor.show(event, before, after); };
+  callbacks.published = [&monitor](const std::string& /*root*/, const orv::reporting::Step& step) {
+    monitor.show(step.event, step.before, step.after);
+  };
   callbacks.problem = log;
   orv::reporting::Reporter reporter(monitor.live()->getDeviceId(), callbacks);
   orv::reporting::Connection connection(brokerOf(options.broker), reporter, log);

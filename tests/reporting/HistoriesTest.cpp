@@ -221,9 +221,9 @@ class History : Wire {
     CollectorOptions options;
     options.seed = random();
     CollectorCallbacks callbacks;
-    callbacks.applied = [this](const std::string& id, const Event& event, const Tree&,
-                               const Tree& tree) {
-      if (tellsStory) tell("an event of " + id + ": " + event.ShortDebugString());
+    callbacks.applied = [this](const std::string& id, const orv::reporting::Step& step) {
+      if (tellsStory) tell("an event of " + id + ": " + step.event.ShortDebugString());
+      const Tree& tree = step.after;
       if (tree && had[id].count(bytesOf(tree)) == 0) fail(id, "never was like that", tree);
     };
     collector = std::make_unique<Collector>(callbacks, options);
