@@ -8,7 +8,7 @@ mapfile -t sources < <(git ls-files '*.cpp')
 mapfile -t headers < <(git ls-files '*.h')
 
 echo "Formatting"
-page=examples/collector/page
+page=programs/collector/page
 clang-format --dry-run --Werror "${sources[@]}" "${headers[@]}" $page.js
 export NODE_PATH=/usr/share/nodejs  # where Debian has modules, whichever Node.js runs
 css-beautify --indent-size 2 --end-with-newline --file $page.css | diff $page.css -
@@ -25,5 +25,5 @@ run-clang-tidy -quiet -p build/check "^$PWD/(?!build/)" 2> >(grep -v 'warnings g
 echo "cppcheck"
 cppcheck --quiet --error-exitcode=1 --std=c++17 --enable=warning,performance,portability \
   --inline-suppr --suppress=missingInclude --suppress=missingIncludeSystem -I . \
-  device_tree platform reporting examples
+  device_tree platform reporting programs examples
 echo "All checks passed"

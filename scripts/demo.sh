@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Shows the example programs at work: the device tree of this machine, the events of two seconds,
+# Shows the programs at work: the device tree of this machine, the events of two seconds,
 # and the event between two sample trees. Installs what is missing and builds into build/demo.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -8,7 +8,7 @@ heading() { printf '\n== %s ==\n\n' "$1"; }
 
 ./scripts/dependencies.sh build
 . scripts/functions.sh
-build_examples host_monitor snapshot_diff
+build_programs host_monitor snapshot_diff
 
 heading "This machine as a device tree, and what changed after one and after two seconds"
 host_monitor --tree --count 3 --interval 1

@@ -23,7 +23,7 @@ fi
 
 ./scripts/dependencies.sh build broker web
 . scripts/functions.sh
-build_examples host_monitor collector
+build_programs host_monitor collector
 cd "$work"
 
 # Makes the recorded machine live: MACHINE SECONDS.

@@ -1,4 +1,4 @@
-# What scripts share that run the example programs or a broker. They source it in the project's root,
+# What scripts share that run the programs or a broker. They source it in the project's root,
 # $sources. It makes a directory, $work. When the script ends, so do its jobs and the processes whose
 # numbers are in files *.pid of the directory, which is removed.
 # shellcheck shell=bash
@@ -15,15 +15,15 @@ need() {
   done
 }
 
-# Builds the example programs of these names into build/demo and adds them to the path.
-build_examples() {
-  echo "Building the examples into build/demo ..."
+# Builds the programs of these names into build/demo and adds them to the path.
+build_programs() {
+  echo "Building the programs into build/demo ..."
   if ! { cmake --preset release -B build/demo -DORV_BUILD_TESTS=OFF -DORV_BUILD_REPORTING=ON &&
     cmake --build build/demo --target "$@"; } >"$work/build.log" 2>&1; then
     cat "$work/build.log" >&2
     exit 1
   fi
-  PATH=$sources/build/demo/examples:$PATH
+  PATH=$sources/build/demo/programs:$sources/build/demo/examples:$PATH
 }
 
 is_open() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }

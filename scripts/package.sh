@@ -16,7 +16,7 @@ flags="$(dpkg-buildflags --get CPPFLAGS) $(dpkg-buildflags --get CXXFLAGS)"
 rm -rf build/package
 cmake -S . -B build/package -G Ninja -DCMAKE_BUILD_TYPE=Release \
   -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_SKIP_INSTALL_RPATH=ON \
-  -DORV_BUILD_TESTS=OFF -DORV_BUILD_EXAMPLES=OFF \
+  -DORV_BUILD_TESTS=OFF -DORV_BUILD_EXAMPLES=OFF -DORV_BUILD_PROGRAMS=OFF \
   -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_SHARED_LINKER_FLAGS="$(dpkg-buildflags --get LDFLAGS)"
 cmake --build build/package
 (cd build/package && cpack -G DEB)

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Uses the page of the collector in Debian's chromium, with three recorded machines that report over a
 # broker. Exits with 77 where that or selenium is not installed.
-#   ./tests/examples/page.sh PROGRAMS [--pictures]    PROGRAMS is a directory, e.g. build/release/examples
+#   ./tests/programs/page.sh PROGRAMS [--pictures]    PROGRAMS is a directory, e.g. build/release/programs
 # With --pictures, it also writes docs/pictures/fleet.png and fleet_small.png.
 set -euo pipefail
 PATH=$(realpath "$1"):$PATH
@@ -19,4 +19,4 @@ for name in station-7 station-8 station-9; do
   report_machine $name 0.5
 done
 put station-9/sys/class/net/eth1/carrier 1  # a machine that is well
-/usr/bin/python3 "$sources/tests/examples/page.py" "$broker" "$(free_port)" "${pictures[@]}"
+/usr/bin/python3 "$sources/tests/programs/page.py" "$broker" "$(free_port)" "${pictures[@]}"

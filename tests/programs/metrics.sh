@@ -2,7 +2,7 @@
 # Checks the metrics of the collector: promtool finds nothing in them, and a Prometheus that scrapes
 # them in two halves answers with what a host monitor reported of a recorded machine. Exits with 77
 # where Prometheus, curl or jq is not installed.
-#   ./tests/examples/metrics.sh PROGRAMS    PROGRAMS is a directory, e.g. build/release/examples
+#   ./tests/programs/metrics.sh PROGRAMS    PROGRAMS is a directory, e.g. build/release/programs
 set -euo pipefail
 PATH=$(realpath "$1"):$PATH
 cd "$(dirname "$0")/../.."
