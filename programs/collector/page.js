@@ -8,11 +8,16 @@ let roots = [];
 let isConnected = true;  // the collector, with its broker
 let active;              // the root whose row the keyboard reaches
 let chosen;              // the root whose devices are shown, null for none
+let aim;                 // the device in it that the address leads to, null for none
+let isAimed = true;      // that one is in sight, or there is none
+let devices = [];        // of all roots, that are looked for
+let isMore = false;      // there are more of these
 let answer;     // what there is of it: null when nothing is, undefined when it is not known yet
 let tags = {};  // of what is shown
 let last = '';  // when that came
 let running;    // the controller of the latest question
 let timer;      // of the next one
+let search;     // the timer of the next search for devices
 
 class Refusal extends Error {}
 
@@ -78,12 +83,34 @@ function matches(item, field) {
   return Object.values(namesOf(item)).some((name) => name.toLowerCase().includes(sought));
 }
 
+const addressOf = (root, device) =>
+    `#${new URLSearchParams(device === undefined ? {root} : {root, device})}`;
+
+// Rows of the list: the roots, and below them the devices that are looked for.
+function rowsOf(candidates) {
+  const isUnwell = at('unwell').checked;
+  const rowsOfRoots = candidates.filter((root) => matches(root, at('findRoot'))).map((root) => {
+    const state = isCurrent(root) ? `${root.devices} devices` : root.condition;
+    const message = messageOf(root);
+    return {key: root.id, address: addressOf(root.id), root, state, message, named: root};
+  });
+  const rowsOfDevices =
+      devices.filter((device) => !isUnwell || device.health !== 'OK').map((device) => {
+        const {root, id, message} = device;
+        const address = addressOf(root, id);
+        return {key: address, address, state: `in ${root}`, message, named: device};
+      });
+  return [...rowsOfRoots, ...rowsOfDevices];
+}
+
 function drawList() {
   const unwell = roots.filter((root) => !isWell(root));
-  const candidates = at('unwell').checked ? unwell : roots;
-  const shown = candidates.filter((root) => matches(root, at('findRoot')));
+  const shown = rowsOf(at('unwell').checked ? unwell : roots);
   const count = (list) => list.length.toLocaleString('en');
-  const rest = shown.length < roots.length ? `; ${count(shown)} shown` : '';
+  const ofRoots = shown.filter((row) => row.root);
+  const found =
+      devices.length ? `; ${count(devices)}${isMore ? ' and more' : ''} devices found` : '';
+  const rest = (ofRoots.length < roots.length ? `; ${count(ofRoots)} shown` : '') + found;
   const levels =
       ['ERROR', 'WARNING'].map((level) => [level, roots.filter((root) => root.health === level)]);
   const details = levels.filter(([, list]) => list.length)
@@ -91,34 +118,54 @@ function drawList() {
                       .join('');
   show(at('counts'), `${count(roots)} roots, ${count(unwell)} not well${details}${rest}`);
   at('rows').style.height = `${shown.length * ROW}px`;
-  if (!shown.some((root) => root.id === active)) active = shown[0]?.id;
+  if (!shown.some((row) => row.key === active)) active = shown[0]?.key;
   // Only the rows in sight are elements, and the one that the keyboard is at.
   const first = at('list').scrollTop / ROW - 8;
   const end = first + at('list').clientHeight / ROW + 16;
   const pairs = [];
-  shown.forEach((root, i) => {
-    if ((i > first && i < end) || root.id === active) pairs.push([root.id, {root, i}]);
+  shown.forEach((row, i) => {
+    if ((i > first && i < end) || row.key === active) pairs.push([row.key, {...row, i}]);
   });
-  sync(at('rows'), pairs, 'row', (row, {root, i}, isNew) => {
-    row.key = root.id;
-    row.href = `#${new URLSearchParams({root: root.id})}`;
-    row.tabIndex = root.id === active ? 0 : -1;
-    row.ariaSelected = root.id === chosen;
+  const isChosen = addressOf(chosen, aim ?? undefined);
+  sync(at('rows'), pairs, 'row', (row, {key, address, root, named, state, message, i}, isNew) => {
+    const {health} = named;
+    row.key = key;
+    row.href = address;
+    row.tabIndex = key === active ? 0 : -1;
+    row.ariaSelected = root ? root.id === chosen : address === isChosen;
     row.ariaPosInSet = i + 1;
     row.ariaSetSize = shown.length;
     row.style.top = `${i * ROW}px`;
-    part(row, 'state').classList.toggle('gone', !isCurrent(root));
-    part(row, 'health').dataset.level = root.health;
-    const state = isCurrent(root) ? `${root.devices} devices` : root.condition;
-    const {health} = root;
-    showParts(row, {...namesOf(root), state, health, message: messageOf(root)}, isNew);
+    part(row, 'state').classList.toggle('gone', Boolean(root) && !isCurrent(root));
+    part(row, 'health').dataset.level = health;
+    showParts(row, {...namesOf(named), state, health, message}, isNew);
   });
+}
+
+// Asks for the devices whose identifier or name has the text that roots are looked for by.
+async function findDevices() {
+  const sought = at('findRoot').value.trim();
+  let found = {devices: [], complete: true};
+  try {
+    if (sought) {
+      const response = await fetch(`api/devices?${new URLSearchParams({find: sought})}`);
+      if (response.ok) found = await response.json();
+    }
+  } catch {
+    // The line for trouble says that the collector does not answer.
+  }
+  if (at('findRoot').value.trim() !== sought) return;
+  // A row leads to the root itself.
+  const known = new Set(roots.filter((root) => matches(root, at('findRoot'))).map(({id}) => id));
+  devices = found.devices.filter(({root, id}) => root !== id || !known.has(id));
+  isMore = !found.complete;
+  drawList();
 }
 
 // A [key, item] pair for the device if it is to be shown or one below it is, else nothing.
 function sift(node) {
   const isHidden = at('unwell').checked && node.global_status?.level === 'OK';
-  const isShown = matches(node, at('find')) && !isHidden;
+  const isShown = (matches(node, at('find')) && !isHidden) || node.id === aim;
   const below = (node.sub_devices ?? []).flatMap(sift);
   return isShown || below.length ? [[node.id, {node, isShown, below}]] : [];
 }
@@ -128,6 +175,7 @@ function noticeOf(pairs) {
   if (answer === null) return 'The collector knows no such root.';
   if (answer && !answer.tree) return 'Its tree has not arrived yet.';
   if (answer && !pairs.length) return 'No device is like that.';
+  if (answer && !isAimed) return `There is no device ${aim}.`;
   return '';
 }
 
@@ -142,13 +190,29 @@ function drawTree() {
       answer &&
           `${answer.condition}${answer.reason && ` (${answer.reason})`} · reporter ${
               answer.reporter || 'not known'}`);
-  show(at('notice'), noticeOf(pairs));
   sync(at('tree'), pairs, 'device', showDevice);
+  if (tree && !isAimed) lead();
+  show(at('notice'), noticeOf(pairs));
+}
+
+// Leads to the device that the address names.
+function lead() {
+  const all = [...document.querySelectorAll('details')];
+  const device = all.find((one) => one.key === aim);
+  isAimed = Boolean(device);
+  if (!device) return;
+  for (let one = device; one; one = one.parentElement.closest('details')) one.open = true;
+  const summary = device.querySelector('summary');
+  summary.scrollIntoView({block: 'center'});
+  summary.focus({preventScroll: true});
 }
 
 function showDevice(device, {node, isShown, below}, isNew) {
   const {level: health = '?', message} = node.global_status ?? {};
   const kind = String(node.device_class ?? '').toLowerCase();
+  device.key = node.id;
+  device.classList.toggle('aim', node.id === aim);
+  part(device, 'link').href = addressOf(chosen, node.id);
   part(device, 'health').dataset.level = health;
   showParts(device, {health, ...namesOf(node), message, kind}, isNew);
   showItems(part(device, 'statuses'), isShown ? node.statuses : []);
@@ -227,11 +291,20 @@ async function poll() {
 }
 
 function choose() {
-  chosen = new URLSearchParams(location.hash.slice(1)).get('root');
-  active = chosen ?? active;
+  const address = new URLSearchParams(location.hash.slice(1));
+  const isSame = address.get('root') === chosen;
+  chosen = address.get('root');
+  aim = address.get('device');
+  isAimed = aim === null;
+  active = isAimed ? chosen ?? active : location.hash;
+  at('find').value = '';
+  if (isSame) {
+    drawTree();
+    drawList();
+    return;
+  }
   answer = undefined;
   tags.tree = undefined;
-  at('find').value = '';
   drawTree();
   if (roots.length) drawList();
   if (!at('list').checkVisibility()) {
@@ -255,6 +328,10 @@ addEventListener('keydown', (event) => {
 addEventListener('input', (event) => {
   if (event.target !== at('findRoot')) {
     for (const device of document.querySelectorAll('details')) device.open = true;
+  }
+  if (event.target === at('findRoot')) {
+    clearTimeout(search);
+    search = setTimeout(findDevices, 300);
   }
   drawList();
   drawTree();

@@ -1,4 +1,4 @@
-"""Uses the collector's page in chromium: page.py BROKER PORT [DIRECTORY]
+"""Uses the collector's page in chromium: page.py SOURCES BROKER PORT [DIRECTORY]
 
 Runs in a directory with the recorded machines station-7, -8 and -9 and the process numbers of those
 that report them (station-9 is well). Writes pictures of the page into DIRECTORY, if that is given.
@@ -17,7 +17,7 @@ from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.keys import Keys
 
-BROKER, PORT, *PICTURES = sys.argv[1:]
+SOURCES, BROKER, PORT, *PICTURES = sys.argv[1:]
 HOSTILE = "<img src=x onerror=\"document.title='taken over'\">"
 
 
@@ -44,6 +44,39 @@ def collector():
     finally:
         process.send_signal(signal.SIGINT)
         process.wait(20)
+
+
+def publish(message, text, topic, *options):
+    """Encodes a message of the schemas and publishes it."""
+    schemas = ["proto/monitoring/device_events.proto", "proto/monitoring/reporting.proto"]
+    payload = subprocess.run(
+        ["protoc", "-I", SOURCES, "--encode=orv.proto.monitoring." + message, *schemas],
+        input=text.encode(), stdout=subprocess.PIPE, check=True).stdout
+    subprocess.run(["mosquitto_pub", "-V", "5", "-p", BROKER.rsplit(":", 1)[1], "-q", "1", "-s",
+                    "-t", "orv/1/" + topic, *options], input=payload, check=True)
+
+
+def partition_of(root):
+    value = 0xcbf29ce484222325
+    for byte in root.encode():
+        value = (value ^ byte) * 0x100000001b3 % 2**64
+    return value % 64
+
+
+def report_plant():
+    """Reports two roots: one that says OK over a device in error, and one that is held back."""
+    publish("DeviceToOrvServiceEvent", """event_type: DEVICE_ADD [orv.proto.monitoring.DeviceAddEvent.base] {
+        device { id: "plant" name: "Plant" global_status { level: OK }
+          sub_devices { id: "hall" name: "Hall" global_status { level: OK }
+            sub_devices { id: "pump-3" name: "Feed pump"
+              global_status { level: ERROR message: "dry" } } } } }""",
+            f"event/{partition_of('plant')}/plant", "-r",
+            "-D", "publish", "user-property", "sequence", "7.1",
+            "-D", "publish", "user-property", "reporter", "plants")
+    publish("ReporterState", """start: 1 connection: 1 online: true version: 1
+        roots { root: "plant" epoch: 7 n: 1 }
+        roots { root: "plant-2" epoch: 8 n: 0 held_back: "too large for the broker" }""",
+            "reporter/plants")
 
 
 def view(width, scheme):
@@ -107,6 +140,26 @@ def use_page():
          lambda: roots() == ["station-7", "station-8"] and len(texts("summary")) == 2)
     browser.find_element("id", "unwell").click()
 
+    report_plant()
+    wait("what is worst at the top", lambda: roots()[0] == "Plant" and
+         "1 in error, says OK" in texts("#rows a")[0] and "1 ERROR" in texts("#counts")[0])
+    wait("the root that has not arrived", lambda: any(
+        "plant-2" in text and "not arrived" in text for text in texts("#rows a")))
+    browser.find_element("id", "findRoot").send_keys("PUMP")
+    wait("the device that is looked for in all roots", lambda: len(texts("#rows a")) == 1 and
+         "in plant" in texts("#rows a")[0] and "dry" in texts("#rows a")[0])
+    browser.find_element("css selector", "#rows a").click()
+    wait("the device that the row leads to", lambda: "Feed pump" in browser.execute_script(
+        "return document.activeElement.innerText"))
+    browser.find_element("id", "findRoot").send_keys(Keys.CONTROL, "a", Keys.NULL, Keys.DELETE)
+    browser.execute_script("document.querySelector('details').open = false")
+    browser.execute_script("location.hash = new URLSearchParams({root: 'plant', device: 'hall'})")
+    wait("the device that a link leads to", lambda: "Hall" in browser.execute_script(
+        "return document.activeElement.innerText"))
+    browser.execute_script("location.hash = 'root=plant-2'")
+    wait("the reason", lambda: "too large for the broker" in texts("#about")[0])
+
+    browser.execute_script("location.hash = 'root=station-7'")
     put("station-7/sys/class/hwmon/hwmon0/name", HOSTILE)
     wait("the text of markup", lambda: HOSTILE in texts("summary b"))
     assert browser.execute_script("return window.isSamePage && document.images.length === 0")

@@ -11,7 +11,7 @@ pictures=()
 
 . scripts/functions.sh
 cd "$work"
-need chromium chromedriver
+need chromium chromedriver mosquitto_pub protoc
 /usr/bin/python3 -c 'import selenium' || exit 77
 
 start_broker
@@ -19,4 +19,5 @@ for name in station-7 station-8 station-9; do
   report_machine $name 0.5
 done
 put station-9/sys/class/net/eth1/carrier 1  # a machine that is well
-/usr/bin/python3 "$sources/tests/programs/page.py" "$broker" "$(free_port)" "${pictures[@]}"
+/usr/bin/python3 "$sources/tests/programs/page.py" "$sources" "$broker" "$(free_port)" \
+  "${pictures[@]}"
