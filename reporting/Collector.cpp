@@ -137,7 +137,8 @@ void Collector::Core::connected(Link& link, Time now) {
     states_.need(name, now, random_);
   }
   // The states first: they tell which of the trees that follow are the right ones.
-  std::vector<std::string> topics = {topics_.allReporters()};
+  link_->subscribe({topics_.allReporters()}, Kept::ALWAYS);
+  std::vector<std::string> topics;
   if (options_.firstPartition == 0 && options_.lastPartition + 1 == Topics::PARTITIONS) {
     topics.push_back(topics_.allEvents());
   } else {
@@ -146,7 +147,7 @@ void Collector::Core::connected(Link& link, Time now) {
       topics.push_back(topics_.eventsOf(partition));
     }
   }
-  link_->subscribe(topics);
+  link_->subscribe(topics, Kept::ONCE);
 }
 
 void Collector::Core::disconnected(Time now) {
@@ -509,7 +510,7 @@ void Collector::connected(Link& link, Time now) { core_->connected(link, now); }
 
 void Collector::disconnected(Time now) { core_->disconnected(now); }
 
-void Collector::settled(int /*number*/, const std::string& refusal, Time /*now*/) {
+void Collector::settled(std::uint64_t /*number*/, const std::string& refusal, Time /*now*/) {
   core_->settled(refusal);
 }
 

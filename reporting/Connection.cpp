@@ -37,6 +37,7 @@ constexpr seconds stable(10);  // a connection that lasts so long ends the growt
 constexpr seconds upkeep(1);   // the longest time between two looks at the keep-alive
 // A broker that answers nothing for so long, though it keeps the connection alive, will not answer.
 constexpr seconds longestWait(60);
+constexpr seconds farewell(1);  // for each step of an orderly end
 
 // The client library's own state, kept for the life of the process.
 void initialise() {
@@ -151,15 +152,16 @@ class Connection::Client final : public Link {
     }
   }
 
-  void subscribe(const std::vector<std::string>& topics) override {
+  void subscribe(const std::vector<std::string>& topics, Kept kept) override {
+    const int options = kept == Kept::ONCE ? MQTT_SUB_OPT_SEND_RETAIN_NEW : 0;
     for (const std::string& topic : topics) {
       int number = 0;
-      mosquitto_subscribe_v5(client_.get(), &number, topic.c_str(), 1, 0, nullptr);
+      mosquitto_subscribe_v5(client_.get(), &number, topic.c_str(), 1, options, nullptr);
       subscriptions_[number] = topic;
     }
   }
 
-  int publish(const Message& message) override {
+  std::uint64_t publish(const Message& message) override {
     Properties properties;
     if (!message.sequence.empty()) properties.add("sequence", message.sequence);
     if (!message.reporter.empty()) properties.add("reporter", message.reporter);
@@ -167,7 +169,7 @@ class Connection::Client final : public Link {
       properties.add(MQTT_PROP_MESSAGE_EXPIRY_INTERVAL,
                      static_cast<std::uint32_t>(message.expiry.count()));
     }
-    const int number = ++lastNumber_;
+    const std::uint64_t number = ++lastNumber_;
     int clientNumber = 0;
     const int result =
         mosquitto_publish_v5(client_.get(), &clientNumber, message.topic.c_str(),
@@ -209,12 +211,21 @@ class Connection::Client final : public Link {
 
  private:
   void end() {
+    const bool isSaid = endpoint_.ending(steady_clock::now());
+    const Time answersEnd = steady_clock::now() + farewell;
+    while (isConnected_ && isSaid && !onTheirWay_.empty() && steady_clock::now() < answersEnd) {
+      wait(answersEnd);
+      exchange();
+    }
+    if (!isConnected_) return;
     Properties properties;
     properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, 0);
-    mosquitto_disconnect_v5(client_.get(), MQTT_RC_DISCONNECT_WITH_WILL_MSG, properties.get());
-    const Time limit = steady_clock::now() + seconds(1);
-    while (mosquitto_want_write(client_.get()) && steady_clock::now() < limit) {
-      wait(limit);
+    const bool needsNoWill = isSaid && onTheirWay_.empty();
+    mosquitto_disconnect_v5(client_.get(), needsNoWill ? 0 : MQTT_RC_DISCONNECT_WITH_WILL_MSG,
+                            properties.get());
+    const Time writingEnd = steady_clock::now() + farewell;
+    while (mosquitto_want_write(client_.get()) && steady_clock::now() < writingEnd) {
+      wait(writingEnd);
       if (mosquitto_loop_write(client_.get(), 1) != MOSQ_ERR_SUCCESS) break;
     }
     endpoint_.disconnected(steady_clock::now());
@@ -464,13 +475,14 @@ class Connection::Client final : public Link {
 
   std::unique_ptr<mosquitto, Free> client_;
   std::deque<Said> said_;
-  std::deque<std::pair<int, std::string>> refused_;  // messages, at once, with the reason
+  std::deque<std::pair<std::uint64_t, std::string>> refused_;  // messages, at once, with the reason
   std::exception_ptr failure_;
-  std::string reason_;                                     // why the broker ends the connection
-  std::map<int, std::pair<int, std::string>> onTheirWay_;  // our number and the topic, by theirs
-  std::set<std::string> rightsMissed_;                     // kinds of topics, told of
+  std::string reason_;  // why the broker ends the connection
+  std::map<int, std::pair<std::uint64_t, std::string>>
+      onTheirWay_;                      // our number and the topic, by theirs
+  std::set<std::string> rightsMissed_;  // kinds of topics, told of
   std::map<int, std::string> subscriptions_;
-  int lastNumber_ = 0;
+  std::uint64_t lastNumber_ = 0;
   bool isConnected_ = false;
   Time connectedAt_;
   Time lastAnswer_;  // or since when one is waited for

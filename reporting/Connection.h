@@ -31,9 +31,11 @@ class ORV_REPORTING_EXPORT Connection {
   /// and for a password without a user.
   Connection(const Broker& broker, Endpoint& endpoint, std::function<void(const std::string&)> log);
 
-  /// Ends the connection in order: the broker publishes the will and drops the session. Waits up to
-  /// a second for what has not been written yet. Then tells the endpoint that it is disconnected,
-  /// so that another connection can serve it; what that throws is dropped.
+  /// Ends the connection in order: hears the endpoint's last words, then disconnects; the broker
+  /// drops the session, and publishes the will if there were no last words. Waits up to a second
+  /// until the broker has taken everything, and up to another one for the end to be written. Then
+  /// tells the endpoint that it is disconnected, so that another connection can serve it. What
+  /// endpoint and `log` throw is dropped.
   ~Connection();
 
   Connection(const Connection&) = delete;

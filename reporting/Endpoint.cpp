@@ -6,4 +6,6 @@ Link::~Link() = default;
 
 Endpoint::~Endpoint() = default;
 
+bool Endpoint::ending(Time /*now*/) { return false; }
+
 }  // namespace orv::reporting

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,16 +26,22 @@ struct Message {
   std::chrono::seconds expiry{0};
 };
 
+/// Which of the messages that the broker has kept a subscription brings.
+enum class Kept : std::int32_t {
+  ALWAYS = 0,
+  ONCE = 1  ///< not where the broker's session goes on, which has them or has brought them
+};
+
 /// A live connection, as an endpoint sees it.
 class ORV_REPORTING_EXPORT Link {
  public:
   virtual ~Link();
 
   /// Asks for the messages of these topics and for those that the broker has kept of them.
-  virtual void subscribe(const std::vector<std::string>& topics) = 0;
+  virtual void subscribe(const std::vector<std::string>& topics, Kept kept) = 0;
 
   /// Returns the number by which the endpoint hears what became of the message.
-  virtual int publish(const Message& message) = 0;
+  virtual std::uint64_t publish(const Message& message) = 0;
 };
 
 /// One side of the protocol: decides what is sent, and when, from what it is told. It does no input
@@ -52,11 +59,17 @@ class ORV_REPORTING_EXPORT Endpoint {
   /// The broker took the connection. `link` is good until `disconnected`.
   virtual void connected(Link& link, Time now) = 0;
 
+  /// The connection is about to end in order, and the endpoint is served no more on it. Publishes
+  /// what the endpoint has to say last and returns whether that takes the place of the will. The
+  /// broker then publishes no will, if it takes everything that is on its way within a second. Says
+  /// nothing and returns false unless it is overridden.
+  virtual bool ending(Time now);
+
   /// The connection is gone. What was published and not settled may have arrived.
   virtual void disconnected(Time now) = 0;
 
   /// The broker took the message of this number. Or it certainly did not: then `refusal` says why.
-  virtual void settled(int number, const std::string& refusal, Time now) = 0;
+  virtual void settled(std::uint64_t number, const std::string& refusal, Time now) = 0;
 
   virtual void received(const Message& message, Time now) = 0;
 

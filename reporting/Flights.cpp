@@ -49,12 +49,12 @@ bool Flights::mayGo(const std::string& root) const {
   return !isAlone && roots_.size() < window_;
 }
 
-void Flights::goes(int number, const std::string& root) {
+void Flights::goes(std::uint64_t number, const std::string& root) {
   roots_.emplace(number, root);
   numbers_.emplace(root, number);
 }
 
-std::string Flights::land(int number) {
+std::string Flights::land(std::uint64_t number) {
   const auto entry = roots_.find(number);
   std::string root = entry->second;
   roots_.erase(entry);
@@ -63,7 +63,7 @@ std::string Flights::land(int number) {
   return root;
 }
 
-std::optional<std::string> Flights::taken(int number, Time now) {
+std::optional<std::string> Flights::taken(std::uint64_t number, Time now) {
   if (roots_.count(number) == 0) return std::nullopt;
   std::string root = land(number);
   trust(root);
@@ -78,7 +78,7 @@ std::optional<std::string> Flights::taken(int number, Time now) {
   return root;
 }
 
-std::optional<std::string> Flights::refused(int number, Time now) {
+std::optional<std::string> Flights::refused(std::uint64_t number, Time now) {
   if (roots_.count(number) == 0) return std::nullopt;
   std::string root = land(number);
   refuse(root, now);

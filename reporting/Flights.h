@@ -57,13 +57,13 @@ class Flights {
 
   // Whether the root whose turn it is may go out now. If not, nobody behind it may.
   bool mayGo(const std::string& root) const;
-  void goes(int number, const std::string& root);
+  void goes(std::uint64_t number, const std::string& root);
   bool isOnItsWay(const std::string& root) const { return numbers_.count(root) > 0; }
 
   // The answers of the broker. The root whose event has that number; nothing for a number that is
   // none of an event on its way.
-  std::optional<std::string> taken(int number, Time now);
-  std::optional<std::string> refused(int number, Time now);
+  std::optional<std::string> taken(std::uint64_t number, Time now);
+  std::optional<std::string> refused(std::uint64_t number, Time now);
 
   // Nobody waits to go out. With nothing on its way either, what an earlier connection left is
   // settled, and the window is wide again.
@@ -88,11 +88,11 @@ class Flights {
     unsigned int ends = 0;  // of connections, in a row, that came on its event alone
   };
 
-  std::string land(int number);
+  std::string land(std::uint64_t number);
   void refuse(const std::string& root, Time now);
 
-  std::map<int, std::string> roots_;  // on their way, in their order
-  std::unordered_map<std::string, int> numbers_;
+  std::map<std::uint64_t, std::string> roots_;  // on their way, in their order
+  std::unordered_map<std::string, std::uint64_t> numbers_;
   std::size_t window_ = MOST;
   bool isWindowSmall_ = false;     // the last connection ended with events on their way
   bool isConnectionGood_ = false;  // an event went through

@@ -55,7 +55,7 @@ class Reporter::Core {
   Message connecting();
   void connected(Link& link, Time now);
   void disconnected(Time now);
-  void settled(int number, const std::string& refusal, Time now);
+  void settled(std::uint64_t number, const std::string& refusal, Time now);
   void received(const Message& message, Time now);
   Time serve(Time now);
 
@@ -101,7 +101,7 @@ class Reporter::Core {
   std::map<std::string, Root> roots_;
   Agenda agenda_;  // roots to look at, but for the doubted ones, which Flights knows
   Flights flights_;
-  std::optional<int> stateOnItsWay_;
+  std::optional<std::uint64_t> stateOnItsWay_;
   bool isOwnStateAwaited_ = false;  // none has arrived on this connection
   Time opensAt_;                    // for events
   Time lastState_;
@@ -161,7 +161,7 @@ void Reporter::Core::connected(Link& link, Time now) {
   isOwnStateAwaited_ = true;
   opensAt_ = connection_ > 1 ? now + lookBack : now;
   flights_.connected(now);
-  link_->subscribe({topics_.request(name_), topics_.reporter(name_)});
+  link_->subscribe({topics_.request(name_), topics_.reporter(name_)}, Kept::ALWAYS);
 }
 
 void Reporter::Core::disconnected(Time now) {
@@ -183,7 +183,7 @@ void Reporter::Core::disconnected(Time now) {
   stateOnItsWay_.reset();
 }
 
-void Reporter::Core::settled(int number, const std::string& refusal, Time now) {
+void Reporter::Core::settled(std::uint64_t number, const std::string& refusal, Time now) {
   if (number == stateOnItsWay_) {
     stateOnItsWay_.reset();
     endsOnState_ = 0;
@@ -428,7 +428,7 @@ void Reporter::connected(Link& link, Time now) { core_->connected(link, now); }
 
 void Reporter::disconnected(Time now) { core_->disconnected(now); }
 
-void Reporter::settled(int number, const std::string& refusal, Time now) {
+void Reporter::settled(std::uint64_t number, const std::string& refusal, Time now) {
   core_->settled(number, refusal, now);
 }
 

@@ -135,7 +135,7 @@ void Fleet::disconnected(Time now) {
   collector_.disconnected(now);
 }
 
-void Fleet::settled(int number, const std::string& refusal, Time now) {
+void Fleet::settled(std::uint64_t number, const std::string& refusal, Time now) {
   const auto guard = lock();
   collector_.settled(number, refusal, now);
 }

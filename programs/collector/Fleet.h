@@ -78,7 +78,7 @@ class Fleet final : public orv::reporting::Endpoint {
   std::optional<orv::reporting::Message> connecting() override;
   void connected(orv::reporting::Link& link, orv::reporting::Time now) override;
   void disconnected(orv::reporting::Time now) override;
-  void settled(int number, const std::string& refusal, orv::reporting::Time now) override;
+  void settled(std::uint64_t number, const std::string& refusal, orv::reporting::Time now) override;
   void received(const orv::reporting::Message& message, orv::reporting::Time now) override;
   orv::reporting::Time serve(orv::reporting::Time now) override;
 

@@ -31,7 +31,7 @@ class Forgetter final : public Endpoint {
     link_ = &link;
     lastNews_ = now;
     hasBegun_ = false;
-    link.subscribe({topics_.reporter(name_), topics_.allEvents()});
+    link.subscribe({topics_.reporter(name_), topics_.allEvents()}, Kept::ALWAYS);
   }
 
   void disconnected(Time /*now*/) override {
@@ -39,7 +39,7 @@ class Forgetter final : public Endpoint {
     onTheirWay_.clear();
   }
 
-  void settled(int number, const std::string& refusal, Time /*now*/) override {
+  void settled(std::uint64_t number, const std::string& refusal, Time /*now*/) override {
     const auto entry = onTheirWay_.find(number);
     if (entry == onTheirWay_.end()) return;
     if (!refusal.empty()) {
@@ -102,7 +102,7 @@ class Forgetter final : public Endpoint {
   orv::proto::monitoring::ReporterState state_;
   std::set<std::string> trees_;  // topics of its trees
   std::set<std::string> kept_;   // of trees that name no reporter
-  std::map<int, std::string> onTheirWay_;
+  std::map<std::uint64_t, std::string> onTheirWay_;
 };
 
 }  // namespace

@@ -143,7 +143,7 @@ TEST_F(CollectorTest, GathersAndLimitsRequestsThatGrowRare) {
   talk.hear(state("a", 1, roots)).after(2s);
   const std::uint64_t& requests = collector.counters().requests;
   const std::uint64_t before = requests;
-  const int sent = talk.sent();
+  const std::uint64_t sent = talk.sent();
   talk.after(10s);
   EXPECT_EQ(requests - before, 500U);
   EXPECT_EQ(talk.sent() - sent, 10) << "one message a second";

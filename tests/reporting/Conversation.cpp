@@ -62,6 +62,7 @@ std::string join(const std::vector<std::string>& lines) {
 
 Conversation& Conversation::connect() {
   will = endpoint_->connecting();
+  topics.clear();
   endpoint_->connected(*this, now_);
   if (kept) endpoint_->received(*kept, now_);
   return after({});
@@ -79,7 +80,7 @@ Conversation& Conversation::after(std::chrono::milliseconds duration) {
     now_ = std::min(end, std::max(due, now_ + std::chrono::milliseconds(1)));
   }
   while (!hidden_.empty()) {
-    const int number = hidden_.front();
+    const std::uint64_t number = hidden_.front();
     hidden_.pop_front();
     endpoint_->settled(number, "", now_);
     endpoint_->serve(now_);
@@ -98,7 +99,7 @@ Conversation& Conversation::expect(const std::string& text) {
   return *this;
 }
 
-int Conversation::publish(const Message& message) {
+std::uint64_t Conversation::publish(const Message& message) {
   last = message;
   if (Topics("orv/1").reporterOf(message.topic)) kept = message;
   if (hidesStates_ && Topics("orv/1").reporterOf(message.topic)) {

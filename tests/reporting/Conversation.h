@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <optional>
 #include <string>
@@ -59,7 +60,7 @@ class Conversation : private Link {
     return *this;
   }
 
-  int sent() const { return number_; }  // so many messages
+  std::uint64_t sent() const { return number_; }  // so many messages
 
   std::optional<Message> will;      // of the latest connection
   std::vector<std::string> topics;  // subscribed to
@@ -67,16 +68,18 @@ class Conversation : private Link {
   std::optional<Message> kept;      // the last state, which it hears when it connects anew
 
  private:
-  void subscribe(const std::vector<std::string>& filters) override { topics = filters; }
-  int publish(const Message& message) override;
+  void subscribe(const std::vector<std::string>& filters, Kept /*kept*/) override {
+    topics.insert(topics.end(), filters.begin(), filters.end());
+  }
+  std::uint64_t publish(const Message& message) override;
   Conversation& answer(const std::string& which, const std::string& refusal);
 
   Endpoint* endpoint_;
   Time now_{std::chrono::seconds(1000)};
-  int number_ = 0;
+  std::uint64_t number_ = 0;
   bool hidesStates_ = false;
-  std::deque<int> hidden_;                        // states to be taken
-  std::deque<std::pair<int, std::string>> open_;  // the messages without an answer
+  std::deque<std::uint64_t> hidden_;                        // states to be taken
+  std::deque<std::pair<std::uint64_t, std::string>> open_;  // the messages without an answer
   std::vector<std::string> said_;
 };
 

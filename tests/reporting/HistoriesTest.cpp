@@ -24,7 +24,7 @@ std::string textOf(const Tree& tree) { return tree ? tree->debugString() : "none
 // told until then.
 class Process final : public Endpoint {
  public:
-  Process(std::string itsName, std::uint64_t itsSeed, int itsNumber)
+  Process(std::string itsName, std::uint64_t itsSeed, std::uint64_t itsNumber)
       : name(std::move(itsName)), seed(itsSeed), number(itsNumber), reporter(name, {}, options()) {}
 
   std::unique_ptr<Process> setBack(std::size_t steps, Time now) const {
@@ -62,7 +62,7 @@ class Process final : public Endpoint {
     log.emplace_back([now](Process& p, Link&) { p.disconnected(now); });
     reporter.disconnected(now);
   }
-  void settled(int which, const std::string& refusal, Time now) override {
+  void settled(std::uint64_t which, const std::string& refusal, Time now) override {
     log.emplace_back([=](Process& p, Link&) { p.settled(which, refusal, now); });
     reporter.settled(which, refusal, now);
   }
@@ -88,7 +88,7 @@ class Process final : public Endpoint {
 
   std::string name;
   std::uint64_t seed;
-  int number;  // of the last message before its first
+  std::uint64_t number;  // of the last message before its first
   Reporter reporter;
 };
 

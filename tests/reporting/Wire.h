@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <optional>
@@ -21,20 +22,23 @@ using namespace orv::reporting;
 
 // What a process has with the broker: a connection, now and then, and a session.
 struct Side : Link {
-  void subscribe(const std::vector<std::string>& filters) override {
-    topics = filters;
-    for (const auto& [topic, message] : *retained) arrive(message);
+  void subscribe(const std::vector<std::string>& filters, Kept kept) override {
+    for (const std::string& filter : filters) {
+      if (!topics.insert(filter).second && kept == Kept::ONCE) continue;
+      for (const auto& [topic, message] : *retained) arrive(filter, message);
+    }
   }
-  int publish(const Message& message) override {
+  std::uint64_t publish(const Message& message) override {
     up.emplace_back(++number, message);
     return number;
   }
   void arrive(const Message& message) {
+    for (const std::string& filter : topics) arrive(filter, message);
+  }
+  void arrive(const std::string& filter, const Message& message) {
     if (isBlind && message.topic.find("/event/") != std::string::npos) return;
-    for (const std::string& filter : topics) {
-      const std::size_t wild = std::min(filter.find('+'), filter.size());
-      if (message.topic.compare(0, wild, filter, 0, wild) == 0) down.push_back(message);
-    }
+    const std::size_t wild = std::min(filter.find('+'), filter.size());
+    if (message.topic.compare(0, wild, filter, 0, wild) == 0) down.push_back(message);
   }
 
   Endpoint* endpoint = nullptr;
@@ -42,10 +46,10 @@ struct Side : Link {
   bool isConnected = false;
   bool isBlind = false;  // may not read events
   std::optional<Message> will;
-  std::vector<std::string> topics;
-  std::deque<std::pair<int, Message>> up;
+  std::set<std::string> topics;  // of its session
+  std::deque<std::pair<std::uint64_t, Message>> up;
   std::deque<Message> down;
-  int number = 0;
+  std::uint64_t number = 0;
 };
 
 struct Wire {
