@@ -21,6 +21,7 @@ struct BrokerOptions {
 // Declares them; what the command line has of them arrives in `options` when it is parsed.
 void addBrokerOptions(CLI::App& app, BrokerOptions& options);
 
-// The broker with its password, for a program that is about to connect. Throws
-// std::invalid_argument or std::runtime_error.
+// The broker with its password, for a program that is about to connect. A file that no option names
+// is the service manager's credential `password`, `ca`, `certificate` or `key`, if there is one.
+// Throws std::invalid_argument or std::runtime_error.
 orv::reporting::Broker brokerOf(const BrokerOptions& options);

@@ -77,6 +77,10 @@ int main(int argc, char** argv) {
     std::cout << usage;
     return 0;
   }
+  if (arguments == std::vector<std::string>{"--version"}) {
+    std::cout << "snapshot_diff " ORV_VERSION "\n";
+    return 0;
+  }
   try {
     const bool explain = !arguments.empty() && arguments.front() == "--explain";
     if (explain) arguments.erase(arguments.begin());

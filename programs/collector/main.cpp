@@ -1,5 +1,4 @@
 // Follows the trees of a fleet over a broker and prints what changes in them.
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdint>
 #include <iostream>
@@ -9,6 +8,8 @@
 #include <string>
 
 #include "BrokerOptions.h"
+#include "CommandLine.h"
+#include "Service.h"
 #include "Signals.h"
 #include "Summary.h"
 #include "collector/Fleet.h"
@@ -34,20 +35,14 @@ struct Options {
   bool isForced = false;
 };
 
-void write(std::ostream& stream, const std::string& text) {
-  if (!(stream << text << std::flush)) throw std::runtime_error("cannot write the output");
-}
-
-// Nothing when all that is wanted is the help, which is printed then.
+// Nothing when the command line is done with: it asks for the help or the version.
 std::optional<Options> parse(int argc, char** argv) {
   Options options;
-  CLI::App app(
+  CommandLine app(
       "Follows the trees of every reporter and prints a line for each change, headed by the\n"
       "identifier of the root, and a line when a root comes, goes out of date, loses its reporter\n"
       "or is gone.\n",
-      "collector");
-  app.get_formatter()->column_width(26);
-  app.set_help_flag("--help", "print this text");
+      argv[0]);
   addBrokerOptions(app, options.broker);
   app.get_option("--broker")->required();
   const auto follow = [&options](const std::string& text) {
@@ -77,7 +72,7 @@ std::optional<Options> parse(int argc, char** argv) {
   CLI::App* const forget = app.add_subcommand(
       "forget",
       "clear the state and the trees of a reporter that will not come back from the\n"
-      "broker, and end: collector forget NAME --broker URL");
+      "broker, and end: forget NAME --broker URL");
   forget->fallthrough();
   forget->set_help_flag();
   forget->add_option("NAME", options.forgotten, "the name of the reporter")->required();
@@ -85,14 +80,8 @@ std::optional<Options> parse(int argc, char** argv) {
   app.footer(
       "Lines about the connection and about messages that are refused go to the standard error,\n"
       "and so does the address of the page. Ctrl-C ends the program with status 0, a bad option\n"
-      "with status 2.");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp&) {
-    write(std::cout, app.help());
-    return std::nullopt;
-  }
-  return options;
+      "with status 2, any other fault with status 1.");
+  return app.read(argc, argv) ? std::optional(options) : std::nullopt;
 }
 
 // The text with its control characters escaped: whoever may publish chooses it.
@@ -112,51 +101,52 @@ std::string printable(const std::string& text) {
   return result;
 }
 
-void print(const std::string& root, const std::string& line) {
-  write(std::cout, printable(root) + ' ' + printable(line) + '\n');
+void show(const std::string& root, const std::string& line) {
+  print(printable(root) + ' ' + printable(line) + '\n');
 }
 
 void logLine(const std::string& line) { std::cerr << printable(line) << std::endl; }
 
 void collect(const Options& options) {
   const Signals signals;
+  Service service;
+  if (!service.waitAfterFailures(signals)) return;
   unsigned long events = 0;
   bool isOver = false;  // that everything is out of date then is no news
   orv::reporting::CollectorCallbacks callbacks;
   callbacks.applied = [&events](const std::string& root, const orv::reporting::Step& step) {
     ++events;
-    for (const auto& line : summaryOf(step.event, step.before, step.after)) print(root, line);
+    for (const auto& line : summaryOf(step.event, step.before, step.after)) show(root, line);
   };
   callbacks.changed = [&isOver](const std::string& root, Condition condition) {
-    if (!isOver) print(root + ":", textOf(condition));
+    if (!isOver) show(root + ":", textOf(condition));
   };
   callbacks.problem = logLine;
   Fleet fleet(callbacks, options.collector);
   orv::reporting::Connection connection(brokerOf(options.broker), fleet, logLine);
   std::shared_ptr<void> http;
   if (options.httpPort) http = serveHttp(options.httpAddress, *options.httpPort, fleet, logLine);
+  service.ready();
   while (!isOver) {
     connection.serve(std::chrono::milliseconds(200));
+    service.alive();
     isOver = signals.arrive(std::chrono::nanoseconds(0)) ||
              (options.count > 0 && events >= options.count);
   }
+  service.stopping();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
+  return runProgram(argv[0], [&] {
     const auto options = parse(argc, argv);
-    if (!options) return 0;
+    if (!options) return;
     if (options->forgotten.empty()) {
       collect(*options);
     } else {
       forgetReporter(brokerOf(options->broker), options->collector.prefix, options->forgotten,
                      options->isForced, logLine);
     }
-    return 0;
-  } catch (const std::exception& fault) {
-    std::cerr << argv[0] << ": " << fault.what() << "\n";
-    return 2;
-  }
+  });
 }

@@ -1,7 +1,6 @@
 // Watches the machine it runs on and prints, reading by reading, the event that leads from what it
 // printed last to what it finds now. With a broker it reports the machine there, and prints the
 // events that the broker has taken.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -12,7 +11,9 @@
 #include <string>
 
 #include "BrokerOptions.h"
+#include "CommandLine.h"
 #include "HostReader.h"
+#include "Service.h"
 #include "Signals.h"
 #include "Summary.h"
 #include "device_tree/Utils.h"
@@ -36,19 +37,13 @@ struct Options {
   BrokerOptions broker;
 };
 
-void print(const std::string& text) {
-  if (!(std::cout << text << std::flush)) throw std::runtime_error("cannot write the output");
-}
-
-// Nothing when all that is wanted is the help, which is printed then.
+// Nothing when the command line is done with: it asks for the help or the version.
 std::optional<Options> parse(int argc, char** argv) {
   Options options;
-  CLI::App app(
+  CommandLine app(
       "Reads this machine from /proc and /sys into a device tree, again and again, and prints\n"
       "what changed since the last report. The first report adds the machine itself.\n",
-      "host_monitor");
-  app.get_formatter()->column_width(26);
-  app.set_help_flag("--help", "print this text");
+      argv[0]);
   const auto setInterval = [&options](double seconds) {
     options.interval = seconds;
     if (seconds >= 0.01 && seconds <= 86400) return;  // so no NaN
@@ -78,16 +73,9 @@ std::optional<Options> parse(int argc, char** argv) {
   app.footer(
       "A reading that finds no change counts, but prints nothing. With --broker the program\n"
       "publishes what changed, and prints it when the broker has taken it; lines about the\n"
-      "connection go to the standard error. Ctrl-C ends the program with status 0, a bad option "
-      "or\n"
-      "an unreadable DIR with status 2.");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp&) {
-    print(app.help());
-    return std::nullopt;
-  }
-  return options;
+      "connection go to the standard error. Ctrl-C ends the program with status 0, a bad option\n"
+      "with status 2, any other fault, such as an unreadable DIR, with status 1.");
+  return app.read(argc, argv) ? std::optional(options) : std::nullopt;
 }
 
 // The machine, reading by reading.
@@ -155,6 +143,8 @@ void log(const std::string& line) { std::cerr << line << "\n"; }
 void publish(const Options& options) {
   constexpr std::chrono::seconds farewell(10);  // how long the last report waits for the broker
   const Signals signals;
+  Service service;
+  if (!service.waitAfterFailures(signals)) return;
   Monitor monitor(options, options.name);
   orv::reporting::ReporterCallbacks callbacks;
   callbacks.published = [&monitor](const std::string& /*root*/, const orv::reporting::Step& step) {
@@ -163,6 +153,7 @@ void publish(const Options& options) {
   callbacks.problem = log;
   orv::reporting::Reporter reporter(monitor.live()->getDeviceId(), callbacks);
   orv::reporting::Connection connection(brokerOf(options.broker), reporter, log);
+  service.ready();
   for (;;) {
     monitor.read();
     reporter.report(monitor.live());
@@ -171,8 +162,11 @@ void publish(const Options& options) {
       const auto slice =
           std::min<Clock::duration>(end - Clock::now(), std::chrono::milliseconds(200));
       connection.serve(std::chrono::ceil<std::chrono::milliseconds>(slice));
-      if (signals.arrive(Clock::duration(0))) return;
-      if (monitor.isLast() && reporter.isSettled()) return;
+      service.alive();
+      if (signals.arrive(Clock::duration(0)) || (monitor.isLast() && reporter.isSettled())) {
+        service.stopping();
+        return;
+      }
     } while (Clock::now() < end);
     if (monitor.isLast()) throw std::runtime_error("the broker has not taken the last report");
   }
@@ -181,17 +175,15 @@ void publish(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
+  return runProgram(argv[0], [&] {
     const auto options = parse(argc, argv);
-    if (!options) return 0;
-    if (options->broker.url.empty()) {
-      watch(*options);
-    } else {
+    if (!options) return;
+    if (!options->broker.url.empty()) {
       publish(*options);
+    } else if (Service().isPresent()) {
+      throw std::invalid_argument("no broker is named, which a service needs");
+    } else {
+      watch(*options);
     }
-    return 0;
-  } catch (const std::exception& fault) {
-    std::cerr << argv[0] << ": " << fault.what() << "\n";
-    return 2;
-  }
+  });
 }
