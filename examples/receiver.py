@@ -104,6 +104,10 @@ class Follower:
                 and self.highest <= self.n
                 and (self.reported is None or self.reported[1] == self.epoch))
 
+    def can_catch_up(self):
+        return (self.tree is not None and not self.lost and self.reported is not None
+                and self.reported[1] == self.epoch)
+
     def is_behind(self):
         return self.reported is not None and self.reported[2] > self.n
 
@@ -125,21 +129,23 @@ def partition(root):
 
 
 class Due:
-    """When to ask for a root again: at first after a second, then after pauses that double."""
+    """When to ask for a root: at first after a second, then after pauses that double."""
 
     def __init__(self):
         self.in_step = self.due = time.monotonic()
         self.pause = 1
+        self.asked = 0  # so many times
 
     def has_come(self, follower, now):
         if not follower.is_behind():
             self.in_step = now
         if (follower.reported is None or follower.reported[2] == 0 or follower.held_back
                 or follower.is_current() and now - self.in_step < 5):
-            self.due, self.pause = now + 1, 1
+            self.due, self.pause, self.asked = now + 1, 1, 0
             return False
         if now < self.due:
             return False
+        self.asked += 1
         self.pause = min(2 * self.pause, 60)
         self.due = now + self.pause
         return True
@@ -210,11 +216,17 @@ def follow(options):
         requests = {}
         for root, follower in followers.items():
             if dues[root].has_come(follower, now):
-                print(root, "asking for the tree", flush=True)
-                requests.setdefault(follower.reported[0], []).append(root)
-        for name, roots in requests.items():
-            request = reporting_pb2.TreeRequest(roots=roots).SerializeToString()
-            client.publish("orv/1/request/" + name, request, 1, properties=expires)
+                name = follower.reported[0]
+                request = requests.setdefault(name, reporting_pb2.TreeRequest())
+                if reporters[name].resends and follower.can_catch_up() and dues[root].asked < 3:
+                    print(root, "asking for what follows", follower.n, flush=True)
+                    request.have.add(root=root, epoch=follower.epoch, n=follower.n)
+                else:
+                    print(root, "asking for the tree", flush=True)
+                    request.roots.append(root)
+        for name, request in requests.items():
+            client.publish("orv/1/request/" + name, request.SerializeToString(), 1,
+                           properties=expires)
 
 
 def main():

@@ -31,6 +31,7 @@ class Collector::Core {
  public:
   Core(CollectorCallbacks callbacks, const CollectorOptions& options);
 
+  void resume(const std::string& id, Tree tree, const Sequence& sequence);
   std::vector<std::string> roots() const;
   std::optional<View> view(const std::string& id) const;
   const Counters& counters() const noexcept { return counters_; }
@@ -49,9 +50,10 @@ class Collector::Core {
     std::string reporter;              // the one that counts; empty for none
     std::vector<std::string> listers;  // every reporter that lists it
     std::string rival;                 // another reporter of the root, told of
-    std::string claimer;       // the reporter of its last event, as that says; empty: unknown
-    bool isClaimKept = false;  // the broker had kept that event
-    bool isTooLarge = false;   // an event that arrived
+    std::string claimer;        // the reporter of its last event, as that says; empty: unknown
+    bool isClaimKept = false;   // the broker had kept that event
+    bool isTooLarge = false;    // an event that arrived
+    std::size_t treeBytes = 0;  // of the last whole tree that was applied
     Condition condition = Condition::FORGOTTEN;
     Time since;  // nobody lists it, or it is forgotten
   };
@@ -68,11 +70,13 @@ class Collector::Core {
   void update(const std::string& id, Time now);
   const Peer* peerOf(const Root& root) const;
   bool canAsk(const std::string& id, const Root& root) const;
+  bool canCatchUp(const Root& root) const;
   Condition conditionOf(const std::string& id, const Root& root) const;
   std::string reasonOf(const std::string& id, const Root& root) const;
   std::string heldBack(const std::string& id, const Root& root) const;
   void check(Time now);
   void ask(Time now);
+  void needState(const std::string& name, Time now);
   void send(const std::string& name, const monitoring::TreeRequest& request);
   bool follows(const std::string& id) const;
   void refuse(const std::string& problem);
@@ -103,13 +107,23 @@ Collector::Core::Core(CollectorCallbacks callbacks, const CollectorOptions& opti
       options_(options),
       topics_(options.prefix),
       random_(options.seed ? *options.seed : drawSeed()),
-      trees_(options.firstPause, options.longestPause, options.mostRequests),
-      states_(options.firstPause, options.longestPause, options.mostRequests) {
+      trees_(options.firstPause, options.longestPause,
+             {options.mostAwaited, options.mostAwaitedBytes}),
+      states_(options.firstPause, options.longestPause,
+              {options.mostAwaited, options.mostAwaitedBytes}) {
   if (options.firstPartition > options.lastPartition ||
       options.lastPartition >= Topics::PARTITIONS) {
     throw std::invalid_argument("There are the partitions 0 to " +
                                 std::to_string(Topics::PARTITIONS - 1));
   }
+}
+
+void Collector::Core::resume(const std::string& id, Tree tree, const Sequence& sequence) {
+  if (!tree || tree->getDeviceId() != id || sequence.n == 0 || !follows(id)) {
+    throw std::invalid_argument("The root " + id + " cannot go on with what was kept of it");
+  }
+  takeUp(id, {}).follower.resume(std::move(tree), sequence);
+  update(id, {});
 }
 
 std::vector<std::string> Collector::Core::roots() const {
@@ -134,7 +148,11 @@ void Collector::Core::connected(Link& link, Time now) {
   link_ = &link;
   for (auto& [name, peer] : peers_) {
     peer.listen(now);
-    states_.need(name, now, random_);
+    needState(name, now);
+  }
+  // While there was no connection nobody could list them.
+  for (auto& [id, root] : roots_) {
+    if (root.reporter.empty()) root.since = now;
   }
   // The states first: they tell which of the trees that follow are the right ones.
   link_->subscribe({topics_.allReporters()}, Kept::ALWAYS);
@@ -178,7 +196,7 @@ Time Collector::Core::serve(Time now) {
   if (link_ == nullptr) return Time::max();
   if (nextCheck_ <= now) check(now);
   ask(now);
-  return std::max(now, std::min({nextCheck_, behind_.due(), trees_.due(now), states_.due(now)}));
+  return std::max(now, std::min({nextCheck_, behind_.due(), trees_.due(), states_.due()}));
 }
 
 void Collector::Core::receiveEvent(const std::string& id, const Message& message, Time now) {
@@ -206,6 +224,9 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
         "An event of " + id + " has " + std::to_string(message.payload.size()) + " bytes";
     ++counters_.strangers;
     if (!std::exchange(root.isTooLarge, true)) complain(problem);
+  } else if (const auto known = roots_.find(id);
+             known != roots_.end() && known->second.follower.isOld(*sequence)) {
+    ++counters_.outcomes.at(static_cast<std::size_t>(Follower::Outcome::OLD));
   } else if (!event.ParseFromString(message.payload)) {
     refuse("An event of " + id + " cannot be read");
   } else {
@@ -222,7 +243,10 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
       root.claimer = Topics::decode(message.reporter).value_or("");
       root.isClaimKept = message.isRetained;
       if (root.reporter.empty() && !root.claimer.empty()) claims_[root.claimer].insert(id);
-      if (isWholeTree(event)) root.isTooLarge = false;
+      if (isWholeTree(event)) {
+        root.isTooLarge = false;
+        root.treeBytes = message.payload.size();
+      }
       if (callbacks_.applied) {
         callbacks_.applied(id, {*sequence, std::move(event), before, root.follower.tree()});
       }
@@ -253,7 +277,7 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
   if (peer.isConfirmed()) {
     states_.drop(name);
   } else {
-    states_.need(name, now, random_);
+    needState(name, now);
   }
   for (const auto& [id, listed] : peer.roots()) list(id, name, now);
   for (const auto& [id, listed] : unlisted) unlist(id, name, now);
@@ -325,6 +349,7 @@ void Collector::Core::choose(const std::string& id, Root& root, const std::strin
       return;
     }
     root.reporter = name;
+    trees_.drop(id);  // it was another one that was asked in vain
   }
   root.follower.reported(peer.roots().at(id).latest, isOfNow);
 }
@@ -372,10 +397,22 @@ void Collector::Core::update(const std::string& id, Time now) {
     behind_.drop(id);
   }
   if (canBeAsked && isMissing) {
-    trees_.need(id, now, random_);
+    // A whole tree costs everybody, and one that the broker has kept may still be on its way.
+    const auto patience = canCatchUp(root) ? options_.gapPause : options_.firstPause;
+    trees_.need(id, now, patience, root.treeBytes, random_);
   } else {
     trees_.drop(id);
   }
+}
+
+void Collector::Core::needState(const std::string& name, Time now) {
+  states_.need(name, now, options_.gapPause, 0, random_);
+}
+
+// Whether the events help that the reporter sends again when it is told how far this tree has come.
+bool Collector::Core::canCatchUp(const Root& root) const {
+  const auto peer = peers_.find(root.reporter);
+  return peer != peers_.end() && peer->second.resends() && root.follower.canCatchUp();
 }
 
 // Until a state has listed the root, its reporter is the one that its last event names.
@@ -465,8 +502,18 @@ void Collector::Core::ask(Time now) {
   }
   std::map<std::string, monitoring::TreeRequest> requests;
   while (const auto id = trees_.next(now, random_)) {
+    const Root& root = roots_.at(*id);
     ++counters_.requests;
-    requests[roots_.at(*id).reporter].add_roots(*id);
+    // Where that was in vain more than once, something else is wrong than an answer that was lost.
+    if (canCatchUp(root) && trees_.timesAsked(*id) <= 2) {
+      monitoring::RootState& have = *requests[root.reporter].add_have();
+      have.set_root(*id);
+      have.set_epoch(root.follower.sequence().epoch);
+      have.set_n(root.follower.sequence().n);
+    } else {
+      ++counters_.treeRequests;
+      requests[root.reporter].add_roots(*id);
+    }
     update(*id, now);
   }
   while (const auto name = states_.next(now, random_)) requests[*name];
@@ -495,6 +542,10 @@ Collector::Collector(CollectorCallbacks callbacks, const CollectorOptions& optio
     : core_(std::make_unique<Core>(std::move(callbacks), options)) {}
 
 Collector::~Collector() = default;
+
+void Collector::resume(const std::string& root, Tree tree, const Sequence& sequence) {
+  core_->resume(root, std::move(tree), sequence);
+}
 
 std::vector<std::string> Collector::roots() const { return core_->roots(); }
 

@@ -39,13 +39,17 @@ struct CollectorOptions {
   std::chrono::milliseconds silence = std::chrono::seconds(100);
   /// How long a reporter may be ahead of a tree before the events count as lost.
   std::chrono::milliseconds patience = std::chrono::seconds(5);
-  /// The first request for a tree comes within this time, spread at random. The pauses after it
-  /// double, up to `longestPause`: where answers do not help, as they are too large or may not be
-  /// read, others get them all the same.
+  /// Events that were missed are asked for within this time, spread at random.
+  std::chrono::milliseconds gapPause = std::chrono::milliseconds(100);
+  /// A whole tree is asked for within this time, spread at random. The pauses after the first
+  /// request, for events too, double from this one up to `longestPause`: where answers do not help,
+  /// as they are too large or may not be read, others get them all the same.
   std::chrono::milliseconds firstPause = std::chrono::seconds(1);
   std::chrono::milliseconds longestPause = std::chrono::hours(1);
-  /// So many trees are asked for each second, however many are missing.
-  unsigned int mostRequests = 50;
+  /// So many roots are asked for at once, and trees of so many bytes as far as is known. What
+  /// arrives makes room for the next. The answers have to fit into the broker's queue for a client.
+  std::size_t mostAwaited = 500;
+  std::size_t mostAwaitedBytes = 16'000'000;
   /// What all random numbers follow from, for tests; otherwise the system's randomness.
   std::optional<std::uint64_t> seed;
 };
@@ -77,7 +81,8 @@ class ORV_REPORTING_EXPORT Collector final : public Endpoint {
   /// Totals since the start.
   struct Counters {
     std::array<std::uint64_t, 4> outcomes{};  ///< events by Follower::Outcome
-    std::uint64_t requests = 0;               ///< trees that were asked for
+    std::uint64_t requests = 0;               ///< roots that were asked for
+    std::uint64_t treeRequests = 0;           ///< those of them that were asked for whole
     std::uint64_t strangers = 0;              ///< messages that are none of the protocol's
   };
 
@@ -97,6 +102,13 @@ class ORV_REPORTING_EXPORT Collector final : public Endpoint {
   explicit Collector(CollectorCallbacks callbacks, const CollectorOptions& options = {});
 
   ~Collector() override;
+
+  /// Begins with a tree that somebody has kept of an earlier collector, as it was after that event.
+  /// Call it before the first connection. The tree is out of date until its reporter says where it
+  /// is; what comes after the event is asked for. The tree is the collector's from then on. Throws
+  /// std::invalid_argument for no tree, one that has another identifier, a sequence with an n of 0,
+  /// and a root of another partition. O(log of the number of roots).
+  void resume(const std::string& root, Tree tree, const Sequence& sequence);
 
   /// The identifiers of the roots that are not forgotten, in ascending byte order. O(their number).
   std::vector<std::string> roots() const;

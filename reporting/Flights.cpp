@@ -44,28 +44,40 @@ Flights::Rest Flights::disconnected(Time now) {
 // A doubted root waits until nothing is on its way, and so do those behind it. That is what makes
 // it go alone, also while the others never come to rest.
 bool Flights::mayGo(const std::string& root) const {
-  if (isDoubted(root)) return roots_.empty();
+  if (isDoubted(root)) return bytes_.empty();
   const bool isAlone = roots_.size() == 1 && isDoubted(roots_.begin()->second);
-  return !isAlone && roots_.size() < window_;
+  return !isAlone && roots_.size() < window_ && allBytes_ < MOST_BYTES;
 }
 
-void Flights::goes(std::uint64_t number, const std::string& root) {
+void Flights::goes(std::uint64_t number, const std::string& root, std::size_t bytes) {
   roots_.emplace(number, root);
   numbers_.emplace(root, number);
+  goesAgain(number, bytes);
 }
 
-std::string Flights::land(std::uint64_t number) {
+void Flights::goesAgain(std::uint64_t number, std::size_t bytes) {
+  bytes_.emplace(number, bytes);
+  allBytes_ += bytes;
+}
+
+// Whether it was an event of a root for the first time.
+bool Flights::land(std::uint64_t number, std::string& root) {
+  const auto bytes = bytes_.find(number);
+  if (bytes == bytes_.end()) return false;
+  allBytes_ -= bytes->second;
+  bytes_.erase(bytes);
   const auto entry = roots_.find(number);
-  std::string root = entry->second;
+  if (entry == roots_.end()) return false;
+  root = entry->second;
   roots_.erase(entry);
   numbers_.erase(root);
   if (root == tried_) tried_.reset();
-  return root;
+  return true;
 }
 
 std::optional<std::string> Flights::taken(std::uint64_t number, Time now) {
-  if (roots_.count(number) == 0) return std::nullopt;
-  std::string root = land(number);
+  std::string root;
+  if (!land(number, root)) return std::nullopt;
   trust(root);
   window_ = std::min(window_ + 1, MOST);
   if (!isConnectionGood_) {
@@ -79,8 +91,8 @@ std::optional<std::string> Flights::taken(std::uint64_t number, Time now) {
 }
 
 std::optional<std::string> Flights::refused(std::uint64_t number, Time now) {
-  if (roots_.count(number) == 0) return std::nullopt;
-  std::string root = land(number);
+  std::string root;
+  if (!land(number, root)) return std::nullopt;
   refuse(root, now);
   return root;
 }
@@ -97,6 +109,8 @@ void Flights::rest() {
 void Flights::forget(Time now) {
   roots_.clear();
   numbers_.clear();
+  bytes_.clear();
+  allBytes_ = 0;
   if (tried_) retries_.at(*tried_, now);  // it has lost its turn
   tried_.reset();
 }

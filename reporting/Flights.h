@@ -5,7 +5,9 @@
 // as well. So the end of a connection says little. One event that was on its way may be the reason;
 // far more often none is, because networks break and brokers restart. What follows from that:
 //
-// - As many as the window is wide are on their way at once. That is MOST on a good connection.
+// - As many as the window is wide are on their way at once. That is MOST on a good connection. They
+//   have MOST_BYTES together at most, or are one: what is on its way takes memory here and with the
+//   broker.
 // - When a connection ends with events on their way, the next one begins with a window of one. Each
 //   event that is taken widens it by one: one goes out, then two, then four. What was on its way
 //   goes out first, in its order. So an event that ends connections soon stands alone, and those
@@ -23,8 +25,10 @@
 //   is good.
 // - An event that is taken ends all doubt of its root.
 //
-// States of the reporter are not counted. They are small, at most one is on its way, and a retry
-// that waited for them would wait for ever beside roots that come and go.
+// What goes out once more (see Resends) counts for its bytes only: the broker has taken it before,
+// so it is no reason to refuse anything, and whoever still lacks it asks again. States of the
+// reporter are not counted. They are small, at most one is on its way, and a retry that waited for
+// them would wait for ever beside roots that come and go.
 //
 // One thread at a time. It does no input or output and reads no clock.
 #pragma once
@@ -45,6 +49,7 @@ namespace orv::reporting {
 class Flights {
  public:
   static constexpr std::size_t MOST = 1000;
+  static constexpr std::size_t MOST_BYTES = 4'000'000;
 
   // What the end of a connection left.
   struct Rest {
@@ -57,7 +62,8 @@ class Flights {
 
   // Whether the root whose turn it is may go out now. If not, nobody behind it may.
   bool mayGo(const std::string& root) const;
-  void goes(std::uint64_t number, const std::string& root);
+  void goes(std::uint64_t number, const std::string& root, std::size_t bytes);
+  void goesAgain(std::uint64_t number, std::size_t bytes);
   bool isOnItsWay(const std::string& root) const { return numbers_.count(root) > 0; }
 
   // The answers of the broker. The root whose event has that number; nothing for a number that is
@@ -88,10 +94,13 @@ class Flights {
     unsigned int ends = 0;  // of connections, in a row, that came on its event alone
   };
 
-  std::string land(std::uint64_t number);
+  bool land(std::uint64_t number, std::string& root);
   void refuse(const std::string& root, Time now);
 
   std::map<std::uint64_t, std::string> roots_;  // on their way, in their order
+  std::map<std::uint64_t, std::size_t>
+      bytes_;  // of each message, also of those that go out once more
+  std::size_t allBytes_ = 0;
   std::unordered_map<std::string, std::uint64_t> numbers_;
   std::size_t window_ = MOST;
   bool isWindowSmall_ = false;     // the last connection ended with events on their way

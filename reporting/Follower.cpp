@@ -11,13 +11,17 @@ using device_tree::utils::EventHelper;
 
 Follower::Follower(std::string root) : root_(std::move(root)) {}
 
+// What arrives once more must not be applied once more. And what is still on its way of an epoch
+// that was left would bring back a tree that is gone.
+bool Follower::isOld(const Sequence& sequence) const noexcept {
+  return isOfEpoch(sequence) ? sequence.n <= sequence_.n : isLeft(sequence.epoch);
+}
+
 Follower::Outcome Follower::take(const Sequence& sequence, const Event& event,
                                  std::string& errorMessage) {
   errorMessage.clear();
   const bool isSameEpoch = isOfEpoch(sequence);
-  // What arrives once more must not be applied once more. And what is still on its way of an epoch
-  // that was left would bring back a tree that is gone.
-  if (isSameEpoch ? sequence.n <= sequence_.n : isLeft(sequence.epoch)) return Outcome::OLD;
+  if (isOld(sequence)) return Outcome::OLD;
   // A change belongs to the tree that it was computed from. On any other one it would make a tree
   // that no reporter ever had. A whole tree and a removal stand by themselves; but a removal of
   // another epoch may be older than the tree.
@@ -63,6 +67,21 @@ void Follower::reported(const Sequence& latest, bool isOfNow) noexcept {
   if (isOfEpoch(latest)) highest_ = std::max(sequence_.n, std::min(highest_, latest.n));
 }
 
+void Follower::miss() noexcept {
+  if (reported_) highest_ = std::max(highest_, reported_->n);
+}
+
+void Follower::resume(Tree tree, const Sequence& sequence) {
+  leaveEpoch();
+  tree_ = std::move(tree);
+  sequence_ = sequence;
+  highest_ = sequence.n;
+}
+
+bool Follower::canCatchUp() const noexcept {
+  return tree_ && !isLost_ && sequence_.n > 0 && (!reported_ || isOfEpoch(*reported_));
+}
+
 void Follower::forget() {
   leaveEpoch();
   tree_.reset();
@@ -82,7 +101,7 @@ bool Follower::isOfEpoch(const Sequence& other) const noexcept {
 
 // A tree that arrived late can have made this follower leave the epoch that is current. So the word
 // of the reporter counts more than what was left.
-bool Follower::isLeft(std::uint64_t epoch) const {
+bool Follower::isLeft(std::uint64_t epoch) const noexcept {
   if (reported_ && reported_->epoch == epoch) return false;
   return std::find(left_.begin(), left_.end(), epoch) != left_.end();
 }

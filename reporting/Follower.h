@@ -15,7 +15,8 @@ namespace orv::reporting {
 /// Keeps the tree of one root from the events that arrive, in whatever order and number.
 ///
 /// The tree is always one that its sender had. Where something is missing, the last good tree
-/// stays, and `isCurrent` says that it is out of date until a whole tree arrives.
+/// stays, and `isCurrent` says that it is out of date until that arrives after all, or a whole
+/// tree.
 ///
 /// Which of two epochs is the current one cannot be told from events. Those of an epoch that was
 /// left for another one are old. But an old whole tree that arrives late looks like a new one. So
@@ -38,6 +39,10 @@ class ORV_REPORTING_EXPORT Follower {
 
   explicit Follower(std::string root);
 
+  /// Whether an event of this sequence is dropped as old, whatever it holds. Costs next to nothing,
+  /// so that what others asked for need not be read.
+  bool isOld(const Sequence& sequence) const noexcept;
+
   /// Takes an event that arrived. What is not applied changes nothing in the tree. `errorMessage`
   /// is emptied first. On REFUSED it is the text of `ApplyEvent`, or says that the tree is that of
   /// another root. Costs what `ApplyEvent` costs. Throws std::bad_alloc.
@@ -53,8 +58,15 @@ class ORV_REPORTING_EXPORT Follower {
   /// out of date then.
   void reported(const Sequence& latest, bool isOfNow) noexcept;
 
-  /// The tree is out of date until a whole tree arrives.
-  void miss() noexcept { isLost_ = true; }
+  /// What the reporter spoke of last is missing, and not on its way.
+  void miss() noexcept;
+
+  /// Begins with a tree that somebody has kept, as it was after that event.
+  void resume(Tree tree, const Sequence& sequence);
+
+  /// Whether the events that come after `sequence` make the tree current. Otherwise only a whole
+  /// tree does.
+  bool canCatchUp() const noexcept;
 
   /// The root is gone: lets the tree go. What still arrives of its epoch is old.
   void forget();
@@ -77,7 +89,7 @@ class ORV_REPORTING_EXPORT Follower {
 
  private:
   ORV_REPORTING_NO_EXPORT bool isOfEpoch(const Sequence& other) const noexcept;
-  ORV_REPORTING_NO_EXPORT bool isLeft(std::uint64_t epoch) const;
+  ORV_REPORTING_NO_EXPORT bool isLeft(std::uint64_t epoch) const noexcept;
   ORV_REPORTING_NO_EXPORT void leaveEpoch();
 
   std::string root_;

@@ -42,6 +42,7 @@ Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, boo
   isKnown_ = true;
   start_ = state.start();
   connection_ = state.connection();
+  resends_ = state.resends();
   isOnline_ = isOnline;
   isConfirmed_ = !isOnline || !isRetained;
   heard_ = now;

@@ -54,6 +54,8 @@ class Peer {
   bool isOnline() const { return isOnline_; }
   bool isConfirmed() const { return isConfirmed_; }
   bool isThere() const { return isOnline_ && isConfirmed_; }
+  // Whether it sends the events again that a collector lacks.
+  bool resends() const { return resends_; }
 
   // The collector's own connection begins: the silence counts from here.
   void listen(Time now) { heard_ = now; }
@@ -68,6 +70,7 @@ class Peer {
   bool isKnown_ = false;
   bool isOnline_ = false;
   bool isConfirmed_ = false;
+  bool resends_ = false;
   Time heard_;
   Roots roots_;
   std::deque<std::uint64_t> earlier_;  // starts of processes that had the name before

@@ -10,6 +10,7 @@
 #include "proto/monitoring/reporting.pb.h"
 #include "reporting/Agenda.h"
 #include "reporting/Flights.h"
+#include "reporting/Resends.h"
 #include "reporting/Seed.h"
 #include "reporting/Sender.h"
 #include "reporting/Topics.h"
@@ -67,6 +68,8 @@ class Reporter::Core {
     Tree live;               // empty: the root is to be removed
     bool isChanged = false;  // since its last event was made, or that was refused
     std::string problem;     // why its latest tree is held back, as it was told; empty if it is not
+    std::optional<Sequence> resendAfter;  // what follows this is to go out once more
+    std::size_t kept = 0;                 // counted in `kept_`
   };
 
   Root& takeUp(const std::string& id);
@@ -77,10 +80,14 @@ class Reporter::Core {
   void hold(Root& root, const std::string& reason, const std::string& complaint);
   void release(Root& root);
   void clear(const std::string& id);
+  void erase(const std::string& id);
+  void countKept(Root& root);
   void beginAnew(Time now);
   void renewTrees(Time now);
   void refuseState(const std::string& reason);
   void publishNext(const std::string& id, Time now);
+  void publishAgain(const std::string& id, Root& root);
+  Message eventOf(const std::string& id, const Sequence& sequence) const;
   Message state(bool isOnline) const;
   void receiveRequest(const Message& message);
   void receiveState(const Message& message, Time now);
@@ -101,6 +108,8 @@ class Reporter::Core {
   std::map<std::string, Root> roots_;
   Agenda agenda_;  // roots to look at, but for the doubted ones, which Flights knows
   Flights flights_;
+  Resends resends_;
+  std::size_t kept_ = 0;  // bytes of the events that Senders keep
   std::optional<std::uint64_t> stateOnItsWay_;
   bool isOwnStateAwaited_ = false;  // none has arrived on this connection
   Time opensAt_;                    // for events
@@ -115,7 +124,8 @@ Reporter::Core::Root& Reporter::Core::takeUp(const std::string& id) {
   const auto known = roots_.find(id);
   if (known != roots_.end()) return known->second;
   saySoon();
-  return roots_.emplace(id, Sender(random_(), options_.treePause)).first->second;
+  return roots_.emplace(id, Sender(random_(), options_.treePause, options_.leastKept))
+      .first->second;
 }
 
 void Reporter::Core::queue(const std::string& id) {
@@ -201,14 +211,14 @@ void Reporter::Core::taken(const std::string& id) {
   release(root);
   if (root.sender.onItsWay() != nullptr) {
     const Step step = root.sender.taken();
+    countKept(root);
     if (callbacks_.published) callbacks_.published(id, step);
   } else if (!root.live) {  // the broker has forgotten the tree
-    agenda_.drop(id);
-    roots_.erase(id);
+    erase(id);
     return saySoon();
   }
   // What has changed since that event was made goes out as one.
-  if (root.isChanged || !root.live) queue(id);
+  if (root.isChanged || !root.live || root.resendAfter) queue(id);
   awaitTreeDue(id, root);
 }
 
@@ -222,8 +232,25 @@ void Reporter::Core::refuse(const std::string& id, const std::string& reason) {
   // What an earlier process left, and this one may not clear, is left alone.
   if (!root.live && root.sender.last().n == 0) {
     flights_.trust(id);
-    roots_.erase(id);
+    erase(id);
   }
+}
+
+void Reporter::Core::erase(const std::string& id) {
+  Root& root = roots_.at(id);
+  root.sender.letGo();
+  countKept(root);
+  agenda_.drop(id);
+  resends_.drop(id);
+  roots_.erase(id);
+}
+
+// Of the root whose event is one too many for all of them, as any other choice would need a look at
+// all roots.
+void Reporter::Core::countKept(Root& root) {
+  if (kept_ - root.kept + root.sender.keptBytes() > options_.mostKept) root.sender.letGo();
+  kept_ = kept_ - root.kept + root.sender.keptBytes();
+  root.kept = root.sender.keptBytes();
 }
 
 // The state says what is held back: else collectors would take the old tree for the current one.
@@ -271,6 +298,11 @@ Time Reporter::Core::serve(Time now) {
   if (now < opensAt_) return std::min(opensAt_, next);
   agenda_.advance(now);
   if (const auto id = flights_.retry(now)) agenda_.queue(*id);
+  while (const auto again = resends_.next(now)) {
+    Root& root = roots_.at(again->first);
+    root.resendAfter = Sequence{root.sender.last().epoch, again->second};
+    queue(again->first);
+  }
   const std::string* first = agenda_.first();
   for (; first != nullptr && flights_.mayGo(*first); first = agenda_.first()) {
     const std::string id = *first;
@@ -279,24 +311,22 @@ Time Reporter::Core::serve(Time now) {
   }
   if (first == nullptr) flights_.rest();
   const Time turn = first == nullptr ? agenda_.due() : Time::max();
-  return std::max(now, std::min({next, flights_.retryDue(), turn}));
+  return std::max(now, std::min({next, flights_.retryDue(), turn, resends_.due()}));
 }
 
 void Reporter::Core::publishNext(const std::string& id, Time now) {
   Root& root = roots_.at(id);
   if (flights_.isOnItsWay(id)) return;
-  Message message;
-  message.topic = topics_.event(id);
-  message.reporter = Topics::encode(name_);
+  if (root.resendAfter) publishAgain(id, root);
   const Publication* publication = root.sender.onItsWay();
   std::string refusal;
   if (publication == nullptr) {
     publication = root.sender.next(root.live, now, refusal);
     root.isChanged = !refusal.empty();
   }
+  Message message = eventOf(id, publication != nullptr ? publication->sequence : Sequence());
   if (publication != nullptr) {
     message.isRetained = isWholeTree(publication->event);
-    message.sequence = publication->sequence.text();
     if (!publication->event.SerializeToString(&message.payload)) {
       refusal = "The event has more than 2 GiB";
       root.sender.refused();
@@ -308,12 +338,33 @@ void Reporter::Core::publishNext(const std::string& id, Time now) {
     hold(root, refusal, "Cannot report " + id + ": " + refusal);
     flights_.trust(id);
   } else if (publication != nullptr || !root.live) {
-    flights_.goes(link_->publish(message), id);
+    flights_.goes(link_->publish(message), id, message.payload.size());
   } else {
     release(root);
     flights_.trust(id);
     awaitTreeDue(id, root);
   }
+}
+
+// Only what the broker took goes out once more, in its order and before what comes next. An event
+// that is on its way could still be refused, and its number be that of another one.
+void Reporter::Core::publishAgain(const std::string& id, Root& root) {
+  const auto lacked = root.sender.lackedAfter(*std::exchange(root.resendAfter, std::nullopt));
+  if (!lacked) return root.sender.requestTree();
+  const std::vector<std::string>& kept = root.sender.kept();
+  for (std::size_t left = *lacked; left > 0; --left) {
+    Message message = eventOf(id, {root.sender.last().epoch, root.sender.last().n - left + 1});
+    message.payload = kept[kept.size() - left];
+    flights_.goesAgain(link_->publish(message), message.payload.size());
+  }
+}
+
+Message Reporter::Core::eventOf(const std::string& id, const Sequence& sequence) const {
+  Message message;
+  message.topic = topics_.event(id);
+  message.reporter = Topics::encode(name_);
+  if (sequence.n > 0) message.sequence = sequence.text();
+  return message;
 }
 
 Message Reporter::Core::state(bool isOnline) const {
@@ -322,6 +373,7 @@ Message Reporter::Core::state(bool isOnline) const {
   state.set_connection(connection_);
   state.set_version(version_);
   state.set_online(isOnline);
+  state.set_resends(true);
   for (const auto& [id, root] : roots_) {
     const Sequence& last = root.sender.last();
     if (!root.live && last.n == 0 && root.sender.onItsWay() == nullptr) continue;
@@ -345,16 +397,19 @@ void Reporter::Core::receiveRequest(const Message& message) {
   if (!request.ParseFromString(message.payload)) {
     return complain("A request to " + name_ + " cannot be read");
   }
-  for (const std::string& id : request.roots()) {
-    const auto root = roots_.find(id);
-    if (root == roots_.end()) {
-      clear(id);  // somebody has found a tree there that says it is this reporter's
-      continue;
+  const auto ask = [this](const std::string& id, const std::optional<Sequence>& have) {
+    const auto entry = roots_.find(id);
+    if (entry == roots_.end()) {
+      return clear(id);  // somebody has found a tree there that says it is this reporter's
     }
-    root->second.sender.requestTree();
-    awaitTreeDue(id, root->second);
-  }
-  if (request.roots().empty()) saySoon();
+    Root& root = entry->second;
+    if (have && root.sender.lackedAfter(*have)) return resends_.ask(id, have->n);
+    root.sender.requestTree();
+    awaitTreeDue(id, root);
+  };
+  for (const std::string& id : request.roots()) ask(id, std::nullopt);
+  for (const auto& have : request.have()) ask(have.root(), Sequence{have.epoch(), have.n()});
+  if (request.roots().empty() && request.have().empty()) saySoon();
 }
 
 void Reporter::Core::receiveState(const Message& message, Time now) {
@@ -365,11 +420,12 @@ void Reporter::Core::receiveState(const Message& message, Time now) {
   }
   opensAt_ = now;
   const bool isOwn = state.start() == start_;
-  if (isOwn && state.version() > version_) return beginAnew(now);
+  const bool wasSetBack = isOwn && state.version() > version_;
+  if (wasSetBack) beginAnew(now);
   // The topic was subscribed to before the first state went out. So if that arrives as news, the
   // broker had none: it has lost the trees as well, and who asks for them may come too late.
   const bool isFirst = std::exchange(isOwnStateAwaited_, false);
-  if (isFirst && isOwn && state.online() && !message.isRetained && connection_ > 1) {
+  if (isFirst && isOwn && !wasSetBack && state.online() && !message.isRetained && connection_ > 1) {
     renewTrees(now);
   }
   if (!state.online()) {  // the will of a connection that ended earlier
@@ -395,6 +451,8 @@ void Reporter::Core::beginAnew(Time now) {
   stateDue_ = Time::min();
   for (auto& [id, root] : roots_) {
     root.sender.restart(random_());
+    countKept(root);
+    resends_.drop(id);
     root.isChanged = true;
     agenda_.drop(id);
     queue(id);

@@ -1,19 +1,22 @@
 // When a collector asks for what it lacks: trees of roots, and states of reporters.
 //
-// - Each is asked for at first within `firstPause`, spread at random, because whatever made one
-//   collector lack it made others lack it as well. Then again with pauses that double, because an
-//   answer may be lost, and may take long when much is asked for.
-// - So many go out each second, however many are missing: the answers are whole trees, and a broker
-//   sends each to every collector.
+// - Each is asked for at first within a time that the caller says, spread at random, because
+//   whatever made one collector lack it made others lack it as well. Then again with pauses that
+//   double from `firstPause`, because an answer may be lost.
+// - What is asked for and has not come is limited, in number and in bytes. What comes makes room
+//   for the next. So a fast broker is asked for thousands a second, and one that is slow, or full
+//   of what others ask for, is asked for as much as it brings. What has not come after ten seconds
+//   makes room as well: it may never come.
 //
-// One thread at a time.
+// One thread at a time. Every operation is O(log of what is needed).
 #pragma once
 
 #include <chrono>
-#include <map>
+#include <cstddef>
 #include <optional>
 #include <random>
 #include <string>
+#include <unordered_map>
 
 #include "reporting/Agenda.h"
 #include "reporting/Backoff.h"
@@ -23,12 +26,20 @@ namespace orv::reporting {
 
 class Requests {
  public:
-  Requests(std::chrono::milliseconds firstPause, std::chrono::milliseconds longestPause,
-           unsigned int mostEachSecond)
-      : pauses_(firstPause, longestPause), mostEachSecond_(mostEachSecond) {}
+  struct Limits {
+    std::size_t number;
+    std::size_t bytes;
+  };
 
-  // It is needed, from `earliest` on. Changes nothing while it is needed already.
-  void need(const std::string& id, Time earliest, std::mt19937_64& random);
+  Requests(std::chrono::milliseconds firstPause, std::chrono::milliseconds longestPause,
+           Limits most)
+      : pauses_(firstPause, longestPause), most_(most) {}
+
+  // It is needed, and is asked for within `patience`. Its answer has about so many bytes. While it
+  // is needed already that changes one thing: if it was not asked for yet, a shorter patience
+  // counts.
+  void need(const std::string& id, Time now, std::chrono::milliseconds patience, std::size_t bytes,
+            std::mt19937_64& random);
   // It has come, or nobody can be asked.
   void drop(const std::string& id);
 
@@ -38,15 +49,25 @@ class Requests {
   // Whom to ask for now; counts as asked for. Empty when nothing is due.
   std::optional<std::string> next(Time now, std::mt19937_64& random);
   // When to call `next` again.
-  Time due(Time now) const;
+  Time due() const { return isFull() ? awaited_.due() : agenda_.due(); }
 
  private:
+  struct Needed {
+    Backoff pauses;
+    std::chrono::milliseconds patience;
+    std::size_t bytes;
+  };
+
+  bool isFull() const { return count_ >= most_.number || bytes_ >= most_.bytes; }
+  void makeRoom(const std::string& id);
+
   Backoff pauses_;
-  unsigned int mostEachSecond_;
-  unsigned int left_ = 0;  // to be asked for until `newSecond_`
-  Time newSecond_;
+  Limits most_;
   Agenda agenda_;
-  std::map<std::string, Backoff> needed_;
+  std::unordered_map<std::string, Needed> needed_;
+  Agenda awaited_;  // what was asked for, until it counts no longer
+  std::size_t count_ = 0;
+  std::size_t bytes_ = 0;
 };
 
 }  // namespace orv::reporting

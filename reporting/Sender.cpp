@@ -1,5 +1,6 @@
 #include "reporting/Sender.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "device_tree/Utils.h"
@@ -22,8 +23,8 @@ bool hasMoreLevelsThan(unsigned int most, const DeviceNode& root) {
 
 }  // namespace
 
-Sender::Sender(std::uint64_t epoch, std::chrono::milliseconds treePause)
-    : last_{epoch, 0}, treePause_(treePause) {}
+Sender::Sender(std::uint64_t epoch, std::chrono::milliseconds treePause, std::size_t leastBytes)
+    : last_{epoch, 0}, treePause_(treePause), leastBytes_(leastBytes) {}
 
 const Publication* Sender::next(const Tree& live, Time now, std::string& errorMessage) {
   errorMessage.clear();
@@ -37,6 +38,11 @@ const Publication* Sender::next(const Tree& live, Time now, std::string& errorMe
   const bool fromNothing = live && due && *due <= now;
   if (!EventHelper::ComputeEvent(fromNothing ? nullptr : snapshot_, live, publication.event)) {
     return nullptr;
+  }
+  const bool isOutgrown = sinceTree_ > std::max(treeBytes_, leastBytes_);
+  if (isOutgrown && live && !isWholeTree(publication.event)) {
+    publication.event.Clear();
+    EventHelper::ComputeEvent(nullptr, live, publication.event);
   }
   // The next snapshot is built from the message and not copied from the live tree, so that it is
   // what receivers have, and what they cannot build is noticed here.
@@ -54,6 +60,7 @@ std::optional<Time> Sender::treeDue() const noexcept {
 
 Step Sender::taken() {
   last_ = publication_->sequence;
+  keep(publication_->event);
   Step step{last_, std::move(publication_->event), snapshot_, {}};
   std::string refusal;
   if (isWholeTree(step.event)) {
@@ -64,6 +71,7 @@ Step Sender::taken() {
     step.after = snapshot_;
   } else {
     // Only where identifiers repeat. Receivers refuse it as well: the next event is a whole tree.
+    letGo();
     step.after = std::exchange(snapshot_, nullptr);
   }
   mayHaveArrived_ = false;
@@ -77,6 +85,7 @@ void Sender::restart(std::uint64_t epoch) noexcept {
   publication_.reset();
   published_.reset();
   mayHaveArrived_ = owesTree_ = false;
+  letGo();
 }
 
 void Sender::refused() noexcept {
@@ -85,10 +94,35 @@ void Sender::refused() noexcept {
   if (mayHaveArrived_) {
     last_ = publication_->sequence;
     snapshot_.reset();
+    letGo();
   }
   mayHaveArrived_ = false;
   publication_.reset();
   published_.reset();
+}
+
+void Sender::keep(const Event& event) {
+  if (event.event_type() != Event::STATUS_CHANGE) {
+    letGo();
+    treeBytes_ = event.ByteSizeLong();
+    sinceTree_ = 0;
+    return;
+  }
+  kept_.push_back(event.SerializeAsString());
+  sinceTree_ += kept_.back().size();
+  keptBytes_ += kept_.back().size() + sizeof(std::string);
+}
+
+std::optional<std::size_t> Sender::lackedAfter(const Sequence& have) const noexcept {
+  if (have.epoch != last_.epoch || have.n > last_.n || last_.n - have.n > kept_.size()) {
+    return std::nullopt;
+  }
+  return last_.n - have.n;
+}
+
+void Sender::letGo() noexcept {
+  kept_ = {};
+  keptBytes_ = 0;
 }
 
 }  // namespace orv::reporting

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "reporting/Endpoint.h"
 #include "reporting/Export.h"
@@ -18,6 +20,11 @@ namespace orv::reporting {
 /// waits; then it goes out as one event. A sender keeps the tree that the broker took last. It does
 /// no input or output and reads no clock: the caller publishes, and says what became of it.
 ///
+/// It also keeps the events that the broker took since the last whole tree, as bytes, for receivers
+/// that missed some. Once they have more bytes than that tree, and than `leastBytes`, the next
+/// event that is due anyway is a whole tree. So at most as many bytes again are sent, and whoever
+/// starts from the whole tree that the broker has kept can be sent all that came after it.
+///
 /// One thread at a time uses a sender and the live tree that it is given. n is the number of
 /// devices.
 class ORV_REPORTING_EXPORT Sender {
@@ -26,7 +33,7 @@ class ORV_REPORTING_EXPORT Sender {
   static constexpr unsigned int MOST_LEVELS = 98;
 
   /// `treePause` is the shortest time between two whole trees that were asked for.
-  Sender(std::uint64_t epoch, std::chrono::milliseconds treePause);
+  Sender(std::uint64_t epoch, std::chrono::milliseconds treePause, std::size_t leastBytes = 4'000);
 
   /// The next event on the way from what the broker took last to the live tree, empty for none. It
   /// is on its way from then on. Nullptr when there is nothing to say, when an event is on its way
@@ -65,7 +72,20 @@ class ORV_REPORTING_EXPORT Sender {
   /// The last event that the broker took; n is 0 before the first.
   const Sequence& last() const noexcept { return last_; }
 
+  /// The events that are kept, serialized, in their order. The last of them has the sequence
+  /// `last()`.
+  const std::vector<std::string>& kept() const noexcept { return kept_; }
+  /// How many of them a receiver lacks that has come as far as `have`; nothing when that does not
+  /// help it: some are not kept, or it is of another epoch.
+  std::optional<std::size_t> lackedAfter(const Sequence& have) const noexcept;
+  /// How much memory they take, in bytes.
+  std::size_t keptBytes() const noexcept { return keptBytes_; }
+  /// Keeps them no longer.
+  void letGo() noexcept;
+
  private:
+  ORV_REPORTING_NO_EXPORT void keep(const Event& event);
+
   Sequence last_;
   std::chrono::milliseconds treePause_;
   Tree snapshot_;  // what the broker took last
@@ -74,6 +94,11 @@ class ORV_REPORTING_EXPORT Sender {
   Tree published_;  // of a publication with the whole tree: the next snapshot
   std::optional<Time> lastTree_;
   bool owesTree_ = false;
+  std::size_t leastBytes_;
+  std::size_t treeBytes_ = 0;  // of the last whole tree that the broker took
+  std::size_t sinceTree_ = 0;  // bytes of the events after it
+  std::vector<std::string> kept_;
+  std::size_t keptBytes_ = 0;
 };
 
 }  // namespace orv::reporting

@@ -34,6 +34,9 @@ std::string textOf(const Message& message) {
   orv::proto::monitoring::TreeRequest request;
   request.ParseFromString(message.payload);
   for (const std::string& root : request.roots()) text += " " + root;
+  for (const auto& have : request.have()) {
+    text += " " + have.root() + " after " + std::to_string(have.n());
+  }
   return text;
 }
 

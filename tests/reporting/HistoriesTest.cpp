@@ -6,6 +6,7 @@
 #include <random>
 #include <set>
 
+#include "proto/monitoring/reporting.pb.h"
 #include "reporting/Collector.h"
 #include "reporting/Reporter.h"
 #include "tests/reporting/Wire.h"
@@ -16,6 +17,24 @@ using namespace std::chrono_literals;
 using namespace wire;
 using orv::device_tree::DeviceNode;
 using orv::device_tree::NamedStatus;
+
+// As a side of an earlier version sends and reads it: what it does not know is not there.
+void forgetNews(Message& message) {
+  const Topics topics("orv/1");
+  message.reporter.clear();
+  if (topics.reporterOf(message.topic)) {
+    orv::proto::monitoring::ReporterState state;
+    state.ParseFromString(message.payload);
+    state.clear_resends();
+    for (auto& root : *state.mutable_roots()) root.clear_held_back();
+    message.payload = state.SerializeAsString();
+  } else if (!topics.rootOf(message.topic)) {
+    orv::proto::monitoring::TreeRequest request;
+    request.ParseFromString(message.payload);
+    request.clear_have();
+    message.payload = request.SerializeAsString();
+  }
+}
 
 std::string bytesOf(const Tree& tree) { return tree->toProtoBuf().SerializeAsString(); }
 std::string textOf(const Tree& tree) { return tree ? tree->debugString() : "none\n"; }
@@ -83,6 +102,7 @@ class Process final : public Endpoint {
   ReporterOptions options() const {
     ReporterOptions result;
     result.seed = seed;
+    if (seed % 2 == 0) result.leastKept = 50;
     return result;
   }
 
@@ -101,6 +121,9 @@ class Process final : public Endpoint {
 class History : Wire {
  public:
   History(unsigned int seed, bool isTold) : random(seed), tellsStory(isTold) {
+    for (Side& side : sides) {
+      if (pick(8) == 0) side.alter = forgetNews;
+    }
     for (Side& side : sides) start(side);
     for (const char* id : {"r0", "r1", "r2"}) live[id] = nullptr;
   }
@@ -126,6 +149,15 @@ class History : Wire {
     if (requests >= 60) fail("There were many requests");
     calmDown(120s);
     if (collector->counters().requests != requests) fail("Requests go on");
+    tell("A newcomer");
+    start(sides.back());
+    calmDown(140s);
+    compare();
+    for (const auto& [topic, message] : retained) {
+      const auto root = Topics("orv/1").rootOf(topic);
+      if (root && !live.at(*root) && !hasRefused && !hasOldSide())
+        fail("The broker still has " + *root);
+    }
     return fault;
   }
 
@@ -268,7 +300,12 @@ class History : Wire {
     reporterOf(id).report(tree);
   }
 
+  bool hasOldSide() const {
+    return std::any_of(sides.begin(), sides.end(), [](const Side& side) { return side.alter; });
+  }
+
   void checkCurrent() {
+    if (!refused.empty() && hasOldSide()) return;  // which does not say what the broker refuses
     for (const auto& [id, tree] : live) {
       const auto view = collector->view(id);
       if (!view || view->condition != Condition::CURRENT) continue;
@@ -286,7 +323,8 @@ class History : Wire {
       const auto view = collector->view(id);
       const Tree arrived = view ? view->tree : nullptr;
       if (!arrived || bytesOf(arrived) != bytesOf(tree)) fail(id, "is not the same", arrived);
-      if (view && view->condition != Condition::CURRENT) fail(id, "is not current", arrived);
+      if (!view || view->condition == Condition::CURRENT) continue;
+      fail(id, "is not current, at " + view->sequence.text() + ": " + view->reason, arrived);
     }
     if (collector->roots() != ids) fail("The collector has another root");
   }
@@ -315,6 +353,8 @@ class History : Wire {
   std::array<std::unique_ptr<Process>, 2> processes;
   std::map<std::string, std::size_t> owners = {{"r0", 0}, {"r1", 0}, {"r2", 1}};
   std::map<std::string, Message> saved;  // by the broker
+  bool hasRefused =
+      false;  // then a tree may stay that nobody has, as its reporter may not clear it
   std::unique_ptr<Collector> collector;
 };
 
@@ -330,7 +370,7 @@ const std::vector<History::Step> History::steps = {
      [](History& h, Side& s) { h.takeUp(s, h.any(s.up), true); }},
     {12, "the answer is lost", hasUp,
      [](History& h, Side& s) { h.takeUp(s, 0, false), h.disconnect(s); }},
-    {6, "the broker refuses", hasUp, [](History& h, Side& s) { h.refuse(s); }},
+    {6, "the broker refuses", hasUp, [](History& h, Side& s) { h.refuse(s), h.hasRefused = true; }},
     {175, "hears", hasDown, [](History& h, Side& s) { h.takeDown(s, 0, false); }},
     {95, "hears any", hasDown, [](History& h, Side& s) { h.takeDown(s, h.any(s.down), false); }},
     {30, "hears first", hasDown, [](History& h, Side& s) { h.takeDown(s, h.any(s.down), true); }},
@@ -345,6 +385,7 @@ const std::vector<History::Step> History::steps = {
     {10, "the broker refuses a root for a while", always,
      [](History& h, Side&) {
        h.refused.insert(Topics("orv/1").event("r" + std::to_string(h.pick(3))));
+       h.hasRefused = true;
      }},
     {8, "the broker refuses nothing any more", always,
      [](History& h, Side&) { h.refused.clear(); }},

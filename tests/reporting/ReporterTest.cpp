@@ -183,6 +183,47 @@ TEST_F(ReporterTest, ClearsATreeThatItDoesNotHave) {
   EXPECT_TRUE(reporter.isSettled()) << "and leaves it alone";
 }
 
+TEST_F(ReporterTest, SendsAgainWhatACollectorLacks) {
+  const auto ask = [this](std::uint64_t epoch, std::uint64_t n) {
+    orv::proto::monitoring::TreeRequest request;
+    auto& have = *request.add_have();
+    have.set_root("0");
+    have.set_epoch(epoch);
+    have.set_n(n);
+    talk.hear({"orv/1/request/a", request.SerializeAsString(), false, {}, {}});
+  };
+  changeAll(0, 0);
+  talk.withoutStates().connect().takeEach({"tree 0"});
+  for (int i = 0; i < 3; ++i) changeAll(0, 0), talk.takeEach({"change 0"});
+  const Message last = talk.last;
+  const std::uint64_t epoch = Sequence::parse(last.sequence)->epoch;
+  ask(epoch, 2), ask(epoch, 3), ask(epoch, 2);  // of three who ask at once
+  talk.expect("change 0, change 0");
+  EXPECT_TRUE(talk.last.sequence == last.sequence && talk.last.payload == last.payload);
+  EXPECT_FALSE(talk.last.isRetained);
+  ask(epoch, 1),
+      talk.expect("").after(999ms).expect("").after(1ms).takeEach({"change 0, change 0, change 0"});
+  // The fate of what is on its way is open, and what comes next follows what was lacked.
+  changeAll(0, 0);
+  talk.expect("change 0").after(1s);
+  ask(epoch, 4);
+  changeAll(0, 0);
+  talk.expect("").takeEach({"", "change 0, change 0"});
+  for (const std::uint64_t n : {0, 9}) {
+    ask(epoch + n / 9, n);
+    talk.after(10s).takeEach({"tree 0"}).after(10s);
+  }
+  // As many bytes again as the tree has: it goes out in place of the next change.
+  int changesInARow = 0;
+  for (int trees = 0; trees < 2; talk.take()) {
+    change(0, std::string(1000, static_cast<char>('a' + ++changes % 26)));
+    trees += talk.after(0s).count("tree");
+    if (trees == 1) ++changesInARow;
+    talk.forget();
+  }
+  EXPECT_EQ(changesInARow, 5);
+}
+
 TEST_F(ReporterTest, SendsTheTreesAgainThatTheBrokerHasLost) {
   changeAll(0, 1);
   talk.connect().takeEach({"state, tree 0-1"}).after(60s).cut().connect().takeEach({"state"});

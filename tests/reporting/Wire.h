@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -30,6 +31,7 @@ struct Side : Link {
   }
   std::uint64_t publish(const Message& message) override {
     up.emplace_back(++number, message);
+    if (alter) alter(up.back().second);
     return number;
   }
   void arrive(const Message& message) {
@@ -38,7 +40,9 @@ struct Side : Link {
   void arrive(const std::string& filter, const Message& message) {
     if (isBlind && message.topic.find("/event/") != std::string::npos) return;
     const std::size_t wild = std::min(filter.find('+'), filter.size());
-    if (message.topic.compare(0, wild, filter, 0, wild) == 0) down.push_back(message);
+    if (message.topic.compare(0, wild, filter, 0, wild) != 0) return;
+    down.push_back(message);
+    if (alter) alter(down.back());
   }
 
   Endpoint* endpoint = nullptr;
@@ -50,6 +54,7 @@ struct Side : Link {
   std::deque<std::pair<std::uint64_t, Message>> up;
   std::deque<Message> down;
   std::uint64_t number = 0;
+  std::function<void(Message&)> alter;  // what it sends and receives, empty for nothing
 };
 
 struct Wire {
