@@ -58,10 +58,7 @@ put() {
 # Makes the directory NAME with a recorded machine of that name, and has it reported every so many
 # SECONDS by the process in NAME.pid, which writes NAME.log: NAME SECONDS.
 report_machine() {
-  mkdir "$1"
-  awk -v to="$1/" '
-    /^== / { file = to substr($0, 4); system("mkdir -p \"$(dirname \"" file "\")\""); next }
-    { print >file }' "$sources/examples/samples/machine.txt"
+  "$sources/scripts/unpack_machine.sh" "$1" "$sources/examples/samples/machine.txt"
   put "$1/proc/sys/kernel/hostname" "$1"
   # No job of this shell, which would have a word to say when it is killed.
   (host_monitor --broker "$broker" --root "$1" --interval "$2" >"$1.log" 2>&1 &

@@ -1,8 +1,9 @@
 // A Linux machine as a device tree: the host and, below it, its memory, processors, block devices,
-// network interfaces, filesystems and temperature sensors.
+// network interfaces, filesystems, sensors and power supplies. docs/host_monitor.md lists what is
+// said of each, and by what it is known.
 //
-// `root` is the directory that has the machine's proc and sys. A property that cannot be read is
-// "unknown", a status that cannot be read is not set.
+// `root` is the directory that has the machine's proc, sys and run/udev. A property that cannot be
+// read is "unknown", a status that cannot be read is not set.
 #pragma once
 
 #include <filesystem>

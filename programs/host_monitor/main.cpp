@@ -12,11 +12,11 @@
 
 #include "BrokerOptions.h"
 #include "CommandLine.h"
-#include "HostReader.h"
 #include "Service.h"
 #include "Signals.h"
 #include "Summary.h"
 #include "device_tree/Utils.h"
+#include "host_monitor/HostReader.h"
 #include "reporting/Connection.h"
 #include "reporting/Reporter.h"
 
@@ -62,8 +62,8 @@ std::optional<Options> parse(int argc, char** argv) {
       ->type_name("FORMAT");
   app.add_flag("--tree", options.tree, "print the device tree before the first report");
   app.add_option("--root", options.root,
-                 "read DIR/proc and DIR/sys, say of a recorded machine, instead of\n"
-                 "/proc and /sys")
+                 "read DIR/proc, DIR/sys and DIR/run/udev, say of a recorded machine,\n"
+                 "instead of this machine's")
       ->type_name("DIR");
   app.add_option("--name", options.name,
                  "identifier of the machine's device (default: \"host\"; with --broker\n"
