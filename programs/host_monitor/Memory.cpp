@@ -48,15 +48,17 @@ void addMemoryErrors(const fs::path& root, DeviceNode& host) {
   for (const std::string& name : entriesOf(controllers)) {
     const fs::path directory = controllers / name;
     if (!line(directory / "ue_count")) continue;
-    DeviceNode& controller = addPart(host, "/memory/" + name, name, Class::MEMORY);
+    const std::string id = "/memory/" + name;
+    DeviceNode& controller = addPart(host, id, name, Class::MEMORY);
     addProperty(controller, "model", line(directory / "mc_name"));
     addProperty(controller, "size", megabytes(line(directory / "size_mb")));
     setErrors(controller, directory, "");
     for (const std::string& slot : entriesOf(directory)) {
       if (!line(directory / slot / "dimm_ue_count")) continue;
       const auto label = line(directory / slot / "dimm_label");
-      DeviceNode& module = addPart(host, "/memory/" + name + "/" + slot,
-                                   label.value_or("").empty() ? slot : *label, Class::MEMORY);
+      const bool isLabelled = label && !label->empty();
+      const fs::path moduleId = fs::path(id) / slot;
+      DeviceNode& module = addPart(host, moduleId, isLabelled ? *label : slot, Class::MEMORY);
       addProperty(module, "location", line(directory / slot / "dimm_location"));
       addProperty(module, "model", line(directory / slot / "dimm_mem_type"));
       addProperty(module, "size", megabytes(line(directory / slot / "size")));

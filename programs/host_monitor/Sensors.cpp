@@ -96,13 +96,14 @@ void judge(const Channel& channel, const std::optional<double>& value, DeviceNod
 
 void addChannel(const Channel& channel, const std::string& file, DeviceNode& device) {
   const std::string unit = channel.kind.unit;
+  const std::string limitUnit = "_" + unit;
   const auto value = times(number<double>(line(channel.chip / file)), channel.kind.scale);
   addProperty(device, "label", channel.fact("label"));
   addProperty(device, "kernel_name", channel.chip.filename().string());
   setStatus(device, unit, value);
   for (const std::string limit : {"lcrit", "min", "max", "crit", "emergency"}) {
     if (!channel.fact(limit)) continue;
-    setStatus(device, limit + "_" + unit, channel.value(limit));
+    setStatus(device, limit + limitUnit, channel.value(limit));
   }
   judge(channel, value, device);
 }
@@ -131,9 +132,8 @@ void addSensors(const fs::path& root, DeviceNode& host) {
       const Kind* const kind = kindOf(file, files);
       if (kind == nullptr) continue;
       const Channel channel = {chips / chip, file.substr(0, file.find('_')), *kind};
-      std::string id = "/";
-      id += identity;
-      addChannel(channel, file, addPart(host, id + "/" + channel.name, chipName, Class::SENSOR));
+      const fs::path id = fs::path("/" + identity) / channel.name;
+      addChannel(channel, file, addPart(host, id, chipName, Class::SENSOR));
     }
   }
 }
