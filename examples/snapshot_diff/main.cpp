@@ -12,8 +12,8 @@
 #include <system_error>
 #include <vector>
 
-#include "Summary.h"
 #include "device_tree/DeviceNode.h"
+#include "device_tree/Summary.h"
 #include "device_tree/Utils.h"
 #include "proto/monitoring/device_events.pb.h"
 
@@ -21,6 +21,7 @@ namespace proto = orv::proto::monitoring;
 using google::protobuf::TextFormat;
 using orv::device_tree::DeviceNode;
 using orv::device_tree::utils::EventHelper;
+using orv::device_tree::utils::GetSummary;
 
 namespace {
 
@@ -92,7 +93,7 @@ int main(int argc, char** argv) {
     proto::DeviceToOrvServiceEvent event;
     if (!EventHelper::ComputeEvent(oldTree, newTree, event)) return 0;
     if (explain) {
-      for (const std::string& line : summaryOf(event, oldTree, newTree)) std::cout << line << '\n';
+      for (const auto& line : GetSummary(event, oldTree, newTree)) std::cout << line.text << '\n';
     } else {
       std::cout << event.Utf8DebugString();
     }

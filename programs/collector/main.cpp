@@ -11,14 +11,15 @@
 #include "CommandLine.h"
 #include "Service.h"
 #include "Signals.h"
-#include "Summary.h"
 #include "collector/Fleet.h"
 #include "collector/Forget.h"
 #include "collector/Http.h"
 #include "collector/Partitions.h"
+#include "device_tree/Summary.h"
 #include "reporting/Collector.h"
 #include "reporting/Connection.h"
 
+using orv::device_tree::utils::GetSummary;
 using orv::reporting::Condition;
 using orv::reporting::Event;
 using orv::reporting::Tree;
@@ -116,7 +117,7 @@ void collect(const Options& options) {
   orv::reporting::CollectorCallbacks callbacks;
   callbacks.applied = [&events](const std::string& root, const orv::reporting::Step& step) {
     ++events;
-    for (const auto& line : summaryOf(step.event, step.before, step.after)) show(root, line);
+    for (const auto& line : GetSummary(step.event, step.before, step.after)) show(root, line.text);
   };
   callbacks.changed = [&isOver](const std::string& root, Condition condition) {
     if (!isOver) show(root + ":", textOf(condition));

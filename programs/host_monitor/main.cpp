@@ -14,7 +14,7 @@
 #include "CommandLine.h"
 #include "Service.h"
 #include "Signals.h"
-#include "Summary.h"
+#include "device_tree/Summary.h"
 #include "device_tree/Utils.h"
 #include "host_monitor/HostReader.h"
 #include "reporting/Connection.h"
@@ -110,10 +110,10 @@ void Monitor::show(const Event& event, const Tree& before, const Tree& after) co
     return;
   }
   std::string lines;
-  for (const std::string& line : summaryOf(event, before, after)) {
+  for (const auto& line : orv::device_tree::utils::GetSummary(event, before, after)) {
     lines += number;
     lines += ' ';
-    lines += line;
+    lines += line.text;
     lines += '\n';
   }
   print(lines);
