@@ -2,6 +2,8 @@
 
 #include <array>
 #include <functional>
+#include <iterator>
+#include <memory>
 #include <tuple>
 #include <utility>
 
@@ -9,6 +11,7 @@
 
 using orv::device_tree::GlobalStatus;
 using orv::proto::monitoring::GlobalStatus_Level_Name;
+using orv::proto::monitoring::StatusChangeEvent;
 using orv::reporting::Collector;
 using orv::reporting::CollectorCallbacks;
 using orv::reporting::Condition;
@@ -30,7 +33,8 @@ void Turns::unlock() {
   passed_.notify_all();
 }
 
-GlobalStatus::Level Fleet::Summary::worst() const {
+std::optional<GlobalStatus::Level> Fleet::Summary::worst() const {
+  if (!own) return std::nullopt;
   if (errors > 0) return GlobalStatus::LEVEL_ERROR;
   return warnings > 0 ? GlobalStatus::LEVEL_WARNING : GlobalStatus::LEVEL_OK;
 }
@@ -64,7 +68,7 @@ void Fleet::apply(const std::string& id, const Event& event, const Tree& tree) {
   if (!tree && roots_.count(id) == 0) return;  // the removal of a root that is not known
   Root& root = roots_[id];
   root.lastEvent = std::chrono::system_clock::now();
-  Summary summary;
+  Summary summary = {};
   summary.condition = root.summary.condition;
   if (tree) {
     root.health.apply(event, *tree);
@@ -74,35 +78,77 @@ void Fleet::apply(const std::string& id, const Event& event, const Tree& tree) {
     summary.warnings = root.health.count(GlobalStatus::LEVEL_WARNING);
     summary.errors = root.health.count(GlobalStatus::LEVEL_ERROR);
   }
-  update(root, summary);
+  update(id, root, std::move(summary));
+  const auto changes = followed(id);
+  if (!changes) return;
+  if (event.event_type() != Event::STATUS_CHANGE) {
+    changes->addAll(version_);
+  } else {
+    const auto& status = event.GetExtension(StatusChangeEvent::base);
+    for (const auto& one : status.global_status_changes()) changes->add(version_, one.device_id());
+    for (const auto& one : status.named_status_changes()) changes->add(version_, one.device_id());
+  }
+  notify();
 }
 
 void Fleet::change(const std::string& id, Condition condition) {
+  ++version_;
   if (condition == Condition::FORGOTTEN) {
     roots_.erase(id);
-    listVersion_ = ++version_;
-    return;
+    list_.add(version_, id);
+    if (const auto changes = followed(id)) changes->addAll(version_);
+    return notify();
   }
   Root& root = roots_[id];
   Summary summary = root.summary;
   summary.condition = condition;
-  update(root, summary);
+  update(id, root, std::move(summary));
+  if (const auto changes = followed(id)) changes->add(version_);
+  notify();
 }
 
-void Fleet::update(Root& root, const Summary& summary) {
+void Fleet::update(const std::string& id, Root& root, Summary summary) {
   const auto values = [](const Summary& one) {
     return std::tie(one.name, one.own, one.devices, one.warnings, one.errors, one.condition);
   };
   const bool isNew = root.version == 0;
   root.version = ++version_;
   if (!isNew && values(root.summary) == values(summary)) return;
-  root.summary = summary;
-  listVersion_ = version_;
+  const auto now = std::chrono::system_clock::now();
+  const bool isSameHealth = !isNew && root.summary.worst() == summary.worst();
+  const bool isSameCondition = !isNew && root.summary.condition == summary.condition;
+  summary.healthSince = isSameHealth ? root.summary.healthSince : now;
+  summary.conditionSince = isSameCondition ? root.summary.conditionSince : now;
+  root.summary = std::move(summary);
+  list_.add(version_, id);
+  notify();
 }
 
 void Fleet::setConnected(bool isConnected) {
   isConnected_ = isConnected;
-  listVersion_ = ++version_;
+  list_.add(++version_);
+  notify();
+}
+
+std::shared_ptr<Changes> Fleet::followed(const std::string& root) const {
+  const auto entry = followed_.find(root);
+  return entry == followed_.end() ? nullptr : entry->second.changes.lock();
+}
+
+std::shared_ptr<const Changes> Fleet::follow(const std::string& root) {
+  for (auto entry = followed_.begin(); entry != followed_.end();) {
+    entry = entry->second.changes.expired() ? followed_.erase(entry) : std::next(entry);
+  }
+  auto changes = followed(root);
+  if (!changes) {
+    changes = std::make_shared<Changes>(++version_);
+    followed_[root] = {changes, headOf(root)};
+  }
+  return changes;
+}
+
+void Fleet::notify() const {
+  if (listener_) listener_();
 }
 
 Collector::View Fleet::view(const std::string& root) const { return collector_.view(root).value(); }
@@ -111,11 +157,27 @@ std::string Fleet::tagOf(std::uint64_t version) const {
   return std::to_string(start_) + "." + std::to_string(version);
 }
 
+// Another reporter of the same tree, or another reason, is no event, and nobody is told.
+std::string Fleet::headOf(const std::string& root) const {
+  const auto now = collector_.view(root);
+  return now ? now->reporter + "\n" + now->reason : std::string();
+}
+
+void Fleet::lookAtHeads(Time now) {
+  if (now - headsAt_ < std::chrono::seconds(1)) return;
+  headsAt_ = now;
+  for (auto& [id, followed] : followed_) {
+    std::string head = headOf(id);
+    if (head == followed.head) continue;
+    followed.head = std::move(head);
+    if (const auto changes = followed.changes.lock()) changes->add(++version_);
+    notify();
+  }
+}
+
 std::string Fleet::rootTag(const std::string& root) const {
-  // Another reporter of the same tree, or another reason, is no event, and nobody is told.
-  const Collector::View now = view(root);
   return tagOf(roots_.at(root).version) + "." +
-         std::to_string(std::hash<std::string>()(now.reporter + "\n" + now.reason));
+         std::to_string(std::hash<std::string>()(headOf(root)));
 }
 
 std::optional<Message> Fleet::connecting() {
@@ -147,6 +209,7 @@ void Fleet::received(const Message& message, Time now) {
 
 Time Fleet::serve(Time now) {
   const auto guard = lock();
+  lookAtHeads(now);
   return collector_.serve(now);
 }
 

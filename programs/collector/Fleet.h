@@ -6,11 +6,14 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 
+#include "collector/Changes.h"
 #include "collector/TreeHealth.h"
 #include "reporting/Collector.h"
 
@@ -41,9 +44,12 @@ class Fleet final : public orv::reporting::Endpoint {
     std::size_t warnings = 0;  // so many of the devices are at this level
     std::size_t errors = 0;
     orv::reporting::Condition condition = orv::reporting::Condition::OUT_OF_DATE;
+    // Since when its health, which is that of its worst device, and its condition are like that.
+    std::chrono::system_clock::time_point healthSince;
+    std::chrono::system_clock::time_point conditionSince;
 
-    // That of the device that is worst.
-    orv::device_tree::GlobalStatus::Level worst() const;
+    // That of the device that is worst. Nothing while there is no tree.
+    std::optional<orv::device_tree::GlobalStatus::Level> worst() const;
   };
   struct Root {
     Summary summary;
@@ -72,8 +78,17 @@ class Fleet final : public orv::reporting::Endpoint {
 
   // Short texts that stay the same exactly as long as the summaries of all roots and the connection
   // do, or what `view` returns of one.
-  std::string listTag() const { return tagOf(listVersion_); }
+  std::string listTag() const { return tagOf(list_.version()); }
   std::string rootTag(const std::string& root) const;
+  // A text that stays the same for as long as this process runs, and is another one in all others.
+  std::string start() const { return std::to_string(start_); }
+
+  // The roots whose summaries have changed.
+  const Changes& listChanges() const { return list_; }
+  // The devices of the root that have changed, from now on and for as long as somebody has this.
+  std::shared_ptr<const Changes> follow(const std::string& root);
+  // Is called under the lock when one of these has changed.
+  void setListener(std::function<void()> listener) { listener_ = std::move(listener); }
 
   std::optional<orv::reporting::Message> connecting() override;
   void connected(orv::reporting::Link& link, orv::reporting::Time now) override;
@@ -87,7 +102,11 @@ class Fleet final : public orv::reporting::Endpoint {
   void apply(const std::string& id, const orv::reporting::Event& event,
              const orv::reporting::Tree& tree);
   void change(const std::string& id, orv::reporting::Condition condition);
-  void update(Root& root, const Summary& summary);
+  void update(const std::string& id, Root& root, Summary summary);
+  std::shared_ptr<Changes> followed(const std::string& root) const;
+  std::string headOf(const std::string& root) const;
+  void lookAtHeads(orv::reporting::Time now);
+  void notify() const;
   void setConnected(bool isConnected);
   std::string tagOf(std::uint64_t version) const;
 
@@ -95,8 +114,15 @@ class Fleet final : public orv::reporting::Endpoint {
   std::map<std::string, Root> roots_;
   std::map<orv::reporting::Event::EventType, std::uint64_t> events_;
   std::uint64_t start_;  // random: the versions of another process are others
-  std::uint64_t version_ = 0;
-  std::uint64_t listVersion_ = 0;
+  std::uint64_t version_ = 1;
+  Changes list_{version_};
+  struct Followed {
+    std::weak_ptr<Changes> changes;
+    std::string head;
+  };
+  std::map<std::string, Followed> followed_;
+  orv::reporting::Time headsAt_{};  // when they were looked at
+  std::function<void()> listener_;
   bool isConnected_ = false;
   orv::reporting::Collector collector_;
 };

@@ -1,139 +1,74 @@
 #include "collector/Http.h"
 
-#include <httplib.h>
-
 #include <algorithm>
 #include <cctype>
-#include <chrono>
-#include <cmath>
-#include <cstdint>
-#include <nlohmann/json.hpp>
+#include <cstddef>
+#include <iterator>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "collector/Fleet.h"
+#include "collector/FleetNews.h"
+#include "collector/HttpServer.h"
+#include "collector/Json.h"
 #include "collector/Metrics.h"
 #include "collector/Partitions.h"
 #include "device_tree/Walk.h"
 #include "page.h"
 
-using httplib::Request;
-using httplib::Response;
-using Json = nlohmann::ordered_json;
 using orv::device_tree::DeviceNode;
-namespace monitoring = orv::proto::monitoring;
 
 namespace {
 
-void setJson(Response& response, const std::string& text) {
-  // The parameter keeps the library from compressing JSON, which takes longer than all else.
-  response.set_content(text, "application/json; charset=utf-8");
+HttpAnswer textAnswer(const char* text, const std::string& type) {
+  return {200, type + "; charset=utf-8", share(text)};
 }
 
-std::string dump(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-// What follows gives a tree the JSON form that Protocol Buffers give its message. They write fewer
-// levels than a tree may have.
-
-Json jsonOf(double number) {
-  if (std::isfinite(number)) return number;
-  return std::isnan(number) ? "NaN" : number > 0 ? "Infinity" : "-Infinity";
-}
-
-Json jsonOf(const monitoring::NamedStatus& status) {
-  Json json = {{"name", status.name()}, {"type", NamedStatus_Type_Name(status.type())}};
-  // Whole numbers are texts: a reader may have no type for all of them.
-  if (status.has_string_value()) json["string_value"] = status.string_value();
-  if (status.has_int_value()) json["int_value"] = std::to_string(status.int_value());
-  if (status.has_uint_value()) json["uint_value"] = std::to_string(status.uint_value());
-  if (status.has_double_value()) json["double_value"] = jsonOf(status.double_value());
-  return json;
-}
-
-Json jsonOf(const monitoring::Property& property) {
-  return {{"name", property.name()},
-          {"type", Property_Type_Name(property.type())},
-          {"value", property.value()}};
-}
-
-Json jsonOf(const monitoring::GlobalStatus& health) {
-  Json json = {{"level", GlobalStatus_Level_Name(health.level())}};
-  if (health.has_message()) json["message"] = health.message();
-  return json;
-}
-
-// Without its sub-devices.
-Json ownJsonOf(const DeviceNode& device) {
-  const auto deviceClass = device.getDeviceClass();
-  const std::string& className = DeviceNode_DeviceClass_Name(deviceClass);
-  Json json = {{"id", device.getDeviceId()}, {"name", device.getName()}};
-  json["device_class"] = className.empty() ? Json(static_cast<int>(deviceClass)) : Json(className);
-  for (const auto& [key, property] : device.getProperties()) {
-    if (property) json["properties"].push_back(jsonOf(property->toProtoBuf()));
+// Texts that clients have not taken yet. Who asks for the same gets the same one, so that many who
+// are slow cost little.
+class Untaken {
+ public:
+  Text find(const std::string& tag) const {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto entry = texts_.find(tag);
+    return entry == texts_.end() ? nullptr : entry->second.lock();
   }
-  json["global_status"] = jsonOf(device.getGlobalStatus().toProtoBuf());
-  for (const auto& [key, status] : device.getStatuses()) {
-    if (status) json["statuses"].push_back(jsonOf(status->toProtoBuf()));
+
+  void add(const std::string& tag, const Text& text) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    for (auto entry = texts_.begin(); entry != texts_.end();) {
+      entry = entry->second.expired() ? texts_.erase(entry) : std::next(entry);
+    }
+    texts_[tag] = text;
   }
-  return json;
-}
 
-// It is written and released by recursion. No tree that arrives has more than 98 levels: what
-// parses its message refuses more.
-Json jsonOf(const DeviceNode& root) {
-  Json json = ownJsonOf(root);
-  std::vector<Json*> open = {&json};  // one for each level above the device met
-  orv::device_tree::Walk walk(root);
-  while (const auto* device = walk.next()) {
-    open.resize(walk.depth());
-    open.push_back(&(*open.back())["sub_devices"].emplace_back(ownJsonOf(**device)));
-  }
-  return json;
-}
+ private:
+  mutable std::mutex mutex_;
+  std::map<std::string, std::weak_ptr<const std::string>> texts_;
+};
 
-// Whether the reader has the content of that tag already; the answer is complete then.
-bool isKnown(const std::string& tag, const Request& request, Response& response) {
-  response.set_header("ETag", '"' + tag + '"');
-  const std::string known = request.get_header_value("If-None-Match");
-  if (known != "*" && known.find('"' + tag + '"') == std::string::npos) return false;
-  response.status = 304;
-  return true;
-}
-
-void refuse(Response& response, const std::string& reason) {
-  response.status = 400;
-  response.set_content(reason + "\n", "text/plain");
-}
-
-void answerRoots(const Fleet& fleet, const Request& request, Response& response) {
+HttpAnswer answerRoots(const Fleet& fleet, Untaken& untaken, const HttpRequest& request) {
   std::vector<std::pair<std::string, Fleet::Summary>> list;
   bool isConnected = false;
+  std::string tag;
   {
     const auto guard = fleet.lock();
-    if (isKnown(fleet.listTag(), request, response)) return;
+    tag = fleet.listTag();
+    if (request.knows(tag)) return unchanged(tag);
+    if (const Text text = untaken.find(tag)) return jsonAnswer(text, tag);
     isConnected = fleet.isConnected();
     list.reserve(fleet.roots().size());
     for (const auto& [id, root] : fleet.roots()) list.emplace_back(id, root.summary);
   }
   Json roots = Json::array();
-  for (const auto& [id, summary] : list) {
-    Json root = {{"id", id},
-                 {"name", summary.name},
-                 {"health", summary.own ? textOf(summary.worst()) : "?"},
-                 {"condition", textOf(summary.condition)},
-                 {"devices", summary.devices},
-                 {"warnings", summary.warnings},
-                 {"errors", summary.errors}};
-    // What the reporter says of the root as a whole.
-    if (summary.own) root["global_status"] = jsonOf(summary.own->toProtoBuf());
-    roots.push_back(std::move(root));
-  }
-  setJson(response, dump({{"connected", isConnected}, {"roots", std::move(roots)}}));
+  for (const auto& [id, summary] : list) roots.push_back(jsonOf(id, summary));
+  const Text text = share(dump({{"connected", isConnected}, {"roots", std::move(roots)}}));
+  untaken.add(tag, text);
+  return jsonAnswer(text, tag);
 }
 
 // Whether the text contains the one that is sought. A to Z are the same as a to z.
@@ -144,12 +79,12 @@ bool contains(const std::string& text, const std::string& sought) {
   return std::search(text.begin(), text.end(), sought.begin(), sought.end(), isSame) != text.end();
 }
 
-void answerDevices(const Fleet& fleet, const Request& request, Response& response) {
+HttpAnswer answerDevices(const Fleet& fleet, const HttpRequest& request) {
   constexpr std::size_t mostFound = 100;
   constexpr std::size_t mostMet = 5'000'000;  // devices that are looked at
   constexpr std::size_t enough = 500;         // under one lock, unless one root has more
-  const std::string sought = request.get_param_value("find");
-  if (sought.empty()) return refuse(response, "find: it says what is sought");
+  const std::string sought = request.parameter("find").value_or("");
+  if (sought.empty()) return refusal(400, "find: it says what is sought");
   std::vector<std::string> ids;
   {
     const auto guard = fleet.lock();
@@ -181,137 +116,50 @@ void answerDevices(const Fleet& fleet, const Request& request, Response& respons
       isComplete = !isCut;
     }
   }
-  setJson(response, dump({{"devices", std::move(devices)}, {"complete", isComplete}}));
+  return jsonAnswer(share(dump({{"devices", std::move(devices)}, {"complete", isComplete}})));
 }
 
-void answerRoot(const Fleet& fleet, const std::string& id, const Request& request,
-                Response& response) {
+HttpAnswer answerRoot(const Fleet& fleet, Untaken& untaken, const std::string& id,
+                      const HttpRequest& request) {
   Json json = {{"id", id}};
   std::optional<DeviceNode> tree;
+  std::string tag;
   {
     const auto guard = fleet.lock();
-    if (fleet.roots().count(id) == 0) {
-      response.status = 404;
-      return setJson(response, dump({{"error", "There is no root '" + id + "'"}}));
-    }
-    if (isKnown(fleet.rootTag(id), request, response)) return;
+    if (fleet.roots().count(id) == 0) return refusal(404, "There is no root '" + id + "'");
+    tag = fleet.rootTag(id);
+    if (request.knows(tag)) return unchanged(tag);
+    if (const Text text = untaken.find(tag + id)) return jsonAnswer(text, tag);
     const auto view = fleet.view(id);
-    json["condition"] = textOf(view.condition);
-    json["reason"] = view.reason;
-    json["reporter"] = view.reporter;
-    json["sequence"] = view.sequence.text();
+    addHead(view, json);
     if (view.tree) tree.emplace(*view.tree);
   }
   if (tree) json["tree"] = jsonOf(*tree);
-  setJson(response, dump(json));
+  const Text text = share(dump(json));
+  untaken.add(tag + id, text);
+  return jsonAnswer(text, tag);
 }
 
-void answerMetrics(const Fleet& fleet, const Request& request, Response& response) {
+HttpAnswer answerMetrics(const Fleet& fleet, const HttpRequest& request) {
   Partitions partitions;
   try {
-    if (request.has_param("partitions")) {
-      partitions = partitionsOf(request.get_param_value("partitions"));
-    }
+    if (const auto range = request.parameter("partitions")) partitions = partitionsOf(*range);
   } catch (const std::exception& fault) {
-    return refuse(response, std::string("partitions: ") + fault.what());
+    return refusal(400, std::string("partitions: ") + fault.what());
   }
-  const auto metrics = std::make_shared<Metrics>(fleet, partitions);
-  const auto send = [metrics](std::size_t /*offset*/, httplib::DataSink& sink) {
-    const std::string text = metrics->next();
-    if (!text.empty()) return sink.write(text.data(), text.size());
-    sink.done();
-    return true;
+  HttpAnswer answer{200, "text/plain; version=0.0.4; charset=utf-8", nullptr};
+  answer.pieces = [metrics = std::make_shared<Metrics>(fleet, partitions)] {
+    return metrics->next();
   };
-  // The library compresses what begins with "text/": with gzip for Prometheus, but with Brotli for
-  // whoever takes that, a hundred times slower. "Text/" means the same and is left as it is.
-  const bool isSlow = request.get_header_value("Accept-Encoding").find("br") != std::string::npos;
-  const std::string kind = isSlow ? "Text" : "text";
-  response.set_chunked_content_provider(kind + "/plain; version=0.0.4; charset=utf-8", send);
+  return answer;
 }
 
-class Server {
- public:
-  Server(const std::string& address, std::uint16_t port, const Fleet& fleet);
-  ~Server();
-
-  std::string url() const { return "http://" + name_ + ":" + std::to_string(port_) + "/"; }
-
- private:
-  bool answer(const Request& request, Response& response) const;
-  bool isForUs(const Request& request) const;
-
-  const Fleet& fleet_;
-  const std::string name_;  // of the address in a URL
-  int port_ = 0;
-  httplib::Server server_;
-  std::thread thread_;
-};
-
-Server::Server(const std::string& address, std::uint16_t port, const Fleet& fleet)
-    : fleet_(fleet), name_(address.find(':') == std::string::npos ? address : "[" + address + "]") {
-  server_.new_task_queue = [] { return new httplib::ThreadPool(16); };
-  // A connection that waits holds a thread.
-  server_.set_keep_alive_max_count(1);
-  server_.set_keep_alive_timeout(1);
-  server_.set_payload_max_length(0);
-  server_.set_tcp_nodelay(true);
-  // Otherwise two processes could share the port.
-  server_.set_socket_options([](int socket) {
-    const int yes = 1;
-    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  });
-  server_.set_default_headers(
-      {{"Cache-Control", "no-cache"},
-       {"Content-Security-Policy",
-        "default-src 'none'; style-src 'self'; script-src 'self'; connect-src 'self'; "
-        "base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
-       {"X-Content-Type-Options", "nosniff"}});
-  // Takes all paths here: the library would match them with regular expressions.
-  server_.set_pre_routing_handler([this](const Request& request, Response& response) {
-    return answer(request, response) ? httplib::Server::HandlerResponse::Handled
-                                     : httplib::Server::HandlerResponse::Unhandled;
-  });
-  port_ = port == 0 ? server_.bind_to_any_port(address) : port;
-  const bool isBound = port == 0 ? port_ > 0 : server_.bind_to_port(address, port);
-  if (!isBound) {
-    throw std::runtime_error("--http: cannot listen on " + name_ + ":" + std::to_string(port) +
-                             ": the port is taken, or the address is not this machine's");
-  }
-  thread_ = std::thread([this] { server_.listen_after_bind(); });
-  while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-}
-
-Server::~Server() {
-  server_.stop();
-  thread_.join();
-}
-
-// Whether the request was answered; the library refuses the others.
-bool Server::answer(const Request& request, Response& response) const {
-  const std::string root = "/api/roots/";
-  if (request.method != "GET" && request.method != "HEAD") return false;
-  if (!isForUs(request)) {
-    response.status = 403;
-  } else if (!request.ranges.empty()) {
-    response.status = 416;  // the library would copy the content as often as a request lists it
-  } else if (request.path == "/") {
-    response.set_content(page_html, "text/html; charset=utf-8");
-  } else if (request.path == "/page.css") {
-    response.set_content(page_css, "text/css; charset=utf-8");
-  } else if (request.path == "/page.js") {
-    response.set_content(page_js, "text/javascript; charset=utf-8");
-  } else if (request.path == "/api/roots") {
-    answerRoots(fleet_, request, response);
-  } else if (request.path == "/api/devices") {
-    answerDevices(fleet_, request, response);
-  } else if (request.path.compare(0, root.size(), root) == 0) {
-    answerRoot(fleet_, request.path.substr(root.size()), request, response);
-  } else if (request.path == "/metrics") {
-    answerMetrics(fleet_, request, response);
-  } else {
-    return false;
-  }
-  return true;
+HttpAnswer answerEvents(FleetNews& news, const HttpRequest& request) {
+  const std::string& last = request.lastEvent;
+  HttpAnswer answer{200, "text/event-stream", nullptr};
+  answer.news = news.follow(last.empty() ? request.parameter("after").value_or("") : last,
+                            request.parameter("root"));
+  return answer;
 }
 
 bool isOfThisMachine(const std::string& name) {
@@ -319,20 +167,78 @@ bool isOfThisMachine(const std::string& name) {
          (name.rfind("127.", 0) == 0 && name.find_first_not_of("0123456789.") == std::string::npos);
 }
 
+// Answers all questions about the fleet.
+class Site {
+ public:
+  Site(const std::string& address, std::uint16_t port, Fleet& fleet);
+  Site(const Site&) = delete;
+  Site& operator=(const Site&) = delete;
+  ~Site();
+
+  std::string url() const { return "http://" + name_ + ":" + std::to_string(server_.port()) + "/"; }
+
+ private:
+  HttpAnswer answer(const HttpRequest& request);
+  bool isForUs(const std::string& host) const;
+
+  Fleet& fleet_;
+  FleetNews news_;
+  Untaken untaken_;
+  const std::string name_;  // of the address in a URL
+  HttpServer server_;
+};
+
+Site::Site(const std::string& address, std::uint16_t port, Fleet& fleet)
+    : fleet_(fleet),
+      news_(fleet),
+      name_(address.find(':') == std::string::npos ? address : "[" + address + "]"),
+      server_(address, port, [this](const HttpRequest& request) { return answer(request); }) {
+  const auto guard = fleet_.lock();
+  fleet_.setListener([this] { server_.wake(); });
+}
+
+Site::~Site() {
+  const auto guard = fleet_.lock();
+  fleet_.setListener(nullptr);
+}
+
+HttpAnswer Site::answer(const HttpRequest& request) {
+  const std::string root = "/api/roots/";
+  const std::string& path = request.path;
+  if (!isForUs(request.host)) {
+    return refusal(403, "Only requests for this machine are answered, see --http-address");
+  }
+  if (path == "/") return textAnswer(page_html, "text/html");
+  if (path == "/page.css") return textAnswer(page_css, "text/css");
+  if (path == "/page.js") return textAnswer(page_js, "text/javascript");
+  if (path == "/metrics") return answerMetrics(fleet_, request);
+  if (path == "/api/roots") return answerRoots(fleet_, untaken_, request);
+  if (path == "/api/devices") return answerDevices(fleet_, request);
+  if (path == "/api/events") return answerEvents(news_, request);
+  if (path.compare(0, root.size(), root) == 0) {
+    return answerRoot(fleet_, untaken_, path.substr(root.size()), request);
+  }
+  return refusal(404, "There is nothing at this address");
+}
+
 // Whoever has a web server can have its name lead to this machine. The browser then lets the pages
 // of that server read what is served here, but it sends that name.
-bool Server::isForUs(const Request& request) const {
-  const std::string sent = request.get_header_value("Host");
-  const std::size_t colon = sent.rfind(':');
-  const bool hasPort = colon != std::string::npos && sent.find(']', colon) == std::string::npos;
-  return !isOfThisMachine(name_) || isOfThisMachine(hasPort ? sent.substr(0, colon) : sent);
+bool Site::isForUs(const std::string& host) const {
+  const std::size_t colon = host.rfind(':');
+  const bool hasPort = colon != std::string::npos && host.find(']', colon) == std::string::npos;
+  return !isOfThisMachine(name_) || isOfThisMachine(hasPort ? host.substr(0, colon) : host);
 }
 
 }  // namespace
 
-std::shared_ptr<void> serveHttp(const std::string& address, std::uint16_t port, const Fleet& fleet,
+std::shared_ptr<void> serveHttp(const std::string& address, std::uint16_t port, Fleet& fleet,
                                 const std::function<void(const std::string&)>& log) {
-  const auto server = std::make_shared<Server>(address, port, fleet);
-  log(server->url());
-  return server;
+  try {
+    const auto site = std::make_shared<Site>(address, port, fleet);
+    log(site->url());
+    return site;
+  } catch (const std::runtime_error& fault) {
+    throw std::runtime_error("--http: cannot listen on " + address + ", port " +
+                             std::to_string(port) + ": " + fault.what());
+  }
 }

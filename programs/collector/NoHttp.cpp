@@ -4,7 +4,7 @@
 #include "collector/Http.h"
 
 std::shared_ptr<void> serveHttp(const std::string& /*address*/, std::uint16_t /*port*/,
-                                const Fleet& /*fleet*/,
+                                Fleet& /*fleet*/,
                                 const std::function<void(const std::string&)>& /*log*/) {
-  throw std::runtime_error("--http: built without cpp-httplib, prometheus-cpp and nlohmann-json");
+  throw std::runtime_error("--http: built without zlib, prometheus-cpp and nlohmann-json");
 }

@@ -1,25 +1,29 @@
-// Asks the collector once a second, and shows what is new. What is shown of the root that is chosen
-// is in the address of the page.
+// Shows what the collector tells, as it happens. What is shown of the root that is chosen is in the
+// address of the page.
 
-const ROW = 44;  // the height of a row, as page.css has it
+const ROW = 44;         // the height of a row, as page.css has it
+const SILENCE = 12000;  // milliseconds after which the collector is not there; it says more often
+                        // that it is
 const still = matchMedia('(prefers-reduced-motion: reduce)');
 
-let roots = [];
-let isConnected = true;  // the collector, with its broker
-let active;              // the root whose row the keyboard reaches
-let chosen;              // the root whose devices are shown, null for none
-let aim;                 // the device in it that the address leads to, null for none
-let isAimed = true;      // that one is in sight, or there is none
-let devices = [];        // of all roots, that are looked for
-let isMore = false;      // there are more of these
-let answer;     // what there is of it: null when nothing is, undefined when it is not known yet
-let tags = {};  // of what is shown
-let last = '';  // when that came
-let running;    // the controller of the latest question
-let timer;      // of the next one
-let search;     // the timer of the next search for devices
-
-class Refusal extends Error {}
+const known = new Map();  // what there is to say of each root
+let roots = [];           // the same in the order of the list
+let isConnected = true;   // the collector, with its broker
+let lead = 0;             // of the collector's clock, in milliseconds
+let active;               // the row that the keyboard reaches
+let chosen;               // the root whose devices are shown, null for none
+let aim;                  // the device in it that the address leads to, null for none
+let isAimed = true;       // that one is in sight, or there is none
+let devices = [];         // of all roots, that are looked for
+let isMore = false;       // there are more of these
+let answer;  // what there is of the chosen root: null when nothing is, undefined when not known yet
+const nodes = new Map();         // its devices by identifier
+const elements = new WeakMap();  // of the devices
+let news;                        // where they come from
+let told = '';                   // identifies the latest of the list
+let last = '';                   // when some came
+let timer;                       // of the end of patience
+let search;                      // the timer of the next search for devices
 
 const at = (id) => document.getElementById(id);
 
@@ -74,6 +78,15 @@ function messageOf({health, errors, warnings, global_status: own}) {
   return [...counts, word].filter(Boolean).join(', ');
 }
 
+// For how long the root has been as it is, to the collector's knowledge.
+function ageOf({condition, condition_since: lost, health_since: health}) {
+  const since = condition === 'current' ? health : lost;
+  const seconds = Math.max(0, (Date.now() + lead - Date.parse(since)) / 1000);
+  const units = [[60, 1, 's'], [3600, 60, 'min'], [172800, 3600, 'h'], [Infinity, 86400, 'd']];
+  const [, length, unit] = units.find(([end]) => seconds < end);
+  return {age: `${Math.floor(seconds / length)} ${unit}`, since};
+}
+
 function namesOf({id = '', name}) {
   return name && name !== id ? {name, id} : {name: id, id: ''};
 }
@@ -83,6 +96,7 @@ function matches(item, field) {
   return Object.values(namesOf(item)).some((name) => name.toLowerCase().includes(sought));
 }
 
+// The part of the address of this page that leads to it.
 const addressOf = (root, device) =>
     `#${new URLSearchParams(device === undefined ? {root} : {root, device})}`;
 
@@ -104,19 +118,25 @@ function rowsOf(candidates) {
 }
 
 function drawList() {
-  const unwell = roots.filter((root) => !isWell(root));
-  const shown = rowsOf(at('unwell').checked ? unwell : roots);
-  const count = (list) => list.length.toLocaleString('en');
+  const isUnwell = at('unwell').checked;
+  const shown = rowsOf(isUnwell ? roots.filter((root) => !isWell(root)) : roots);
   const ofRoots = shown.filter((row) => row.root);
-  const found =
-      devices.length ? `; ${count(devices)}${isMore ? ' and more' : ''} devices found` : '';
-  const rest = (ofRoots.length < roots.length ? `; ${count(ofRoots)} shown` : '') + found;
-  const levels =
-      ['ERROR', 'WARNING'].map((level) => [level, roots.filter((root) => root.health === level)]);
-  const details = levels.filter(([, list]) => list.length)
-                      .map(([level, list]) => `, ${count(list)} ${level}`)
-                      .join('');
-  show(at('counts'), `${count(roots)} roots, ${count(unwell)} not well${details}${rest}`);
+  const count = ({length}, what) => length && `${length.toLocaleString('en')} ${what}`;
+  const isAt = (level) => roots.filter((root) => root.health === level);
+  const counts = {
+    roots: count(roots, roots.length === 1 ? 'root' : 'roots') || 'no roots',
+    ...Object.fromEntries(ORDER.map((level) => [level, count(isAt(level), level)])),
+    lost: count(roots.filter((root) => !isCurrent(root)), 'not current'),
+    shown: ofRoots.length < roots.length && (count(ofRoots, 'shown') || 'none shown'),
+    found: count(devices, isMore ? 'devices found, and more' : 'devices found')
+  };
+  sync(
+      at('counts'), Object.entries(counts).filter(([, text]) => text), 'count',
+      (place, text, isNew) => {
+        show(place, text, isNew);
+        const level = text.split(' ')[1];
+        if (ORDER.includes(level)) place.dataset.level = level;
+      });
   at('rows').style.height = `${shown.length * ROW}px`;
   if (!shown.some((row) => row.key === active)) active = shown[0]?.key;
   // Only the rows in sight are elements, and the one that the keyboard is at.
@@ -129,6 +149,7 @@ function drawList() {
   const isChosen = addressOf(chosen, aim ?? undefined);
   sync(at('rows'), pairs, 'row', (row, {key, address, root, named, state, message, i}, isNew) => {
     const {health} = named;
+    const {age = '', since = ''} = root ? ageOf(root) : {};
     row.key = key;
     row.href = address;
     row.tabIndex = key === active ? 0 : -1;
@@ -138,6 +159,8 @@ function drawList() {
     row.style.top = `${i * ROW}px`;
     part(row, 'state').classList.toggle('gone', Boolean(root) && !isCurrent(root));
     part(row, 'health').dataset.level = health;
+    part(row, 'age').title = since && `since ${since}`;
+    show(part(row, 'age'), age);
     showParts(row, {...namesOf(named), state, health, message}, isNew);
   });
 }
@@ -185,18 +208,20 @@ function drawTree() {
   document.body.classList.toggle('open', chosen !== null);
   document.body.classList.toggle('lost', Boolean(answer) && answer.condition !== 'current');
   show(at('chosen'), tree?.name || chosen);
-  show(
-      at('about'),
-      answer &&
-          `${answer.condition}${answer.reason && ` (${answer.reason})`} · reporter ${
-              answer.reporter || 'not known'}`);
+  drawHead();
   sync(at('tree'), pairs, 'device', showDevice);
-  if (tree && !isAimed) lead();
+  if (tree && !isAimed) leadThere();
   show(at('notice'), noticeOf(pairs));
 }
 
+function drawHead() {
+  const reason = answer?.reason && ` (${answer.reason})`;
+  const reporter = answer?.reporter || 'not known';
+  show(at('about'), answer && `${answer.condition}${reason} · reporter ${reporter}`);
+}
+
 // Leads to the device that the address names.
-function lead() {
+function leadThere() {
   const all = [...document.querySelectorAll('details')];
   const device = all.find((one) => one.key === aim);
   isAimed = Boolean(device);
@@ -208,6 +233,12 @@ function lead() {
 }
 
 function showDevice(device, {node, isShown, below}, isNew) {
+  elements.set(node, device);
+  showOwn(device, node, isShown, isNew);
+  sync(part(device, 'below'), below, 'device', showDevice);
+}
+
+function showOwn(device, node, isShown, isNew) {
   const {level: health = '?', message} = node.global_status ?? {};
   const kind = String(node.device_class ?? '').toLowerCase();
   device.key = node.id;
@@ -217,7 +248,6 @@ function showDevice(device, {node, isShown, below}, isNew) {
   showParts(device, {health, ...namesOf(node), message, kind}, isNew);
   showItems(part(device, 'statuses'), isShown ? node.statuses : []);
   showItems(part(device, 'properties'), isShown ? node.properties : []);
-  sync(part(device, 'below'), below, 'device', showDevice);
 }
 
 function showItems(list, items = []) {
@@ -239,55 +269,78 @@ function valueOf({double_value, int_value, uint_value, string_value, value}) {
   return string_value ?? value;
 }
 
-// What is there, null when nothing is, undefined when it is what is shown already.
-async function get(kind, path, signal) {
-  const response = await fetch(path, {cache: 'no-cache', signal});
-  if (response.status === 404) return null;
-  if (!response.ok) throw new Refusal(`The collector refuses to answer: ${response.status}.`);
-  const tag = response.headers.get('ETag');
-  if (tag && tag === tags[kind]) {
-    response.body.cancel();
-    return undefined;
-  }
-  const json = await response.json();
-  tags[kind] = tag;  // not before: the answer may break off
-  return json;
+function takeList({connected, time, complete, roots: changed, gone = []}) {
+  isConnected = connected;
+  lead = Date.parse(time) - Date.now();
+  if (complete) known.clear();
+  for (const root of changed) known.set(root.id, root);
+  for (const id of gone) known.delete(id);
+  // In the order of their identifiers where they are equally unwell, as new ones stand at the end.
+  const byName = (one, other) => one.id < other.id ? -1 : 1;
+  roots = [...known.values()].sort((one, other) => rank(one) - rank(other) || byName(one, other));
+  drawList();
 }
 
-async function ask(signal) {
-  const list = await get('list', 'api/roots', signal);
-  if (list) {
-    isConnected = list.connected;
-    roots = list.roots.sort((one, other) => rank(one) - rank(other));
-    drawList();
-  }
-  const path = `api/roots/${encodeURIComponent(chosen)}`;
-  const isListed = roots.some((root) => root.id === chosen);
-  const found = isListed ? await get('tree', path, signal) : null;
-  if (found && !answer) at('rows').kept.get(chosen)?.scrollIntoView({block: 'nearest'});
-  if (found !== undefined) {
-    answer = found;
-    drawTree();
-  }
+function collect(node) {
+  if (!nodes.has(node.id)) nodes.set(node.id, node);
+  node.sub_devices?.forEach(collect);
 }
 
-async function poll() {
+// All of the chosen root, or what has changed of it.
+function takeRoot({id, known: isKnown, devices: changed, ...rest}) {
+  if (id !== chosen) return;
+  const isFirst = !answer && isKnown;
+  if (changed && answer) {
+    answer = {tree: answer.tree, ...rest};
+    const isSifted = at('unwell').checked || at('find').value.trim();
+    for (const {id: device, ...own} of changed) {
+      const node = nodes.get(device);
+      if (!node) continue;
+      const {sub_devices} = node;
+      for (const name of Object.keys(node)) delete node[name];
+      Object.assign(node, {id: device, ...own, sub_devices});
+      if (!isSifted) showOwn(elements.get(node), node, true, false);
+    }
+    if (isSifted) drawTree();
+    if (!isSifted) drawHead();
+    document.body.classList.toggle('lost', answer.condition !== 'current');
+    return;
+  }
+  answer = isKnown ? rest : null;
+  nodes.clear();
+  if (answer?.tree) collect(answer.tree);
+  drawTree();
+  if (isFirst) at('rows').kept?.get(chosen)?.scrollIntoView({block: 'nearest'});
+}
+
+// Hears of the fleet and of the root that is chosen, if the page is seen.
+function listen() {
   clearTimeout(timer);
-  running?.abort();
-  const mine = new AbortController();
-  running = mine;
-  setTimeout(() => mine.abort(), 10000);
-  try {
-    await ask(mine.signal);
+  news?.close();
+  if (document.hidden) return;
+  const what = new URLSearchParams({after: told});
+  if (chosen !== null) what.set('root', chosen);
+  news = new EventSource(`api/events?${what}`);
+  const take = (kind, use) => news.addEventListener(kind, ({data, lastEventId}) => {
+    clearTimeout(timer);
+    timer = setTimeout(fail, SILENCE);
+    told = lastEventId || told;
     last = `What is shown is of ${new Date().toLocaleTimeString('en-GB')}. `;
+    use(data);
     show(at('trouble'), isConnected ? '' : 'The collector has no broker. What is shown is old.');
-  } catch (fault) {
-    const isRefusal = fault instanceof Refusal;
-    if (!isRefusal) tags = {};
-    const trouble = isRefusal ? fault.message : 'The collector does not answer.';
-    if (mine === running) show(at('trouble'), `${trouble} ${last}Asking again.`);
-  }
-  if (mine === running && !document.hidden) timer = setTimeout(poll, 1000);
+  });
+  take('list', (data) => takeList(JSON.parse(data)));
+  take('root', (data) => takeRoot(JSON.parse(data)));
+  take('beat', () => {});
+  news.addEventListener('error', fail);
+  timer = setTimeout(fail, SILENCE);
+}
+
+function fail() {
+  news.close();
+  clearTimeout(timer);
+  show(at('trouble'), `The collector does not answer. ${last}Asking again.`);
+  timer = setTimeout(listen, 1000);
 }
 
 function choose() {
@@ -304,7 +357,7 @@ function choose() {
     return;
   }
   answer = undefined;
-  tags.tree = undefined;
+  nodes.clear();
   drawTree();
   if (roots.length) drawList();
   if (!at('list').checkVisibility()) {
@@ -312,7 +365,7 @@ function choose() {
   } else if (chosen === null) {
     at('rows').kept?.get(active)?.focus();
   }
-  poll();
+  listen();
 }
 
 addEventListener('keydown', (event) => {
@@ -344,5 +397,6 @@ at('rows').addEventListener('focusin', (event) => {
 at('list').addEventListener('scroll', drawList);
 addEventListener('resize', drawList);
 addEventListener('hashchange', choose);
-document.addEventListener('visibilitychange', poll);
+document.addEventListener('visibilitychange', listen);
+setInterval(drawList, 10000);  // for how long they have been like that
 choose();

@@ -57,17 +57,17 @@ await 20 answers 'orv_root_devices{root="station-7",level="warning"}' 0
 curl -sS "http://127.0.0.1:$port/metrics" >metrics.txt
 promtool check metrics <metrics.txt
 for wrong in 0-64 3-2 1 '' 0-1x; do
-  curl -sS "http://127.0.0.1:$port/metrics?partitions=$wrong" | grep -q '^partitions: not A-B'
+  curl -sS "http://127.0.0.1:$port/metrics?partitions=$wrong" | jq -e '.error | startswith("partitions: not A-B")' >/dev/null
 done
 # The device is found by its identifier in another case.
 curl -sS "http://127.0.0.1:$port/api/devices?find=NET%2Feth1" |
   jq -e '.complete and [.devices[] | [.root, .id, .health]] ==
     [["station-7", "station-7/net/eth1", "OK"]]' >/dev/null
 [ "$(curl -sS -o body -w '%{http_code}' "http://127.0.0.1:$port/api/devices")" = 400 ]
-# What another page in the browser of somebody here could send, or a reader who wants much for little.
-for wrong in '403 Host: example.org' '403 Host: localhost.example.org:80' '416 Range: bytes=0-,0-'; do
-  [ "$(curl -sS -o body -w '%{http_code}' -H "${wrong#* }" "http://127.0.0.1:$port/")" = "${wrong%% *}" ]
-  [ ! -s body ]
+# What another page in the browser of somebody here could send.
+for host in example.org localhost.example.org:80; do
+  [ "$(curl -sS -o body -w '%{http_code}' -H "Host: $host" "http://127.0.0.1:$port/")" = 403 ]
+  jq -e .error body >/dev/null
 done
 ! collector forget station-7 --broker "$broker" 2>forget.log
 grep -Fq "'station-7' is online" forget.log

@@ -19,5 +19,5 @@ for name in station-7 station-8 station-9; do
   report_machine $name 0.5
 done
 put station-9/sys/class/net/eth1/carrier 1  # a machine that is well
-/usr/bin/python3 "$sources/tests/programs/page.py" "$sources" "$broker" "$(free_port)" \
+/usr/bin/python3 -B "$sources/tests/programs/page.py" "$sources" "$broker" "$(free_port)" \
   "${pictures[@]}"
