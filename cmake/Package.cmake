@@ -1,5 +1,5 @@
-# `cpack -G DEB`: a runtime and a development package for each of the libraries, by the components
-# that are installed.
+# `cpack -G DEB`: a runtime and a development package for each of the libraries, and one for each of
+# the programs that people run, by the components that are installed.
 #
 # The maintainer comes from DEBFULLNAME and DEBEMAIL, as with Debian's own tools, and the date of
 # the change log from SOURCE_DATE_EPOCH.
@@ -22,6 +22,9 @@ file(ARCHIVE_CREATE OUTPUT ${PROJECT_BINARY_DIR}/changelog.gz
 set(CPACK_PACKAGE_CONTACT "${maintainer_name} <${maintainer_email}>")
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR})
 set(CPACK_STRIP_FILES ON)
+# Services are not below the prefix.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -33,7 +36,8 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 # dpkg-shlibdeps finds the libraries that are built here, but not the package they will be in.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
-  ${PROJECT_BINARY_DIR}/device_tree ${PROJECT_BINARY_DIR}/proto/monitoring)
+  ${PROJECT_BINARY_DIR}/device_tree ${PROJECT_BINARY_DIR}/proto/monitoring
+  ${PROJECT_BINARY_DIR}/reporting)
 file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
 
 macro(add_package component name section depends description)
@@ -77,6 +81,33 @@ if(ORV_BUILD_REPORTING)
 For processes that keep their installations as device trees: a reporter
 publishes what changes in them to a broker, and a collector keeps the trees of
 all reporters, whatever is lost, doubled or reordered on the way.")
+endif()
+
+# Describes the package of a program, with the service of its name.
+macro(add_program_package component name about)
+  add_package(${component} ${name} net
+    "${device_tree_runtime} (= ${PROJECT_VERSION}), ${reporting_runtime} (= ${PROJECT_VERSION})"
+    "${about}")
+  set(${prefix}_PACKAGE_SHLIBDEPS ON)
+  set(${prefix}_PACKAGE_CONTROL_EXTRA)
+  foreach(file conffiles postinst prerm postrm)
+    list(APPEND ${prefix}_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/programs/packages/${name}/${file})
+  endforeach()
+endmacro()
+if(ORV_BUILD_PROGRAMS)
+  add_program_package(host_monitor orv-host-monitor "Watches this machine and reports it to a fleet
+Reads the machine from /proc and /sys: processors, memory, disks, network
+interfaces, filesystems and sensors, and reports over MQTT what changes.
+
+The service starts when it has been told its broker in
+/etc/orv/host-monitor.conf and enabled.")
+  add_program_package(collector orv-collector "Follows the machines of a fleet and shows them
+Keeps the device trees of all machines that report over MQTT, shows them on a
+page, and hands their values to Prometheus.
+
+The service starts when it has been told its broker in /etc/orv/collector.conf
+and enabled.")
+  set(${prefix}_PACKAGE_SUGGESTS "mosquitto, prometheus")
 endif()
 
 include(CPack)

@@ -12,11 +12,11 @@
 namespace {
 
 // The file that an option names, or else the credential of that name which the service manager has
-// handed over. An empty one is none.
+// handed over, broker_password for example. An empty one is none.
 std::string fileOf(const std::string& option, const char* credential) {
   const char* const directory = std::getenv("CREDENTIALS_DIRECTORY");
   if (!option.empty() || directory == nullptr) return option;
-  const auto file = std::filesystem::path(directory) / credential;
+  const auto file = std::filesystem::path(directory) / (std::string("broker_") + credential);
   std::error_code absent;
   const auto size = std::filesystem::file_size(file, absent);
   return !absent && size > 0 ? file.string() : "";
@@ -32,8 +32,8 @@ void addBrokerOptions(CLI::App& app, BrokerOptions& options) {
     app.add_option(name, file, description)->type_name("FILE");
   };
   addFile("--password-file", options.passwordFile,
-          "the first line of FILE is the password (default: the credential\n\"password\" of a "
-          "service, or ORV_PASSWORD of the environment)");
+          "the first line of FILE is the password (default: the credential\nbroker_password "
+          "of a service, or ORV_PASSWORD of the environment)");
   addFile("--ca", options.caFile,
           "certificate of the authority that signed the broker's (PEM; default:\n"
           "those that the system trusts)");

@@ -22,6 +22,7 @@ struct BrokerOptions {
 void addBrokerOptions(CLI::App& app, BrokerOptions& options);
 
 // The broker with its password, for a program that is about to connect. A file that no option names
-// is the service manager's credential `password`, `ca`, `certificate` or `key`, if there is one.
+// is the service manager's credential `broker_password`, `broker_ca`, `broker_certificate` or
+// `broker_key`, if there is one.
 // Throws std::invalid_argument or std::runtime_error.
 orv::reporting::Broker brokerOf(const BrokerOptions& options);

@@ -50,8 +50,8 @@ bool Service::waitAfterFailures(const Signals& signals) {
   if (count == 0) return true;
   const auto doublings = std::min<std::int64_t>(count - 1, 10);
   const seconds pause = std::min(firstPause * (std::int64_t{1} << doublings), longestPause);
-  tell("STATUS=Waits " + std::to_string(pause.count()) + " s, as " + std::to_string(count) +
-       " starts have failed");
+  tell("STATUS=Starts that failed: " + std::to_string(count) + ". Waits " +
+       std::to_string(pause.count()) + " s");
   return !signals.arrive(pause);
 }
 

@@ -18,7 +18,7 @@ packages_for() {
     check) echo clang clang-format clang-tidy cppcheck node-js-beautify ;;
     bench) echo libbenchmark-dev nlohmann-json3-dev python3 python3-matplotlib ;;
     docs) echo doxygen ;;
-    package) echo dpkg-dev file lintian devscripts ;;
+    package) echo dpkg-dev file lintian devscripts help2man ;;
     fuzz) echo clang libclang-rt-14-dev llvm ;;
     *)
       echo "dependencies.sh: unknown purpose '$1'" >&2
