@@ -43,10 +43,10 @@ install(FILES ${PROJECT_SOURCE_DIR}/examples/receiver.py
   COMPONENT device_tree_development)
 
 if(ORV_BUILD_REPORTING)
-  # A shared library brings libmosquitto by itself.
+  # A shared library brings what it needs by itself.
   set(pc_requires_private)
   if(NOT BUILD_SHARED_LIBS)
-    set(pc_requires_private libmosquitto)
+    set(pc_requires_private "libmosquitto openssl")
   endif()
   configure_file(${CMAKE_CURRENT_LIST_DIR}/orv-reporting.pc.in orv-reporting.pc @ONLY)
 

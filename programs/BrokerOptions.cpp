@@ -5,9 +5,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <stdexcept>
 
 #include "reporting/Broker.h"
+#include "reporting/Connection.h"
 
 namespace {
 
@@ -22,12 +24,22 @@ std::string fileOf(const std::string& option, const char* credential) {
   return !absent && size > 0 ? file.string() : "";
 }
 
+std::optional<std::string> passwordIn(const std::string& path) {
+  std::ifstream file(path);
+  std::string password;
+  if (!std::getline(file, password)) return std::nullopt;
+  return password;
+}
+
 }  // namespace
 
 void addBrokerOptions(CLI::App& app, BrokerOptions& options) {
-  app.add_option("--broker", options.url,
-                 "mqtt://[USER@]HOST[:PORT], or mqtts:// for an encrypted connection")
-      ->type_name("URL");
+  app.add_option("--broker", options.urls,
+                 "mqtt://[USER@]HOST[:PORT], or mqtts:// for an encrypted connection;\n"
+                 "more than once for brokers that stand in for each other")
+      ->type_name("URL")
+      ->type_size(1)
+      ->allow_extra_args(false);
   const auto addFile = [&app](const char* name, std::string& file, const char* description) {
     app.add_option(name, file, description)->type_name("FILE");
   };
@@ -44,18 +56,32 @@ void addBrokerOptions(CLI::App& app, BrokerOptions& options) {
 
 orv::reporting::Broker brokerOf(const BrokerOptions& options) {
   std::signal(SIGPIPE, SIG_IGN);  // a broken connection says so by itself
-  auto broker = orv::reporting::Broker::parse(options.url);
+  auto broker = orv::reporting::Broker::parseAll(options.urls);
   broker.caFile = fileOf(options.caFile, "ca");
   broker.certificateFile = fileOf(options.certificateFile, "certificate");
   broker.keyFile = fileOf(options.keyFile, "key");
   const std::string passwordFile = fileOf(options.passwordFile, "password");
   if (!passwordFile.empty()) {
-    std::ifstream file(passwordFile);
-    if (!std::getline(file, broker.password)) {
+    const auto password = passwordIn(passwordFile);
+    if (!password) {
       throw std::runtime_error("cannot read a password from '" + passwordFile + "'");
     }
+    broker.password = *password;
   } else if (const char* password = std::getenv("ORV_PASSWORD")) {
     broker.password = password;
   }
   return broker;
+}
+
+orv::reporting::ConnectionOptions connectionOptionsOf(const BrokerOptions& options) {
+  orv::reporting::ConnectionOptions result;
+  const std::string file = fileOf(options.passwordFile, "password");
+  if (file.empty()) return result;
+  const auto broker = brokerOf(options);
+  result.credentials =
+      [file, last = orv::reporting::Credentials{broker.user, broker.password}]() mutable {
+        last.password = passwordIn(file).value_or(last.password);  // it may be about to be replaced
+        return last;
+      };
+  return result;
 }

@@ -2,16 +2,18 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace CLI {
 class App;
 }
 namespace orv::reporting {
 struct Broker;
+struct ConnectionOptions;
 }
 
 struct BrokerOptions {
-  std::string url;
+  std::vector<std::string> urls;  // of brokers that stand in for each other
   std::string passwordFile;
   std::string caFile;
   std::string certificateFile;
@@ -26,3 +28,6 @@ void addBrokerOptions(CLI::App& app, BrokerOptions& options);
 // `broker_key`, if there is one.
 // Throws std::invalid_argument or std::runtime_error.
 orv::reporting::Broker brokerOf(const BrokerOptions& options);
+
+// Has the file with the password read at each attempt to connect: it may have another one by then.
+orv::reporting::ConnectionOptions connectionOptionsOf(const BrokerOptions& options);

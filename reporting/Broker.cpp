@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 #include <system_error>
 
@@ -25,7 +26,8 @@ Broker Broker::parse(const std::string& url) {
   }
   Broker broker;
   broker.isEncrypted = scheme == "mqtts";
-  broker.port = broker.isEncrypted ? 8883 : 1883;
+  Address& address = broker.addresses.emplace_back();
+  address.port = broker.isEncrypted ? 8883 : 1883;
   std::string rest = url.substr(schemeEnd + 3);
   const std::size_t at = rest.rfind('@');
   if (at != std::string::npos) {
@@ -35,22 +37,38 @@ Broker Broker::parse(const std::string& url) {
   std::size_t hostEnd = rest.find(':');
   if (!rest.empty() && rest.front() == '[') {
     hostEnd = rest.find(']');
-    broker.host = rest.substr(1, hostEnd - 1);
+    address.host = rest.substr(1, hostEnd - 1);
     if (hostEnd == std::string::npos) refuse("No ]");
     ++hostEnd;
   } else {
-    broker.host = rest.substr(0, hostEnd);
+    address.host = rest.substr(0, hostEnd);
   }
   const auto isStrange = [](unsigned char c) { return c <= ' ' || std::strchr("/?#[]", c); };
-  if (broker.host.empty() || std::any_of(broker.host.begin(), broker.host.end(), isStrange)) {
+  if (address.host.empty() || std::any_of(address.host.begin(), address.host.end(), isStrange)) {
     refuse("No host");
   }
   if (hostEnd < rest.size()) {
     const char* const end = rest.data() + rest.size();
-    const auto [last, error] = std::from_chars(rest.data() + hostEnd + 1, end, broker.port);
-    if (rest[hostEnd] != ':' || error != std::errc() || last != end || broker.port == 0) {
+    const auto [last, error] = std::from_chars(rest.data() + hostEnd + 1, end, address.port);
+    if (rest[hostEnd] != ':' || error != std::errc() || last != end || address.port == 0) {
       refuse("No port");
     }
+  }
+  return broker;
+}
+
+Broker Broker::parseAll(const std::vector<std::string>& urls) {
+  if (urls.empty()) throw std::invalid_argument("There is no URL of a broker");
+  Broker broker = parse(urls.front());
+  for (auto url = std::next(urls.begin()); url != urls.end(); ++url) {
+    const Broker other = parse(*url);
+    if (other.isEncrypted != broker.isEncrypted || other.user != broker.user) {
+      throw std::invalid_argument(
+          "Brokers that stand in for each other have one user, and all or "
+          "none of them mqtts://: '" +
+          urls.front() + "', '" + *url + "'");
+    }
+    broker.addresses.push_back(other.addresses.front());
   }
   return broker;
 }

@@ -3,11 +3,13 @@
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <exception>
 #include <fstream>
@@ -18,7 +20,8 @@
 #include <utility>
 #include <variant>
 
-#include "reporting/Backoff.h"
+#include "reporting/Encryption.h"
+#include "reporting/Route.h"
 #include "reporting/Seed.h"
 
 namespace orv::reporting {
@@ -29,15 +32,15 @@ using std::chrono::steady_clock;
 
 namespace {
 
-constexpr int keepaliveSeconds = 15;
-constexpr std::uint32_t sessionSeconds = 600;
-constexpr const char* systemCertificates = "/etc/ssl/certs";  // of Debian
+constexpr seconds willDelay(5);
 constexpr int mostOnTheirWay = 1000;  // in each direction, if the broker agrees
-constexpr seconds stable(10);  // a connection that lasts so long ends the growth of the pauses
-constexpr seconds upkeep(1);   // the longest time between two looks at the keep-alive
+constexpr seconds stable(10);    // a connection that lasts so long ends the growth of the pauses
+constexpr seconds patience(10);  // of an attempt with an address
+constexpr seconds upkeep(1);     // the longest time between two looks at the keep-alive
 // A broker that answers nothing for so long, though it keeps the connection alive, will not answer.
 constexpr seconds longestWait(60);
-constexpr seconds farewell(1);  // for each step of an orderly end
+constexpr seconds mostSeconds(0xffffffff);  // that MQTT can express
+constexpr seconds farewell(1);              // for each step of an orderly end
 
 // The client library's own state, kept for the life of the process.
 void initialise() {
@@ -71,7 +74,8 @@ class Properties {
     require(
         mosquitto_property_add_string_pair(&list_, MQTT_PROP_USER_PROPERTY, name, value.c_str()));
   }
-  const mosquitto_property* get() const { return list_; }
+  mosquitto_property* get() const { return list_; }
+  mosquitto_property* release() { return std::exchange(list_, nullptr); }
 
  private:
   static void require(int result) {
@@ -94,6 +98,33 @@ void readProperties(const mosquitto_property* properties, Message& message) {
     isLater = true;
   }
 }
+
+// Lines for people about connections. While these come and go for one and the same reason, as they
+// do for hours where a broker refuses something, each line is told once.
+class Notices {
+ public:
+  explicit Notices(std::function<void(const std::string&)> log) : log_(std::move(log)) {}
+
+  void tell(const std::string& line) {
+    if (!told_.insert(line).second) return;
+    last_ = line;
+    if (log_) log_(line);
+  }
+
+  // It stays as the line says.
+  void stays(const std::string& line) {
+    if (line != last_) {
+      told_.clear();
+      tell(line);
+    }
+    told_.clear();
+  }
+
+ private:
+  std::function<void(const std::string&)> log_;
+  std::set<std::string> told_;
+  std::string last_;
+};
 
 // What the client library says.
 struct Answered {
@@ -124,9 +155,29 @@ using Said = std::variant<Answered, Ended, Failed, Subscribed, Settled, Received
 // gone with it, and what may or may not have arrived the endpoint publishes again.
 class Connection::Client final : public Link {
  public:
-  Client(const Broker& broker, Endpoint& endpoint, std::function<void(const std::string&)> log)
-      : broker_(broker), endpoint_(endpoint), log_(std::move(log)) {
+  Client(const Broker& broker, Endpoint& endpoint, std::function<void(const std::string&)> log,
+         const ConnectionOptions& options)
+      : broker_(broker),
+        endpoint_(endpoint),
+        options_(options),
+        notices_(std::move(log)),
+        id_(options.clientName.empty() ? newId() : options.clientName),
+        continues_(options.outlivesProcess),
+        route_(broker.addresses) {
     initialise();
+    const auto isWithin = [](seconds value, seconds least, seconds most) {
+      return least <= value && value <= most;
+    };
+    if (!isWithin(options.keepAlive, seconds(5), seconds(65'535))) {
+      throw std::invalid_argument("The keep-alive is 5 to 65535 seconds");
+    }
+    if (!isWithin(options.sessionExpiry, seconds(0), mostSeconds)) {
+      throw std::invalid_argument("The expiry of a session is 0 to 4294967295 seconds");
+    }
+    if (options.outlivesProcess && options.clientName.empty()) {
+      throw std::invalid_argument("A session that outlives its process needs a client name");
+    }
+    if (broker.addresses.empty()) throw std::invalid_argument("The broker has no address");
     const bool hasFiles = !broker.caFile.empty() || !broker.certificateFile.empty();
     if (broker.certificateFile.empty() != broker.keyFile.empty()) {
       throw std::invalid_argument("A certificate needs its key, and a key its certificate");
@@ -153,7 +204,9 @@ class Connection::Client final : public Link {
   }
 
   void subscribe(const std::vector<std::string>& topics, Kept kept) override {
-    const int options = kept == Kept::ONCE ? MQTT_SUB_OPT_SEND_RETAIN_NEW : 0;
+    // What an earlier process was brought, this one has not got.
+    const bool hasBeenBrought = kept == Kept::ONCE && hasConnected_;
+    const int options = hasBeenBrought ? MQTT_SUB_OPT_SEND_RETAIN_NEW : 0;
     for (const std::string& topic : topics) {
       int number = 0;
       mosquitto_subscribe_v5(client_.get(), &number, topic.c_str(), 1, options, nullptr);
@@ -188,7 +241,7 @@ class Connection::Client final : public Link {
     const Time end = steady_clock::now() + duration;
     for (;;) {
       const Time now = steady_clock::now();
-      if (!client_ && nextAttempt_ <= now) connect(now);
+      if (!client_) attempt(now);
       if (isConnected_) due_ = endpoint_.serve(now);
       deliver();
       const bool isInterrupted = !wait(std::min(end, due(now)));
@@ -202,8 +255,7 @@ class Connection::Client final : public Link {
   bool wantsToWrite() const noexcept { return client_ && mosquitto_want_write(client_.get()); }
 
   Time due(Time now) const noexcept {
-    Time next = nextAttempt_;
-    if (client_) next = lastUpkeep_ + upkeep;
+    Time next = client_ ? lastUpkeep_ + upkeep : route_.due(now);
     if (isConnected_) next = std::min(due_, next);
     const bool hasNews = !said_.empty() || !refused_.empty();
     return hasNews ? now : std::max(now, next);
@@ -219,7 +271,7 @@ class Connection::Client final : public Link {
     }
     if (!isConnected_) return;
     Properties properties;
-    properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, 0);
+    if (!options_.outlivesProcess) properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, 0);
     const bool needsNoWill = isSaid && onTheirWay_.empty();
     mosquitto_disconnect_v5(client_.get(), needsNoWill ? 0 : MQTT_RC_DISCONNECT_WITH_WILL_MSG,
                             properties.get());
@@ -235,9 +287,25 @@ class Connection::Client final : public Link {
     void operator()(mosquitto* client) const { mosquitto_destroy(client); }
   };
 
-  void connect(Time now) {
+  void attempt(Time now) {
+    std::optional<Route::Place> place;
+    try {
+      place = route_.next(now);
+      if (place && broker_.isEncrypted) encryption_.emplace(broker_, place->broker.host);
+    } catch (const std::runtime_error& failure) {
+      tellOf(failure.what());
+      return route_.failed(now, random_);
+    }
+    if (place) connect(*place, now);
+  }
+
+  // The library's own call with properties waits for the network, and those that do not wait take
+  // none. But it keeps the properties also when it refuses to connect, and then sends them. The
+  // library holds the numeric address: looking up a name it waits as well.
+  void connect(const Route::Place& place, Time now) {
+    if (options_.credentials) credentials_ = options_.credentials();
     const std::optional<Message> will = endpoint_.connecting();
-    client_.reset(mosquitto_new(id_.c_str(), !hasSession_, this));
+    client_.reset(mosquitto_new(id_.c_str(), !continues_, this));
     if (!client_) throw std::bad_alloc();
     mosquitto* const client = client_.get();
     mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
@@ -250,42 +318,43 @@ class Connection::Client final : public Link {
     mosquitto_subscribe_v5_callback_set(client, onSubscribe);
     mosquitto_message_v5_callback_set(client, onMessage);
     mosquitto_log_callback_set(client, onLog);
+    isReached_ = false;
+    attemptEnd_ = now + patience;
     lastUpkeep_ = now;
     reason_.clear();
     int result = configure(client, will);
     if (result == MOSQ_ERR_SUCCESS) {
       Properties properties;
-      properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, sessionSeconds);
-      result = mosquitto_connect_bind_v5(client, broker_.host.c_str(), broker_.port,
-                                         keepaliveSeconds, nullptr, properties.get());
+      properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL,
+                     static_cast<std::uint32_t>(options_.sessionExpiry.count()));
+      mosquitto_connect_bind_v5(client, nullptr, 0, 0, nullptr, properties.get());
+      result = mosquitto_connect_async(client, place.address.c_str(), place.broker.port,
+                                       static_cast<int>(options_.keepAlive.count()));
     }
     if (result == MOSQ_ERR_SUCCESS) return;
     const std::string general = mosquitto_strerror(result);
     deliver();
-    lose(reason_.empty() ? general : reason_);
+    lose(general);
   }
 
-  int configure(mosquitto* client, const std::optional<Message>& will) const {
-    const auto orNull = [](const std::string& text) {
-      return text.empty() ? nullptr : text.c_str();
-    };
+  int configure(mosquitto* client, const std::optional<Message>& will) {
     int result = MOSQ_ERR_SUCCESS;
     if (will) {
+      Properties properties;
+      properties.add(MQTT_PROP_WILL_DELAY_INTERVAL, static_cast<std::uint32_t>(willDelay.count()));
       result =
           mosquitto_will_set_v5(client, will->topic.c_str(), static_cast<int>(will->payload.size()),
-                                will->payload.data(), 1, will->isRetained, nullptr);
+                                will->payload.data(), 1, will->isRetained, properties.get());
+      if (result == MOSQ_ERR_SUCCESS) properties.release();  // they are the library's now
     }
-    if (result == MOSQ_ERR_SUCCESS && !broker_.user.empty()) {
-      result = mosquitto_username_pw_set(client, broker_.user.c_str(), orNull(broker_.password));
+    if (result == MOSQ_ERR_SUCCESS && !credentials_.user.empty()) {
+      const std::string& password = credentials_.password;
+      result = mosquitto_username_pw_set(client, credentials_.user.c_str(),
+                                         password.empty() ? nullptr : password.c_str());
     }
     if (result == MOSQ_ERR_SUCCESS && broker_.isEncrypted) {
-      const bool isOfSystem = broker_.caFile.empty();
-      if (isOfSystem) result = mosquitto_int_option(client, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
-      if (result == MOSQ_ERR_SUCCESS && !(isOfSystem && broker_.certificateFile.empty())) {
-        result = mosquitto_tls_set(
-            client, orNull(broker_.caFile), isOfSystem ? systemCertificates : nullptr,
-            orNull(broker_.certificateFile), orNull(broker_.keyFile), nullptr);
-      }
+      mosquitto_int_option(client, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0);  // all of it is ours
+      result = mosquitto_void_option(client, MOSQ_OPT_SSL_CTX, encryption_->context());
     }
     return result;
   }
@@ -301,22 +370,42 @@ class Connection::Client final : public Link {
   }
 
   void exchange() {
+    const Time now = steady_clock::now();
+    if (!isConnected_ && now >= attemptEnd_) {
+      return lose(isReached_ ? "The broker does not answer" : "The address does not answer");
+    }
+    if (!isReached_ && !reach()) return;
     mosquitto* const client = client_.get();
     int result = mosquitto_loop_read(client, 1);
     if (result == MOSQ_ERR_SUCCESS && mosquitto_want_write(client)) {
       result = mosquitto_loop_write(client, 1);
     }
-    const Time now = steady_clock::now();
     if (result == MOSQ_ERR_SUCCESS && now - lastUpkeep_ >= upkeep) {
       lastUpkeep_ = now;
       result = mosquitto_loop_misc(client);
       const bool isMute = !onTheirWay_.empty() && now - lastAnswer_ > longestWait;
       if (result == MOSQ_ERR_SUCCESS && isMute) result = MOSQ_ERR_KEEPALIVE;
+      if (isConnected_ && now - connectedAt_ >= stable) notices_.stays(connectedLine());
     }
+    const std::string general = textOf(result);  // which errno is a part of
     deliver();
-    if (result != MOSQ_ERR_SUCCESS || mosquitto_socket(client) == -1) {
-      lose(!reason_.empty() ? reason_ : textOf(result));
+    if (client_ && (result != MOSQ_ERR_SUCCESS || mosquitto_socket(client) == -1)) lose(general);
+  }
+
+  // Whether the address has answered. The library would take a connection that is not yet made for
+  // one that is broken.
+  bool reach() {
+    pollfd socket = {mosquitto_socket(client_.get()), POLLOUT, 0};
+    if (poll(&socket, 1, 0) < 1) return false;
+    int fault = 0;
+    socklen_t size = sizeof(fault);
+    getsockopt(socket.fd, SOL_SOCKET, SO_ERROR, &fault, &size);
+    if (fault != 0) {
+      lose(std::strerror(fault));
+      return false;
     }
+    isReached_ = true;
+    return true;
   }
 
   // The client library says things while it holds locks and from C, which no exception may cross.
@@ -346,31 +435,39 @@ class Connection::Client final : public Link {
       return;
     }
     isConnected_ = true;
-    hasSession_ = true;
     connectedAt_ = now;
     due_ = Time();
-    log("Connected to " + broker_.host + ":" + std::to_string(broker_.port));
+    notices_.tell(connectedLine());
     endpoint_.connected(*this, now);
+    continues_ = true;
+    hasConnected_ = true;
   }
 
   void handle(const Ended& end, Time /*now*/) {
     if (end.code >= MQTT_RC_UNSPECIFIED) reason_ = mosquitto_reason_string(end.code);
     if (end.code == MQTT_RC_SESSION_TAKEN_OVER) {
-      // Somebody has the same identifier, as the copy of a process has. The two would take the
-      // session from each other for ever.
+      // Somebody has the same name, as the copy of a process has. The two would take the session
+      // from each other for ever.
+      if (!options_.clientName.empty()) {
+        notices_.tell("Another process has the client name " + id_ + ": going on without it");
+      }
       id_ = newId();
-      hasSession_ = false;
+      continues_ = false;
     }
   }
 
-  // Of an encrypted connection that fails, the library's log alone says why.
+  // Of an encrypted connection that fails, the library's log alone says why: a number and where it
+  // happened, then the reason.
   void handle(const Failed& failure, Time /*now*/) {
-    if (reason_.empty()) reason_ = failure.reason;
+    const std::size_t place = failure.reason.rfind("::");
+    if (!reason_.empty()) return;
+    reason_ =
+        place == std::string::npos ? failure.reason : "TLS: " + failure.reason.substr(place + 2);
   }
 
   void handle(const Subscribed& answer, Time /*now*/) {
     if (answer.isRefused) {
-      log("The broker refuses a subscription to " + subscriptions_[answer.number]);
+      notices_.tell("The broker refuses a subscription to " + subscriptions_[answer.number]);
     }
     subscriptions_.erase(answer.number);
   }
@@ -392,31 +489,42 @@ class Connection::Client final : public Link {
     std::string kind = topic.substr(0, topic.rfind('/'));
     kind.erase(kind.find_last_not_of("0123456789") + 1);
     if (!rightsMissed_.insert(kind).second) return;
-    const std::string user = broker_.user.empty() ? "a user without name" : "user " + broker_.user;
-    log("The broker does not let " + user + " publish to " + topic);
+    const std::string& name = credentials_.user;
+    const std::string user = name.empty() ? "a user without name" : "user " + name;
+    notices_.tell("The broker does not let " + user + " publish to " + topic);
   }
 
   void handle(const Received& received, Time now) { endpoint_.received(received.message, now); }
 
-  void lose(const std::string& reason) {
+  // For the reason that is known, or else the general one.
+  void lose(const std::string& general) {
     const Time now = steady_clock::now();
+    std::string reason = reason_.empty() ? general : reason_;
+    if (encryption_ && !encryption_->problem().empty()) reason = encryption_->problem();
     client_.reset();
+    encryption_.reset();
     onTheirWay_.clear();
     subscriptions_.clear();
     said_.clear();
     refused_.clear();
-    if (isConnected_ && now - connectedAt_ >= stable) pauses_.reset();
-    nextAttempt_ = now + pauses_.next(random_);
-    if (std::exchange(isConnected_, false)) endpoint_.disconnected(now);
-    log("No connection to " + broker_.host + ":" + std::to_string(broker_.port) + ": " + reason);
+    tellOf(reason);
+    if (std::exchange(isConnected_, false)) {
+      route_.lost(now - connectedAt_ >= stable, now, random_);
+      endpoint_.disconnected(now);
+    } else {
+      route_.failed(now, random_);
+    }
   }
 
   static std::string newId() { return "orv-" + std::to_string(drawSeed()); }
 
-  // The same reason once in a row.
-  void log(const std::string& line) {
-    if (line != lastLine_ && log_) log_(line);
-    lastLine_ = line;
+  std::string placeText() const {
+    const Broker::Address& broker = route_.broker();
+    return broker.host + ":" + std::to_string(broker.port);
+  }
+  std::string connectedLine() const { return "Connected to " + placeText(); }
+  void tellOf(const std::string& failure) {
+    notices_.tell("No connection to " + placeText() + ": " + failure);
   }
 
   template <typename MakeSaid>
@@ -468,11 +576,16 @@ class Connection::Client final : public Link {
 
   Broker broker_;
   Endpoint& endpoint_;
-  std::function<void(const std::string&)> log_;
+  ConnectionOptions options_;
+  Notices notices_;
+  Credentials credentials_{broker_.user, broker_.password};
   std::mt19937_64 random_{drawSeed()};
-  std::string id_ = newId();
-  bool hasSession_ = false;
+  std::string id_;
+  bool continues_;  // the session that the broker has under that name
+  bool hasConnected_ = false;
+  Route route_;
 
+  std::optional<Encryption> encryption_;  // of the client, which ends before it
   std::unique_ptr<mosquitto, Free> client_;
   std::deque<Said> said_;
   std::deque<std::pair<std::uint64_t, std::string>> refused_;  // messages, at once, with the reason
@@ -488,14 +601,14 @@ class Connection::Client final : public Link {
   Time lastAnswer_;  // or since when one is waited for
   Time due_;
   Time lastUpkeep_;
-  Time nextAttempt_;
-  Backoff pauses_{milliseconds(500), seconds(30)};
-  std::string lastLine_;
+  bool isReached_ = false;  // by the client
+  Time attemptEnd_;
 };
 
 Connection::Connection(const Broker& broker, Endpoint& endpoint,
-                       std::function<void(const std::string&)> log)
-    : client_(std::make_unique<Client>(broker, endpoint, std::move(log))) {}
+                       std::function<void(const std::string&)> log,
+                       const ConnectionOptions& options)
+    : client_(std::make_unique<Client>(broker, endpoint, std::move(log), options)) {}
 
 Connection::~Connection() = default;
 

@@ -11,42 +11,74 @@
 
 namespace orv::reporting {
 
+/// As whom to connect; empty for nobody, or without a password.
+struct Credentials {
+  std::string user;
+  std::string password;
+};
+
+struct ConnectionOptions {
+  /// The name by which the broker knows the client and its session. Empty for one drawn at random,
+  /// which no other process has. Two processes of one name take the session from each other: the
+  /// one that loses it goes on under a random name and says so.
+  std::string clientName;
+  /// How long the broker keeps the session, and queues for it, while there is no connection. A
+  /// process that ends without order leaves it behind for so long. Below five seconds the broker
+  /// publishes the will earlier.
+  std::chrono::seconds sessionExpiry{30};
+  /// Whether the session outlives the process: it goes on with what an earlier process of the same
+  /// client name left, and the end of the connection leaves it to the next. For endpoints that only
+  /// listen; a reporter would take what it said in its earlier life for another process of its
+  /// name.
+  bool outlivesProcess = false;
+  /// The broker ends a connection on which it hears nothing for one and a half times as long. So a
+  /// program that does something else for longer between two calls of `serve` loses it each time.
+  /// From 5 to 65,535 seconds. A dead connection is noticed after that time.
+  std::chrono::seconds keepAlive{15};
+  /// Asked at each attempt to connect, in place of the broker's user and password: for those that
+  /// change. It must not call the connection. What it throws passes through `serve`.
+  std::function<Credentials()> credentials;
+};
+
 /// Connects one endpoint with an MQTT 5 broker, again and again.
 ///
-/// It starts no thread: everything happens within `serve`, on the thread that calls it. After a
-/// connection is lost or refused, it tries again after a pause, drawn at random, that grows from
-/// half a second to half a minute. A broker that acknowledges nothing for a minute counts as lost.
+/// Everything happens within `serve`, on the thread that calls it; but the C library looks names up
+/// on a thread of its own. After a connection is lost or refused, it tries the next address of the
+/// broker, and when it has tried all, again after a pause, drawn at random, that grows from half a
+/// second to half a minute. An address that is not reached or does not answer within ten seconds
+/// counts as refused, and a broker that acknowledges nothing for a minute as lost.
 ///
-/// The first connection starts a session of its own at the broker. Later ones continue it, and the
-/// broker keeps it for ten minutes without a connection.
+/// The first connection starts a session of its own at the broker, unless the options say
+/// otherwise; later ones continue it. When a connection breaks, the broker waits for five seconds
+/// before it publishes the will: a reporter that is back by then was never gone.
 ///
 /// The endpoint must outlive the connection. One thread at a time uses both. A program with an
 /// encrypted connection ignores SIGPIPE, which a broken one raises.
 class ORV_REPORTING_EXPORT Connection {
  public:
   /// `log` gets a line for people when a connection is made, lost or cannot be made, and when the
-  /// broker refuses a subscription. It gets the same line once in a row. Does not connect yet.
-  /// Throws std::runtime_error when one of the broker's files cannot be read, and
-  /// std::invalid_argument for a certificate without its key, for certificates without encryption
-  /// and for a password without a user.
-  Connection(const Broker& broker, Endpoint& endpoint, std::function<void(const std::string&)> log);
+  /// broker refuses a subscription. While connections come and go, it gets each line once, until
+  /// one has lasted for ten seconds. Does not connect yet. Throws std::runtime_error when one of
+  /// the broker's files cannot be read, and std::invalid_argument for a broker without an address,
+  /// a certificate without its key, certificates without encryption, a password without a user and
+  /// options that make no sense.
+  Connection(const Broker& broker, Endpoint& endpoint, std::function<void(const std::string&)> log,
+             const ConnectionOptions& options = {});
 
   /// Ends the connection in order: hears the endpoint's last words, then disconnects; the broker
-  /// drops the session, and publishes the will if there were no last words. Waits up to a second
-  /// until the broker has taken everything, and up to another one for the end to be written. Then
-  /// tells the endpoint that it is disconnected, so that another connection can serve it. What
-  /// endpoint and `log` throw is dropped.
+  /// drops the session, unless it outlives the process, and publishes the will if there were no
+  /// last words. Waits up to a second until the broker has taken everything, and up to another one
+  /// for the end to be written. Then tells the endpoint that it is disconnected, so that another
+  /// connection can serve it. What endpoint and `log` throw is dropped.
   ~Connection();
 
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
   /// Serves the connection for so long; with zero, does what can be done at once. A signal ends it
-  /// early. Passes on what the endpoint and `log` throw, and std::bad_alloc; it can be called
-  /// again then.
-  ///
-  /// While it connects it blocks: looking up the host and reaching it take as long as the system
-  /// makes them. With an address that nobody answers for, that can be two minutes.
+  /// early. Passes on what the endpoint, `log` and `credentials` throw, and std::bad_alloc; it can
+  /// be called again then. Waits for nobody beyond the duration, also while it connects: neither
+  /// for a name server, nor for an address that does not answer, nor for the encryption to begin.
   void serve(std::chrono::milliseconds duration);
 
   bool isConnected() const noexcept;

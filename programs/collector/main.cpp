@@ -124,7 +124,8 @@ void collect(const Options& options) {
   };
   callbacks.problem = logLine;
   Fleet fleet(callbacks, options.collector);
-  orv::reporting::Connection connection(brokerOf(options.broker), fleet, logLine);
+  orv::reporting::Connection connection(brokerOf(options.broker), fleet, logLine,
+                                        connectionOptionsOf(options.broker));
   std::shared_ptr<void> http;
   if (options.httpPort) http = serveHttp(options.httpAddress, *options.httpPort, fleet, logLine);
   service.ready();

@@ -152,7 +152,8 @@ void publish(const Options& options) {
   };
   callbacks.problem = log;
   orv::reporting::Reporter reporter(monitor.live()->getDeviceId(), callbacks);
-  orv::reporting::Connection connection(brokerOf(options.broker), reporter, log);
+  orv::reporting::Connection connection(brokerOf(options.broker), reporter, log,
+                                        connectionOptionsOf(options.broker));
   service.ready();
   for (;;) {
     monitor.read();
@@ -178,7 +179,7 @@ int main(int argc, char** argv) {
   return runProgram(argv[0], [&] {
     const auto options = parse(argc, argv);
     if (!options) return;
-    if (!options->broker.url.empty()) {
+    if (!options->broker.urls.empty()) {
       publish(*options);
     } else if (Service().isPresent()) {
       throw std::invalid_argument("no broker is named, which a service needs");

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <vector>
 
@@ -9,15 +10,21 @@ namespace {
 
 using orv::reporting::Broker;
 
-// What a URL yields, or how its refusal begins.
-std::string read(const std::string& url) {
+// What URLs yield, or how their refusal begins.
+std::string read(const std::vector<std::string>& urls) {
+  const std::string url = urls.empty() ? "" : urls.front();
   try {
-    const Broker broker = Broker::parse(url);
-    return (broker.isEncrypted ? "TLS to " : "") + broker.host + " at " +
-           std::to_string(broker.port) + (broker.user.empty() ? "" : " as " + broker.user);
+    const Broker broker = urls.size() == 1 ? Broker::parse(url) : Broker::parseAll(urls);
+    std::string text = broker.isEncrypted ? "TLS to " : "";
+    for (const auto& [host, port] : broker.addresses) {
+      if (&host != &broker.addresses.front().host) text += ", ";
+      text += host + " at " + std::to_string(port);
+    }
+    return text + (broker.user.empty() ? "" : " as " + broker.user);
   } catch (const std::invalid_argument& refusal) {
     const std::string text = refusal.what();
-    return text.substr(0, text.find(" in the broker's URL '" + url + "';"));
+    return text.substr(0,
+                       std::min(text.find(" in the broker's URL '" + url + "';"), text.find(": ")));
   }
 }
 
@@ -40,8 +47,15 @@ TEST(Broker, IsReadFromItsUrl) {
         "mqtt://2001:db8::1"}},
   };
   for (const auto& [result, urls] : table) {
-    for (const std::string& url : urls) EXPECT_EQ(read(url), result) << url;
+    for (const std::string& url : urls) EXPECT_EQ(read({url}), result) << url;
   }
+  const std::string mixed =
+      "Brokers that stand in for each other have one user, and all or none of "
+      "them mqtts://";
+  EXPECT_EQ(read({"mqtts://me@a", "mqtts://me@[::1]:9"}), "TLS to a at 8883, ::1 at 9 as me");
+  EXPECT_EQ(read({"mqtt://a", "mqtts://b"}), mixed);
+  EXPECT_EQ(read({"mqtt://me@a", "mqtt://b"}), mixed);
+  EXPECT_EQ(read({}), "There is no URL of a broker");
 }
 
 }  // namespace

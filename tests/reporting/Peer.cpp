@@ -1,18 +1,25 @@
 // A reporter or a collector that faults.py starts, gives orders on standard input, and kills:
 //
 //   reporter URL NAME SEED ROOTS    reports the roots NAME/0, NAME/1 and so on
-//   collector URL
+//   collector URL [CLIENT]          with the session of that client name, which outlives it
 //   idle URL                        a collector that is served by a loop of its own, without orders
+//   hurry URL                       a collector that says how long it was held up, without orders
+//
+// URL may be several of them with commas between.
 
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <iostream>
 #include <random>
+#include <sstream>
 
 #include "loop.inc"
 #include "reporting/Collector.h"
@@ -64,6 +71,19 @@ void change(const Tree& root, std::mt19937& random, const std::string& value) {
   }
 }
 
+// With the password that is in the file at that moment.
+ConnectionOptions connectionOptions() {
+  ConnectionOptions options;
+  if (const char* const file = std::getenv("ORV_PASSWORD_FILE")) {
+    options.credentials = [file] {
+      Credentials credentials{"user", ""};
+      std::getline(std::ifstream(file) >> std::ws, credentials.password);
+      return credentials;
+    };
+  }
+  return options;
+}
+
 void report(const Broker& broker, const std::string& name, const std::string& seed, int count) {
   std::mt19937 random(static_cast<unsigned int>(std::stoul(seed)));
   int changes = 0;
@@ -73,7 +93,7 @@ void report(const Broker& broker, const std::string& name, const std::string& se
   options.heartbeat = milliseconds(2000);
   options.treePause = milliseconds(1000);
   Reporter reporter(name, {{}, say}, options);
-  Connection connection(broker, reporter, say);
+  Connection connection(broker, reporter, say, connectionOptions());
   std::vector<Tree> trees;
   for (int number = 0; number < count; ++number) {
     trees.push_back(makeDevice(name + "/" + std::to_string(number), newValue()));
@@ -103,9 +123,15 @@ void report(const Broker& broker, const std::string& name, const std::string& se
   }
 }
 
-void collect(const Broker& broker) {
-  Collector collector({{}, {}, say});
-  Connection connection(broker, collector, say);
+void collect(const Broker& broker, const std::string& client) {
+  const auto tell = [](const std::string& root, Condition condition) {
+    if (condition == Condition::REPORTER_GONE) say("gone: " + root);
+  };
+  Collector collector({{}, tell, say});
+  ConnectionOptions options = connectionOptions();
+  options.clientName = client;
+  options.outlivesProcess = !client.empty();
+  Connection connection(broker, collector, say, options);
   for (std::string order; order != "end"; order = nextOrder()) {
     if (order == "show") {
       for (const std::string& id : collector.roots()) {
@@ -124,19 +150,42 @@ void idle(const Broker& broker) {
   serveUntilReadable(STDIN_FILENO, connection);
 }
 
+void hurry(const Broker& broker) {
+  Collector collector({{}, {}, say});
+  Connection connection(broker, collector, say);
+  auto longest = milliseconds(0);
+  for (int i = 0; i < 30; ++i) {
+    const auto begin = std::chrono::steady_clock::now();
+    connection.serve(milliseconds(100));
+    const auto taken = std::chrono::steady_clock::now() - begin;
+    longest = std::max(longest, std::chrono::ceil<milliseconds>(taken));
+  }
+  say("longest " + std::to_string(longest.count()));
+}
+
+Broker brokerOf(const std::string& urls) {
+  std::vector<std::string> list;
+  std::istringstream stream(urls);
+  for (std::string url; std::getline(stream, url, ',');) list.push_back(url);
+  Broker broker = Broker::parseAll(list);
+  if (const char* const password = std::getenv("ORV_PASSWORD")) broker.password = password;
+  if (const char* const file = std::getenv("ORV_CA")) broker.caFile = file;
+  return broker;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::vector<std::string> arguments(argv, argv + argc);
   std::signal(SIGPIPE, SIG_IGN);
   std::setvbuf(stdin, nullptr, _IONBF, 0);  // so that poll sees each order
-  Broker broker = Broker::parse(arguments.at(2));
-  if (const char* const password = std::getenv("ORV_PASSWORD")) broker.password = password;
-  if (const char* const file = std::getenv("ORV_CA")) broker.caFile = file;
+  const Broker broker = brokerOf(arguments.at(2));
   if (arguments.at(1) == "collector") {
-    collect(broker);
+    collect(broker, argc > 3 ? arguments.at(3) : "");
   } else if (arguments.at(1) == "idle") {
     idle(broker);
+  } else if (arguments.at(1) == "hurry") {
+    hurry(broker);
   } else {
     report(broker, arguments.at(3), arguments.at(4), std::stoi(arguments.at(5)));
   }

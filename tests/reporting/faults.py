@@ -1,5 +1,5 @@
 """Plays faults against real brokers, with reporters and collectors in processes:
-faults.py PEER MOSQUITTO PROTOC FAKETIME SOURCES
+faults.py PEER MOSQUITTO PROTOC FAKETIME SOURCES [SCENARIO...]
 
 The trees change all the time. After each fault the collector, and one that starts only then, must
 come to what the reporters have. All scenarios run at once, as they mostly wait.
@@ -18,7 +18,7 @@ import sys
 import tempfile
 import time
 
-PEER, MOSQUITTO, PROTOC, FAKETIME, SOURCES = sys.argv[1:]
+PEER, MOSQUITTO, PROTOC, FAKETIME, SOURCES, *CHOSEN = sys.argv[1:]
 
 
 def run(*command, **options):
@@ -37,10 +37,10 @@ def heads(trees):
 
 
 class Peer:
-    def __init__(self, path, environment, *arguments):
+    def __init__(self, path, environment, *command):
         self.path = path
         with open(path, "w") as output:
-            self.process = subprocess.Popen([PEER, *arguments], stdin=subprocess.PIPE, text=True,
+            self.process = subprocess.Popen(command, stdin=subprocess.PIPE, text=True,
                                             stdout=output, stderr=output, env=environment)
 
     def order(self, order):
@@ -66,9 +66,9 @@ class Peer:
 class Stage:
     """The broker, the reporters and the collector of one scenario."""
 
-    def __init__(self, directory, port):
-        self.directory, self.port, self.broker = directory, port, None
-        self.url, self.environment = f"mqtt://localhost:{port}", {}
+    def __init__(self, directory):
+        self.directory, self.port, self.broker = directory, next(PORTS), None
+        self.url, self.environment, self.within = f"mqtt://localhost:{self.port}", {}, ()
         self.peers, self.reporters = [], {}
 
     def start_broker(self, *settings):
@@ -96,7 +96,8 @@ class Stage:
 
     def start(self, mode, *arguments):
         path = self.directory / f"{len(self.peers)} {mode}"
-        self.peers.append(Peer(path, os.environ | self.environment, mode, self.url, *arguments))
+        self.peers.append(Peer(path, os.environ | self.environment, *self.within, PEER, mode, self.url,
+                               *arguments))
         return self.peers[-1]
 
     def report(self, name, roots="3"):
@@ -149,6 +150,84 @@ def broker_that_does_not_answer(stage):
     for peer in (stage.collector, *stage.reporters.values()):
         peer.tells("No connection")
     stage.broker.send_signal(signal.SIGCONT)
+    stage.agree()
+
+
+def mute_listener(is_full):
+    """Says nothing; with a full queue, does not even take a connection."""
+    listener = socket.create_server(("127.0.0.1", 0), backlog=0 if is_full else 9)
+    waiting = [socket.socket() for _ in range(3 if is_full else 0)]
+    for client in waiting:
+        client.setblocking(False)
+        client.connect_ex(listener.getsockname())
+    return [listener, *waiting]
+
+
+MUTE_NAME_SERVER = """
+import fcntl, os, socket, struct, sys
+server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+fcntl.ioctl(server, 0x8914, struct.pack("16sh14x", b"lo", 65))  # the loopback is up
+server.bind(("127.0.0.1", 53))
+server.set_inheritable(True)
+os.execv(sys.argv[1], sys.argv[1:])
+"""
+
+
+def addresses_that_do_not_answer(stage):
+    """And a name server, where one may have namespaces with such a one."""
+    listeners, held = [mute_listener(False), mute_listener(True)], []
+    for listener, *_ in listeners:
+        for scheme in ("mqtt", "mqtts"):
+            stage.url = f"{scheme}://127.0.0.1:{listener.getsockname()[1]}"
+            held.append(stage.start("hurry"))
+    stage.within = ("unshare", "-rnm")
+    if subprocess.run([*stage.within, "true"], stderr=subprocess.DEVNULL).returncode == 0:
+        settings, server = stage.directory / "resolv.conf", stage.directory / "server.py"
+        settings.write_text("nameserver 127.0.0.1\noptions timeout:30\n")
+        server.write_text(MUTE_NAME_SERVER)
+        stage.url = "mqtt://broker.example.org"
+        stage.within += ("sh", "-c", 'mount --bind "$0" /etc/resolv.conf && exec "$@"', settings,
+                         sys.executable, server)
+        held.append(stage.start("hurry"))
+    for peer in held:
+        peer.tells("longest ")
+        assert int(peer.path.read_text().split("longest ")[1]) < 2000, "held up"
+        assert peer.count("onnect") == 0, "not held up"
+        peer.end()
+    stage.within, stage.url = (), f"mqtt://localhost:{stage.port}"
+    stage.begin()
+
+
+def brokers_that_stand_in(stage):
+    ports = [stage.port, next(PORTS)]
+    stage.url = ",".join(f"mqtt://localhost:{port}" for port in ports)
+    for stage.port in reversed(ports):
+        stage.start_broker() if stage.reporters else stage.begin()
+        for peer in (stage.collector, *stage.reporters.values()):
+            peer.tells(f"Connected to localhost:{stage.port}")
+        stage.agree()
+
+
+def sessions_that_go_on(stage):
+    """Through the end of the broker, and of the collector that has one of its own name."""
+    log = stage.directory / "broker.log"
+    stage.start_broker("log_type all")
+    stage.collector = stage.start("collector", "history")
+    stage.report("hall/a")
+    stage.agree()
+    stage.broker.terminate()
+    stage.broker.wait()
+    stage.start_broker("log_type all")
+    wait("a session", lambda: re.search(r"SUBACK to history", log.read_text()))
+    wait("events", lambda: re.search(r"PUBLISH to history .* r0, .*/event/", log.read_text()))
+    assert not re.search(r"PUBLISH to history .* r1, .*/event/", log.read_text()), "trees again"
+    stage.collector.end()
+    begin = log.stat().st_size
+    wait("events", lambda: log.read_text()[begin:].count("/event/") > 20)
+    stage.collector = stage.start("collector", "history")
+    wait("what came meanwhile", lambda: re.search(
+        r"CONNACK to history \(1, 0\)(.|\n)*PUBLISH to history .* r0, .*/event/(.|\n)*"
+        r"PUBLISH to history .* r1, .*/event/", log.read_text()))
     stage.agree()
 
 
@@ -262,15 +341,16 @@ def wrong_password(stage):
     log, passwords = stage.directory / "broker.log", stage.directory / "passwords"
     run("mosquitto_passwd", "-c", "-b", passwords, "user", "right")
     stage.start_broker(f"password_file {passwords}")
-    stage.url, stage.environment = f"mqtt://user@localhost:{stage.port}", {"ORV_PASSWORD": "other"}
+    stage.url, password = f"mqtt://user@localhost:{stage.port}", stage.directory / "password"
+    stage.environment = {"ORV_PASSWORD_FILE": str(password)}
+    password.write_text("wrong")
     begin = time.monotonic()
     stage.collector = stage.start("collector")
     stage.report("hall/a")
     wait("attempts", lambda: log.read_text().count("not authorised") >= 10)
     assert time.monotonic() - begin > 3, "the pauses do not grow"
     assert all(peer.count("Not authorized") == 1 for peer in stage.peers), "not told once"
-    run("mosquitto_passwd", "-b", passwords, "user", "other")
-    stage.broker.send_signal(signal.SIGHUP)
+    password.write_text("right")
     stage.agree()
 
 
@@ -287,7 +367,7 @@ def encrypted(stage):
     stage.start_broker(f"certfile {certificate}", f"keyfile {key}")
     stage.agree()
     for peer in strangers:
-        peer.tells("verif")
+        peer.tells("The broker's certificate is no good for ")
         assert peer.count("Connected") == 0, "connected to a broker that it cannot trust"
 
 
@@ -387,10 +467,10 @@ def receiver_in_python(stage):
     stage.agree()
 
 
-def play(scenario, port):
+def play(scenario):
     begin = time.monotonic()
     with tempfile.TemporaryDirectory() as directory:
-        stage = Stage(pathlib.Path(directory), port)
+        stage = Stage(pathlib.Path(directory))
         try:
             scenario(stage)
             stage.end()
@@ -403,16 +483,19 @@ def play(scenario, port):
             return False
         finally:
             for process in [peer.process for peer in stage.peers] + [stage.broker]:
-                process.kill()
+                if process:
+                    process.kill()
 
 
 SCENARIOS = [
-    broker_back_in_an_earlier_state, broker_that_does_not_answer, own_event_loop, peers_killed,
+    broker_back_in_an_earlier_state, broker_that_does_not_answer, addresses_that_do_not_answer,
+    brokers_that_stand_in, sessions_that_go_on, own_event_loop, peers_killed,
     two_reporters_of_one_name, clocks_set_back, event_too_large, event_not_allowed,
     rights_that_are_missing, wrong_password,
     encrypted, example_of_a_broker, strangers, receiver_in_python]
 # Free ports below those that the system gives to clients.
-PORTS = [port for port in random.sample(range(20000, 32000), 2 * len(SCENARIOS))
-         if socket.socket().connect_ex(("localhost", port)) != 0]
+PORTS = iter([port for port in random.sample(range(20000, 32000), 4 * len(SCENARIOS))
+              if socket.socket().connect_ex(("localhost", port)) != 0])
+PLAYED = [scenario for scenario in SCENARIOS if not CHOSEN or scenario.__name__ in CHOSEN]
 with concurrent.futures.ThreadPoolExecutor(len(SCENARIOS)) as pool:
-    sys.exit(not all(list(pool.map(play, SCENARIOS, PORTS))))
+    sys.exit(not all(list(pool.map(play, PLAYED))))
