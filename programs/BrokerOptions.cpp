@@ -37,8 +37,7 @@ void addBrokerOptions(CLI::App& app, BrokerOptions& options) {
   app.add_option("--broker", options.urls,
                  "mqtt://[USER@]HOST[:PORT], or mqtts:// for an encrypted connection;\n"
                  "more than once for brokers that stand in for each other")
-      ->type_name("URL")
-      ->type_size(1)
+      ->option_text("URL")
       ->allow_extra_args(false);
   const auto addFile = [&app](const char* name, std::string& file, const char* description) {
     app.add_option(name, file, description)->type_name("FILE");
