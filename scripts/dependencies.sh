@@ -12,7 +12,7 @@ packages_for() {
     test) echo libgtest-dev python3 python3-protobuf mosquitto mosquitto-clients openssl \
       faketime python3-paho-mqtt binutils locales ;;
     broker) echo mosquitto ;;
-    web) echo zlib1g-dev prometheus-cpp-dev nlohmann-json3-dev ;;
+    web) echo zlib1g-dev nlohmann-json3-dev ;;
     web-test) echo prometheus curl jq python3-selenium chromium chromium-driver \
       python3-jsonschema python3-yaml fonts-dejavu-core ;;
     check) echo clang clang-format clang-tidy cppcheck node-js-beautify ;;

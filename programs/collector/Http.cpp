@@ -140,7 +140,8 @@ HttpAnswer answerRoot(const Fleet& fleet, Untaken& untaken, const std::string& i
   return jsonAnswer(text, tag);
 }
 
-HttpAnswer answerMetrics(const Fleet& fleet, const HttpRequest& request) {
+HttpAnswer answerMetrics(const Fleet& fleet, const MetricOptions& options,
+                         const HttpRequest& request) {
   Partitions partitions;
   try {
     if (const auto range = request.parameter("partitions")) partitions = partitionsOf(*range);
@@ -148,7 +149,7 @@ HttpAnswer answerMetrics(const Fleet& fleet, const HttpRequest& request) {
     return refusal(400, std::string("partitions: ") + fault.what());
   }
   HttpAnswer answer{200, "text/plain; version=0.0.4; charset=utf-8", nullptr};
-  answer.pieces = [metrics = std::make_shared<Metrics>(fleet, partitions)] {
+  answer.pieces = [metrics = std::make_shared<Exposition>(metricsOf(fleet, partitions, options))] {
     return metrics->next();
   };
   return answer;
@@ -170,7 +171,8 @@ bool isOfThisMachine(const std::string& name) {
 // Answers all questions about the fleet.
 class Site {
  public:
-  Site(const std::string& address, std::uint16_t port, Fleet& fleet);
+  Site(const std::string& address, std::uint16_t port, Fleet& fleet,
+       const MetricOptions& metricOptions);
   Site(const Site&) = delete;
   Site& operator=(const Site&) = delete;
   ~Site();
@@ -182,14 +184,17 @@ class Site {
   bool isForUs(const std::string& host) const;
 
   Fleet& fleet_;
+  const MetricOptions metricOptions_;
   FleetNews news_;
   Untaken untaken_;
   const std::string name_;  // of the address in a URL
   HttpServer server_;
 };
 
-Site::Site(const std::string& address, std::uint16_t port, Fleet& fleet)
+Site::Site(const std::string& address, std::uint16_t port, Fleet& fleet,
+           const MetricOptions& metricOptions)
     : fleet_(fleet),
+      metricOptions_(metricOptions),
       news_(fleet),
       name_(address.find(':') == std::string::npos ? address : "[" + address + "]"),
       server_(address, port, [this](const HttpRequest& request) { return answer(request); }) {
@@ -211,7 +216,7 @@ HttpAnswer Site::answer(const HttpRequest& request) {
   if (path == "/") return textAnswer(page_html, "text/html");
   if (path == "/page.css") return textAnswer(page_css, "text/css");
   if (path == "/page.js") return textAnswer(page_js, "text/javascript");
-  if (path == "/metrics") return answerMetrics(fleet_, request);
+  if (path == "/metrics") return answerMetrics(fleet_, metricOptions_, request);
   if (path == "/api/roots") return answerRoots(fleet_, untaken_, request);
   if (path == "/api/devices") return answerDevices(fleet_, request);
   if (path == "/api/events") return answerEvents(news_, request);
@@ -232,9 +237,10 @@ bool Site::isForUs(const std::string& host) const {
 }  // namespace
 
 std::shared_ptr<void> serveHttp(const std::string& address, std::uint16_t port, Fleet& fleet,
+                                const MetricOptions& metricOptions,
                                 const std::function<void(const std::string&)>& log) {
   try {
-    const auto site = std::make_shared<Site>(address, port, fleet);
+    const auto site = std::make_shared<Site>(address, port, fleet, metricOptions);
     log(site->url());
     return site;
   } catch (const std::runtime_error& fault) {

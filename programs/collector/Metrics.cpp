@@ -1,262 +1,277 @@
 #include "collector/Metrics.h"
 
-#include <prometheus/text_serializer.h>
-
+#include <algorithm>
 #include <array>
-#include <boost/locale/utf.hpp>
 #include <boost/variant/apply_visitor.hpp>
+#include <boost/variant/get.hpp>
 #include <cctype>
 #include <chrono>
 #include <cstdint>
 #include <type_traits>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 #include "device_tree/Walk.h"
 
 using orv::device_tree::DeviceNode;
+using orv::device_tree::NamedStatus;
 using orv::proto::monitoring::DeviceNode_DeviceClass_Name;
 using orv::reporting::Condition;
-using prometheus::ClientMetric;
-using prometheus::MetricFamily;
-using prometheus::MetricType;
+using Samples = std::vector<Exposition::Sample>;
+using Subject = Exposition::Subject;
 
 namespace {
 
-using Labels = std::vector<ClientMetric::Label>;
-using Series = std::vector<ClientMetric>;
-
-// The first 256 bytes of the text, in whole characters, with U+FFFD in place of each byte that is
-// not part of a character, and of NUL, at which Prometheus stops to read.
-std::string labelOf(const std::string& text) {
-  constexpr std::size_t mostBytes = 256;
-  using Utf8 = boost::locale::utf::utf_traits<char>;
-  std::string result;
-  for (auto at = text.begin(); at != text.end();) {
-    auto end = at;
-    const auto point = Utf8::decode(end, text.end());
-    const bool isGood = boost::locale::utf::is_valid_codepoint(point) && point != 0;
-    if (!isGood) end = at + 1;
-    const std::string character = isGood ? std::string(at, end) : "\xEF\xBF\xBD";
-    if (result.size() + character.size() > mostBytes) break;
-    result += character;
-    at = end;
-  }
-  return result;
-}
-
-void add(Series& series, Labels labels, double value) {
-  ClientMetric& metric = series.emplace_back();
-  metric.label = std::move(labels);
-  metric.gauge.value = metric.counter.value = value;  // the family says which of the two counts
-}
-
-void addInfo(const std::string& root, const DeviceNode& device, const std::string& label,
-             Series& series) {
-  const std::string& kind = DeviceNode_DeviceClass_Name(device.getDeviceClass());
-  add(series,
-      {{"root", root}, {"device", label}, {"name", labelOf(device.getName())}, {"class", kind}}, 1);
-}
-
 constexpr std::array<const char*, 3> levelNames = {"ok", "warning", "error"};
-
-void addHealth(const std::string& root, const DeviceNode& device, const std::string& label,
-               Series& series) {
-  int level = 0;
-  for (const char* const name : levelNames) {
-    add(series, {{"root", root}, {"device", label}, {"level", name}},
-        device.getGlobalStatus().level == level ? 1 : 0);
-    ++level;
-  }
-}
-
-void addStatuses(const std::string& root, const DeviceNode& device, const std::string& label,
-                 Series& series) {
-  std::unordered_set<std::string> names;
-  for (const auto& [key, status] : device.getStatuses()) {
-    if (!status || !status->isValueSet()) continue;
-    const auto addNumber = [&, name = &status->getName()](const auto& value) {
-      if constexpr (std::is_arithmetic_v<std::decay_t<decltype(value)>>) {
-        const auto [text, isNew] = names.insert(labelOf(*name));
-        if (!isNew) return;
-        add(series, {{"root", root}, {"device", label}, {"status", *text}},
-            static_cast<double>(value));
-      }
-    };
-    boost::apply_visitor(addNumber, status->getValue());
-  }
-}
-
-// The families that grow with the number of devices.
-struct Family {
-  const char* name;
-  const char* help;
-  void (*add)(const std::string& root, const DeviceNode& device, const std::string& label,
-              Series& series);
-};
-const std::array<Family, 3> families = {{
-    {"orv_device_info", "Name and class of the device.", addInfo},
-    {"orv_device_health", "1 for the level that the health of the device has, 0 for the others.",
-     addHealth},
-    {"orv_device_status",
-     "A status of the device that is a number. It is true while the root is up, however long ago "
-     "it changed, and the last one known while it is not.",
-     addStatuses},
-}};
-
 const std::array<std::pair<const char*, Condition>, 4> conditionNames = {
     {{"current", Condition::CURRENT},
      {"out_of_date", Condition::OUT_OF_DATE},
      {"reporter_gone", Condition::REPORTER_GONE},
      {"not_arrived", Condition::AWAITED}}};
 
-MetricFamily counter(const char* name, const char* help, std::uint64_t value) {
-  MetricFamily result = {name, help, MetricType::Counter, {}};
-  add(result.metric, {}, static_cast<double>(value));
-  return result;
+std::string label(std::string_view name, const std::string& value) {
+  std::string labels;
+  addLabel(labels, name, value);
+  return labels;
+}
+
+// Series of one status may come from statuses that have one name here: the first counts.
+void add(Samples& samples, Subject subject, double value) {
+  if (samples.empty() || samples.back().subject != subject) samples.push_back({subject, value});
+}
+
+// What becomes of the devices, one after the other.
+class DeviceMetrics {
+ public:
+  DeviceMetrics(Exposition& metrics, const MetricOptions& options);
+
+  // The labels are those of the root.
+  void addTree(const std::string& rootLabels, const DeviceNode& tree);
+
+ private:
+  void addDevice(const std::string& rootLabels, const DeviceNode& device,
+                 const std::string& deviceLabel, const DeviceNode* parent);
+  void addStatus(const NamedStatus& status, Subject subject);
+  void addState(const std::string& name, const std::string& state, Subject subject);
+  Samples& samplesOf(const std::string& status);
+
+  Exposition& metrics_;
+  const MetricOptions& options_;
+  Samples& info_;
+  std::array<Samples*, 3> health_{};
+  Exposition::Series* states_ = nullptr;
+  std::unordered_map<std::string, Samples*> statuses_;  // by the name of the status
+};
+
+DeviceMetrics::DeviceMetrics(Exposition& metrics, const MetricOptions& options)
+    : metrics_(metrics),
+      options_(options),
+      info_(
+          metrics.family("orv_device_info",
+                         "Name, class and parent of the device, and the chosen properties.")[""]) {
+  auto& health = metrics.family(
+      "orv_device_health", "1 for the level that the health of the device has, 0 for the others.");
+  std::transform(levelNames.begin(), levelNames.end(), health_.begin(),
+                 [&health](const char* name) { return &health[label("level", name)]; });
+  states_ = &metrics.family("orv_device_state",
+                            "1 for the text that the status of the device has, 0 for others.");
+}
+
+void DeviceMetrics::addTree(const std::string& rootLabels, const DeviceNode& tree) {
+  // Of two devices that have one label, the first counts.
+  std::unordered_set<std::string> labels;
+  const auto addOnce = [&](const DeviceNode& device, const DeviceNode* parent) {
+    const auto [deviceLabel, isNew] = labels.insert(labelOf(device.getDeviceId()));
+    if (isNew) addDevice(rootLabels, device, *deviceLabel, parent);
+  };
+  addOnce(tree, nullptr);
+  orv::device_tree::Walk walk(tree);
+  while (const auto* device = walk.next()) addOnce(**device, &walk.parent());
+}
+
+void DeviceMetrics::addDevice(const std::string& rootLabels, const DeviceNode& device,
+                              const std::string& deviceLabel, const DeviceNode* parent) {
+  std::string labels = rootLabels;
+  addLabel(labels, "device", deviceLabel);
+  const Subject subject = metrics_.addSubject(labels);
+  addLabel(labels, "name", labelOf(device.getName()));
+  addLabel(labels, "class", DeviceNode_DeviceClass_Name(device.getDeviceClass()));
+  if (parent != nullptr) addLabel(labels, "parent", labelOf(parent->getDeviceId()));
+  for (const auto& [labelName, name] : options_.properties) {
+    const auto property = device.getProperties().find(name);
+    if (property == device.getProperties().end() || !property->second) continue;
+    if (const auto* const text = boost::get<std::string>(&property->second->value)) {
+      addLabel(labels, labelName, labelOf(*text));
+    }
+  }
+  add(info_, metrics_.addSubject(labels), 1);
+  const auto level = static_cast<std::size_t>(device.getGlobalStatus().level);
+  for (std::size_t at = 0; at < health_.size(); ++at) {
+    add(*health_.at(at), subject, at == level ? 1 : 0);
+  }
+  for (const auto& [key, status] : device.getStatuses()) {
+    if (status && status->isValueSet()) addStatus(*status, subject);
+  }
+}
+
+void DeviceMetrics::addStatus(const NamedStatus& status, Subject subject) {
+  const auto addValue = [&](const auto& value) {
+    if constexpr (std::is_arithmetic_v<std::decay_t<decltype(value)>>) {
+      add(samplesOf(status.getName()), subject, static_cast<double>(value));
+    } else if (!options_.states.empty()) {
+      addState(status.getName(), value, subject);
+    }
+  };
+  boost::apply_visitor(addValue, status.getValue());
+}
+
+void DeviceMetrics::addState(const std::string& name, const std::string& state, Subject subject) {
+  const auto chosen = options_.states.find(name);
+  if (chosen == options_.states.end()) return;
+  const std::string present = labelOf(state);
+  const auto addOne = [&](const std::string& text) {
+    std::string labels = label("status", labelOf(name));
+    addLabel(labels, "state", text);
+    add((*states_)[labels], subject, text == present ? 1 : 0);
+  };
+  std::for_each(chosen->second.begin(), chosen->second.end(), addOne);
+  addOne(present);
+}
+
+// Two names may become one name of a metric. So what had to be changed stands in a label.
+Samples& DeviceMetrics::samplesOf(const std::string& status) {
+  const auto [entry, isNew] = statuses_.try_emplace(status, nullptr);
+  if (isNew) {
+    const std::string name = nameOf(labelOf(status));
+    auto& family = metrics_.family(
+        "orv_status_" + name,
+        "The status of the device. It is true while the root is up, however long ago it changed, "
+        "and the last one known while it is not.",
+        "untyped");
+    entry->second = &family[name == status ? "" : label("status", labelOf(status))];
+  }
+  return *entry->second;
+}
+
+// What becomes of the roots, one after the other.
+class RootMetrics {
+ public:
+  explicit RootMetrics(Exposition& metrics)
+      : up_(metrics.family("orv_root_up",
+                           "Whether the tree of the root is current. If not, what is told of its "
+                           "devices is old.")),
+        conditions_(metrics.family("orv_root_condition",
+                                   "1 for the condition of the root, 0 for the others.")),
+        devices_(metrics.family("orv_root_devices",
+                                "How many of the devices of the root have the level.")),
+        info_(metrics.family("orv_root_info", "Who reports the root.")),
+        last_(metrics.family("orv_root_last_event_timestamp_seconds",
+                             "When the last event of the root was applied.")),
+        behind_(metrics.family(
+            "orv_root_out_of_date",
+            "1 for a root whose tree is out of date or has not arrived, with the reason.")) {}
+
+  void add(const Fleet::Root& root, const orv::reporting::Collector::View& view, Subject subject);
+
+ private:
+  static void put(Exposition::Series& series, const std::string& labels, Subject subject,
+                  double value) {
+    series[labels].push_back({subject, value});
+  }
+
+  Exposition::Series& up_;
+  Exposition::Series& conditions_;
+  Exposition::Series& devices_;
+  Exposition::Series& info_;
+  Exposition::Series& last_;
+  Exposition::Series& behind_;
+};
+
+void RootMetrics::add(const Fleet::Root& root, const orv::reporting::Collector::View& view,
+                      Subject subject) {
+  put(up_, "", subject, view.condition == Condition::CURRENT ? 1 : 0);
+  for (const auto& [name, condition] : conditionNames) {
+    put(conditions_, label("condition", name), subject, view.condition == condition ? 1 : 0);
+  }
+  put(info_, label("reporter", labelOf(view.reporter)), subject, 1);
+  if (view.condition == Condition::OUT_OF_DATE || view.condition == Condition::AWAITED) {
+    put(behind_, label("reason", labelOf(view.reason)), subject, 1);
+  }
+  if (const auto& summary = root.summary; summary.own) {
+    const std::array<std::size_t, 3> counts = {summary.devices - summary.warnings - summary.errors,
+                                               summary.warnings, summary.errors};
+    for (std::size_t level = 0; level < counts.size(); ++level) {
+      put(devices_, label("level", levelNames.at(level)), subject,
+          static_cast<double>(counts.at(level)));
+    }
+  }
+  if (view.tree) {
+    const std::chrono::duration<double> time = root.lastEvent.time_since_epoch();
+    put(last_, "", subject, time.count());
+  }
+}
+
+void addCollector(const Fleet& fleet, Exposition& metrics) {
+  const Subject none = metrics.addSubject("");
+  metrics.family("orv_collector_connected",
+                 "Whether the collector itself has a broker. Without one, every root is out of "
+                 "date.")[""] = {{none, fleet.isConnected() ? 1.0 : 0.0}};
+  auto& events =
+      metrics.family("orv_collector_events_total", "Events that were applied.", "counter");
+  for (const auto& [type, number] : fleet.events()) {
+    std::string name = orv::reporting::Event::EventType_Name(type);
+    for (char& letter : name) letter = static_cast<char>(std::tolower(letter));
+    events[label("type", name)] = {{none, static_cast<double>(number)}};
+  }
+  const auto counter = [&](const char* name, const char* help, std::uint64_t value) {
+    metrics.family(name, help, "counter")[""] = {{none, static_cast<double>(value)}};
+  };
+  using Outcome = orv::reporting::Follower::Outcome;
+  const auto& counters = fleet.counters();
+  const auto outcome = [&counters](Outcome which) {
+    return counters.outcomes.at(static_cast<std::size_t>(which));
+  };
+  counter("orv_collector_gaps_total", "Events dropped because what comes before them is missing.",
+          outcome(Outcome::GAP));
+  counter("orv_collector_old_events_total", "Events dropped because they are old.",
+          outcome(Outcome::OLD));
+  counter("orv_collector_refused_total", "Events dropped because they break a rule.",
+          outcome(Outcome::REFUSED));
+  counter("orv_collector_strangers_total", "Messages that are none of the protocol's.",
+          counters.strangers);
+  counter("orv_collector_requests_total", "Trees that were asked for.", counters.requests);
 }
 
 }  // namespace
 
-Metrics::Metrics(const Fleet& fleet, const Partitions& partitions) : fleet_(fleet) {
-  constexpr std::size_t enough = 500;  // devices in a piece, unless one root has more
-  const auto guard = fleet.lock();
+Exposition metricsOf(const Fleet& fleet, const Partitions& partitions,
+                     const MetricOptions& options) {
+  constexpr std::size_t enough = 500;  // devices under one lock, unless one root has more
+  std::vector<std::string> ids;
+  Exposition metrics;
+  {
+    const auto guard = fleet.lock();
+    addCollector(fleet, metrics);
+    for (const auto& [id, root] : fleet.roots()) {
+      if (partitions.contain(id)) ids.push_back(id);
+    }
+  }
+  DeviceMetrics devices(metrics, options);
+  RootMetrics roots(metrics);
   std::unordered_set<std::string> labels;
-  std::size_t devices = 0;
-  for (const auto& [id, root] : fleet.roots()) {
-    if (!partitions.contain(id)) continue;
-    const auto [label, isNew] = labels.insert(labelOf(id));
-    if (!isNew) continue;
-    if (!roots_.empty() && devices + root.summary.devices > enough) {
-      ends_.push_back(roots_.size());
-      devices = 0;
-    }
-    devices += 1 + root.summary.devices;
-    roots_.emplace_back(id, *label);
-  }
-  ends_.push_back(roots_.size());
-}
-
-std::vector<MetricFamily> Metrics::collect() const {
-  const auto guard = fleet_.lock();
-  return family_ == families.size() ? collectTotals() : collectDevices();
-}
-
-std::vector<MetricFamily> Metrics::collectDevices() const {
-  const Family& family = families.at(family_);
-  MetricFamily result = {family.name, piece_ == 0 ? family.help : "", MetricType::Gauge, {}};
-  for (std::size_t at = piece_ == 0 ? 0 : ends_[piece_ - 1]; at < ends_[piece_]; ++at) {
-    if (fleet_.roots().count(roots_[at].first) == 0) continue;  // gone since
-    const auto view = fleet_.view(roots_[at].first);
-    if (!view.tree) continue;
-    std::unordered_set<std::string> labels;
-    orv::device_tree::anyNode(*view.tree, [&](const DeviceNode& device) {
-      // Of two that have one label, the first counts: a reader refuses the whole answer when two
-      // series are equal.
-      const auto [label, isNew] = labels.insert(labelOf(device.getDeviceId()));
-      if (isNew) family.add(roots_[at].second, device, *label, result.metric);
-      return false;
-    });
-  }
-  return {std::move(result)};
-}
-
-std::vector<MetricFamily> Metrics::collectTotals() const {
-  MetricFamily up = {"orv_root_up",
-                     "Whether the tree of the root is current. If not, what is told of its devices "
-                     "is old.",
-                     MetricType::Gauge,
-                     {}};
-  MetricFamily conditions = {"orv_root_condition",
-                             "1 for the condition of the root, 0 for the others.",
-                             MetricType::Gauge,
-                             {}};
-  MetricFamily health = {"orv_root_devices",
-                         "How many of the devices of the root have the level.",
-                         MetricType::Gauge,
-                         {}};
-  MetricFamily info = {"orv_root_info", "Who reports the root.", MetricType::Gauge, {}};
-  MetricFamily connected = {"orv_collector_connected",
-                            "Whether the collector itself has a broker. Without one, every root is "
-                            "out of date.",
-                            MetricType::Gauge,
-                            {}};
-  add(connected.metric, {}, fleet_.isConnected() ? 1 : 0);
-  MetricFamily last = {"orv_root_last_event_timestamp_seconds",
-                       "When the last event of the root was applied.",
-                       MetricType::Gauge,
-                       {}};
-  MetricFamily behind = {
-      "orv_root_out_of_date",
-      "1 for a root whose tree is out of date or has not arrived, with the reason.",
-      MetricType::Gauge,
-      {}};
-  for (const auto& [id, label] : roots_) {
-    const auto entry = fleet_.roots().find(id);
-    if (entry == fleet_.roots().end()) continue;
-    const auto view = fleet_.view(id);
-    if (view.condition == Condition::OUT_OF_DATE || view.condition == Condition::AWAITED) {
-      add(behind.metric, {{"root", label}, {"reason", labelOf(view.reason)}}, 1);
-    }
-    add(up.metric, {{"root", label}}, view.condition == Condition::CURRENT ? 1 : 0);
-    for (const auto& [name, condition] : conditionNames) {
-      add(conditions.metric, {{"root", label}, {"condition", name}},
-          view.condition == condition ? 1 : 0);
-    }
-    add(info.metric, {{"root", label}, {"reporter", labelOf(view.reporter)}}, 1);
-    if (const auto& summary = entry->second.summary; summary.own) {
-      const std::array<std::size_t, 3> counts = {
-          summary.devices - summary.warnings - summary.errors, summary.warnings, summary.errors};
-      for (std::size_t level = 0; level < counts.size(); ++level) {
-        add(health.metric, {{"root", label}, {"level", levelNames.at(level)}},
-            static_cast<double>(counts.at(level)));
-      }
-    }
-    if (view.tree) {
-      const std::chrono::duration<double> time = entry->second.lastEvent.time_since_epoch();
-      add(last.metric, {{"root", label}}, time.count());
+  for (auto id = ids.begin(); id != ids.end();) {
+    const auto guard = fleet.lock();
+    for (std::size_t met = 0; id != ids.end() && met < enough; ++id) {
+      const auto root = fleet.roots().find(*id);
+      // Gone since, or its label is that of another.
+      if (root == fleet.roots().end() || !labels.insert(labelOf(*id)).second) continue;
+      const auto view = fleet.view(*id);
+      const std::string rootLabels = label("root", labelOf(*id));
+      roots.add(root->second, view, metrics.addSubject(rootLabels));
+      if (view.tree) devices.addTree(rootLabels, *view.tree);
+      met += 1 + root->second.summary.devices;
     }
   }
-  MetricFamily events = {
-      "orv_collector_events_total", "Events that were applied.", MetricType::Counter, {}};
-  for (const auto& [type, number] : fleet_.events()) {
-    std::string name = orv::reporting::Event::EventType_Name(type);
-    for (char& letter : name) letter = static_cast<char>(std::tolower(letter));
-    add(events.metric, {{"type", name}}, static_cast<double>(number));
-  }
-  using Outcome = orv::reporting::Follower::Outcome;
-  const auto& counters = fleet_.counters();
-  const auto outcome = [&counters](Outcome which) {
-    return counters.outcomes.at(static_cast<std::size_t>(which));
-  };
-  return {
-      std::move(up),
-      std::move(conditions),
-      std::move(info),
-      std::move(health),
-      std::move(behind),
-      std::move(last),
-      std::move(events),
-      std::move(connected),
-      counter("orv_collector_gaps_total",
-              "Events dropped because what comes before them is missing.", outcome(Outcome::GAP)),
-      counter("orv_collector_old_events_total", "Events dropped because they are old.",
-              outcome(Outcome::OLD)),
-      counter("orv_collector_refused_total", "Events dropped because they break a rule.",
-              outcome(Outcome::REFUSED)),
-      counter("orv_collector_strangers_total", "Messages that are none of the protocol's.",
-              counters.strangers),
-      counter("orv_collector_requests_total", "Trees that were asked for.", counters.requests)};
-}
-
-std::string Metrics::next() {
-  std::string text;
-  while (text.empty() && family_ <= families.size()) {
-    text = prometheus::TextSerializer().Serialize(collect());
-    if (piece_ > 0) text.erase(0, text.find('\n') + 1);  // the type: the first piece has told it
-    if (++piece_ == ends_.size() || family_ == families.size()) {
-      piece_ = 0;
-      ++family_;
-    }
-  }
-  return text;
+  return metrics;
 }

@@ -4,7 +4,7 @@
 #include "collector/Http.h"
 
 std::shared_ptr<void> serveHttp(const std::string& /*address*/, std::uint16_t /*port*/,
-                                Fleet& /*fleet*/,
+                                Fleet& /*fleet*/, const MetricOptions& /*metricOptions*/,
                                 const std::function<void(const std::string&)>& /*log*/) {
-  throw std::runtime_error("--http: built without zlib, prometheus-cpp and nlohmann-json");
+  throw std::runtime_error("--http: built without zlib and nlohmann-json");
 }

@@ -14,6 +14,7 @@
 #include "collector/Fleet.h"
 #include "collector/Forget.h"
 #include "collector/Http.h"
+#include "collector/MetricOptions.h"
 #include "collector/Partitions.h"
 #include "device_tree/Summary.h"
 #include "reporting/Collector.h"
@@ -31,6 +32,7 @@ struct Options {
   orv::reporting::CollectorOptions collector;
   std::optional<std::uint16_t> httpPort;
   std::string httpAddress = "127.0.0.1";
+  MetricOptions metrics;
   std::uint32_t count = 0;
   std::string forgotten;  // the reporter to forget; empty: collect
   bool isForced = false;
@@ -68,6 +70,7 @@ std::optional<Options> parse(int argc, char** argv) {
       ->option_text("ADDRESS")
       ->check([](const std::string& text) { return text.empty() ? "It is empty" : std::string(); })
       ->needs(http);
+  addMetricOptions(app, options.metrics, http);
   app.add_option("--count", options.count, "end after N events; 0 = when interrupted (default)")
       ->type_name("N");
   CLI::App* const forget = app.add_subcommand(
@@ -127,7 +130,8 @@ void collect(const Options& options) {
   orv::reporting::Connection connection(brokerOf(options.broker), fleet, logLine,
                                         connectionOptionsOf(options.broker));
   std::shared_ptr<void> http;
-  if (options.httpPort) http = serveHttp(options.httpAddress, *options.httpPort, fleet, logLine);
+  if (options.httpPort)
+    http = serveHttp(options.httpAddress, *options.httpPort, fleet, options.metrics, logLine);
   service.ready();
   while (!isOver) {
     connection.serve(std::chrono::milliseconds(200));
