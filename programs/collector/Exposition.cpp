@@ -120,7 +120,8 @@ std::string Exposition::next() {
       continue;
     }
     if (!family.isBegun) {
-      text += "# HELP " + name + ' ' + family.help + "\n# TYPE " + name + ' ' + family.type + '\n';
+      text.append("# HELP ").append(name).append(" ").append(family.help);
+      text.append("\n# TYPE ").append(name).append(" ").append(family.type).append("\n");
       family.isBegun = true;
     }
     write(name, family, text);

@@ -23,7 +23,10 @@ await() {
 start_broker
 report_machine station-7 1
 port=$(free_port)
-collector --broker "$broker" --http "$port" >events.log 2>collector.log &
+! collector --broker "$broker" --http "$port" --metric-property 'a b' --metric-property a_b 2>refusal.log
+grep -Fq "'a b' and 'a_b' become one label, property_a_b" refusal.log
+collector --broker "$broker" --http "$port" --metric-property type \
+  --metric-state state=up,down --metric-state access >events.log 2>collector.log &
 
 cat >prometheus.yml <<END
 scrape_configs:
@@ -42,7 +45,7 @@ answers() {
   curl -sS -G "http://$prometheus/api/v1/query" --data-urlencode "query=$1" 2>curl.log |
     jq -e --arg value "$2" '[.data.result[].value[1]] == [$value]' >/dev/null
 }
-celsius='orv_device_status{device="station-7/hwmon0/temp1",status="celsius"}'
+celsius='orv_status_celsius{device="station-7/hwmon0/temp1"}'
 await 60 answers "$celsius" 41.5
 put station-7/sys/class/hwmon/hwmon0/temp1_input 52250
 await 20 answers "$celsius" 52.25
@@ -51,6 +54,14 @@ await 10 grep -q "^[0-9]* $line\$" station-7.log
 await 10 grep -Fxq "station-7 $line" events.log
 await 20 answers 'orv_device_health{root="station-7",device="station-7/net/eth1",level="warning"}' 1
 await 20 answers 'orv_root_devices{root="station-7",level="warning"}' 2  # the interface and the host
+# What was chosen: a property, a text of several that are known, and one that is not.
+answers 'orv_device_info{device="station-7/fs/media/disc",parent="station-7",property_type="iso9660"}' 1
+answers 'orv_device_state{device="station-7/net/eth1",status="state",state="up"}' 0
+answers 'orv_device_state{device="station-7/net/eth1",status="state",state="down"}' 1
+answers 'orv_device_state{device="station-7/fs/media/disc",status="access",state="ro"}' 1
+put station-7/sys/class/net/eth1/operstate dormant
+await 20 answers 'orv_device_state{device="station-7/net/eth1",state="dormant"}' 1
+answers 'sum(orv_device_state{device="station-7/net/eth1"})' 1
 put station-7/sys/class/net/eth1/carrier 1
 await 20 answers 'orv_root_devices{root="station-7",level="warning"}' 0
 
@@ -82,6 +93,31 @@ await 20 answers 'min(orv_collector_connected)' 1
 (while mosquitto_pub -p "${broker##*:}" -t orv/1/event/0/other -m noise; do sleep 0.3; done) 2>pub.log &
 collector forget station-7 --broker "$broker" 2>forget.log
 await 20 answers 'count(orv_root_up) or vector(0)' 0
+# Names that become one, texts with signs of the format, a number that is none.
+protoc -I "$sources" --encode=orv.proto.monitoring.DeviceToOrvServiceEvent \
+  "$sources/proto/monitoring/device_events.proto" >event 2>protoc.log <<'END'
+event_type: DEVICE_ADD
+[orv.proto.monitoring.DeviceAddEvent.base] {
+  device {
+    id: "hostile" name: "a\\b\"c\nd} 1"
+    statuses { name: "fan rpm" type: UINT uint_value: 1 }
+    statuses { name: "fan_rpm" type: UINT uint_value: 1000000 }
+    statuses { name: "fan\xferpm" type: DOUBLE double_value: -inf }
+    statuses { name: "fan\xffrpm" type: DOUBLE double_value: 4 }
+    statuses { name: "" type: DOUBLE double_value: nan }
+  }
+}
+END
+partition=$(python3 -c 'h = 14695981039346656037
+for b in b"hostile": h = (h ^ b) * 1099511628211 % 2**64
+print(h % 64)')
+mosquitto_pub -p "${broker##*:}" -V 5 -q 1 -t "orv/1/event/$partition/hostile" -f event \
+  -D publish user-property sequence 1.1 -D publish user-property reporter nobody
+await 20 answers 'orv_status_fan_rpm{root="hostile",status=""}' 1000000
+answers 'orv_status_fan_rpm{root="hostile",status="fan rpm"}' 1
+answers 'count({__name__=~"orv_status_.*",root="hostile"})' 4  # the two that are not UTF-8 are one
+answers 'orv_device_info{root="hostile",name="a\\b\"c\nd} 1"}' 1
+answers 'min(up)' 1
 kill "$broker_pid"
 await 20 answers 'max(orv_collector_connected)' 0
 await 20 answers "$gone or vector(0)" 0
