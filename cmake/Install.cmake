@@ -59,3 +59,21 @@ if(ORV_BUILD_REPORTING)
     DESTINATION ${pc_install_dir}
     COMPONENT reporting_development)
 endif()
+
+if(ORV_BUILD_HISTORY)
+  # A shared library brings SQLite and zlib by itself.
+  set(pc_history_private)
+  if(NOT BUILD_SHARED_LIBS)
+    set(pc_history_private "sqlite3 zlib")
+  endif()
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/orv-history.pc.in orv-history.pc @ONLY)
+
+  install(EXPORT history
+    FILE ${PROJECT_NAME}-history-targets.cmake
+    NAMESPACE orv::
+    DESTINATION ${config_install_dir}
+    COMPONENT history_development)
+  install(FILES ${PROJECT_BINARY_DIR}/orv-history.pc
+    DESTINATION ${pc_install_dir}
+    COMPONENT history_development)
+endif()

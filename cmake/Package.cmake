@@ -82,6 +82,14 @@ For processes that keep their installations as device trees: a reporter
 publishes what changes in them to a broker, and a collector keeps the trees of
 all reporters, whatever is lost, doubled or reordered on the way.")
 endif()
+if(ORV_BUILD_HISTORY)
+  add_packages(history "${reporting_runtime} (>= ${PROJECT_VERSION})"
+    "${reporting_development} (= ${PROJECT_VERSION})"
+    "Records what changes in device trees, and says what was when
+For collectors of device trees: a recorder keeps every event in one file, and
+readers ask the file for the tree of a root at a time, for what changed in
+between, and for the course of a value.")
+endif()
 
 # Describes the package of a program, with the service of its name.
 macro(add_program_package component name about)

@@ -25,5 +25,5 @@ run-clang-tidy -quiet -p build/check "^$PWD/(?!build/)" 2> >(grep -v 'warnings g
 echo "cppcheck"
 cppcheck --quiet --error-exitcode=1 --std=c++17 --enable=warning,performance,portability \
   --inline-suppr --suppress=missingInclude --suppress=missingIncludeSystem -I . \
-  device_tree platform reporting programs examples
+  device_tree history platform reporting programs examples
 echo "All checks passed"

@@ -8,7 +8,7 @@ set -euo pipefail
 packages_for() {
   case $1 in
     build) echo g++ cmake ninja-build libboost-dev libprotobuf-dev protobuf-compiler \
-      pkg-config libmosquitto-dev libssl-dev libcli11-dev ;;
+      pkg-config libmosquitto-dev libssl-dev libsqlite3-dev zlib1g-dev libcli11-dev ;;
     test) echo libgtest-dev python3 python3-protobuf mosquitto mosquitto-clients openssl \
       faketime python3-paho-mqtt binutils locales ;;
     broker) echo mosquitto ;;

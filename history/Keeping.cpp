@@ -1,0 +1,96 @@
+#include "history/Keeping.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "history/Rebuild.h"
+
+namespace orv::history {
+
+namespace {
+
+// At one time: so many rows are let go, and so many roots looked at, and some more. It takes some
+// ten milliseconds.
+constexpr std::size_t mostRows = 2000;
+constexpr std::size_t mostRoots = 500;
+constexpr std::size_t mostSegments = 500;
+constexpr std::chrono::seconds pause(10);
+// Of what is there, so much is let go at once where the file is too large.
+constexpr std::int64_t share = 20;
+
+std::uint64_t usedBytes(Database& database) {
+  const std::int64_t pages =
+      database.number("PRAGMA page_count") - database.number("PRAGMA freelist_count");
+  return static_cast<std::uint64_t>(pages * database.number("PRAGMA page_size"));
+}
+
+}  // namespace
+
+std::optional<std::int64_t> Keeping::horizonOf(Store& store, Time now) {
+  const std::int64_t old = store.state().horizon;
+  std::int64_t horizon = old;
+  if (rule_.age.count() > 0) horizon = std::max(horizon, store.placeOf(now - rule_.age));
+  // A twentieth is left free for what comes until this is looked at again.
+  if (rule_.bytes > 0 && usedBytes(store.database()) > rule_.bytes - rule_.bytes / 20) {
+    const std::int64_t last = store.last();
+    horizon = std::max(horizon, std::min(last, old + (last - old) / share + 1));
+  }
+  if (horizon == old) return std::nullopt;
+  return horizon;
+}
+
+void Keeping::serve(Store& store, Time now) {
+  if (!horizon_) {
+    if (now < next_ && next_ - now <= pause) return;
+    next_ = now + pause;
+    horizon_ = horizonOf(store, now);
+    if (!horizon_) return;
+    root_ = -1;
+  }
+  Transaction transaction(store.database(), "BEGIN IMMEDIATE");
+  State state = store.state();
+  state.horizon = *horizon_;
+  store.setState(state);
+  const std::vector<RootEntry> roots = store.rootsAfter(root_, mostRoots);
+  std::size_t rows = 0;
+  for (auto root = roots.begin(); root != roots.end() && rows < mostRows; ++root) {
+    const Done done = letGo(store, *root);
+    rows += done.rows;
+    if (!done.isAll) break;
+    root_ = root->number;
+  }
+  if (roots.empty()) {
+    horizon_.reset();
+    if (rule_.bytes > 0) next_ = now;  // it may not have been enough
+  }
+  transaction.commit();
+}
+
+// The segments that end before the horizon.
+Keeping::Done Keeping::letGo(Store& store, const RootEntry& root) {
+  const std::vector<std::int64_t> wholes = store.wholesUpTo(root.number, *horizon_, mostSegments);
+  Done done{0, wholes.size() < mostSegments};
+  if (wholes.empty()) return done;
+  try {
+    for (std::size_t i = 0; i + 1 < wholes.size(); ++i) {
+      if (done.rows >= mostRows) return {done.rows, false};
+      const auto segment = store.segment(root, wholes[i + 1] - 1);
+      if (!segment) continue;
+      for (const Row& row : segment->rows) store.eraseRow(row);
+      done.rows += segment->rows.size();
+    }
+    const Row last = store.row(wholes.back());
+    if (root.number == Store::watchRoot || last.id != root.head || !wholeOf(last).tree.empty()) {
+      return done;
+    }
+    store.eraseRow(last);
+    store.eraseRoot(root);
+    gone_(root.name);
+    ++done.rows;
+    return done;
+  } catch (const Damage&) {
+    return {done.rows, true};  // it stays as it is
+  }
+}
+
+}  // namespace orv::history

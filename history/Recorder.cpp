@@ -1,0 +1,413 @@
+#include "history/Recorder.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+
+#include "history/Keeping.h"
+#include "history/Packing.h"
+#include "history/Rebuild.h"
+#include "history/Store.h"
+
+namespace orv::history {
+
+using reporting::Event;
+using reporting::Sequence;
+using reporting::Step;
+using reporting::Tree;
+using std::chrono::steady_clock;
+
+namespace {
+
+constexpr std::chrono::milliseconds commitPause(400);
+constexpr std::chrono::seconds watchPause(5);
+constexpr std::chrono::seconds retryPause(10);
+// A clock that is corrected by less stands still for so long.
+constexpr std::chrono::seconds smallStep(1);
+// Fewer bytes of events are no reason to record a tree again.
+constexpr std::size_t leastBytes = 4096;
+// Of so many roots the trees are recorded at one time when recording is possible again.
+constexpr std::size_t mostCaughtUp = 100;
+
+Time systemTime() {
+  return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+}
+
+Kind kindOf(const Event& event) {
+  switch (event.event_type()) {
+    case Event::DEVICE_ADD:
+      return Kind::ADDED;
+    case Event::CONFIGURATION_CHANGE:
+      return Kind::CONFIGURED;
+    case Event::DEVICE_REMOVE:
+      return Kind::REMOVED;
+    default:
+      return Kind::STATUS;
+  }
+}
+
+// Keeps other recorders from a file. SQLite's own locks would have them take turns.
+class Lock {
+ public:
+  explicit Lock(const std::string& file) {
+    const std::string name = file + "-lock";
+    descriptor_ = open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+    if (descriptor_ >= 0 && flock(descriptor_, LOCK_EX | LOCK_NB) == 0) return;
+    const bool isTaken = errno == EWOULDBLOCK;
+    const std::string reason = std::strerror(errno);
+    if (descriptor_ >= 0) close(descriptor_);
+    throw Error(isTaken ? file + ": another program records in it" : name + ": " + reason);
+  }
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+  ~Lock() { close(descriptor_); }
+
+ private:
+  int descriptor_;
+};
+
+}  // namespace
+
+class Recorder::Core {
+ public:
+  Core(std::string file, RecorderOptions options);
+
+  std::vector<Resumed> resume();
+  void record(const std::string& id, const Step& step);
+  void forget(const std::string& id);
+  void serve();
+  bool commit();
+  const std::string& failure() const noexcept { return failure_; }
+
+ private:
+  struct Root {
+    // According to the file; the number is 0 until that was looked at.
+    RootEntry entry;
+    std::optional<Sequence> recorded;  // nothing where a status change cannot follow
+    std::size_t since = 0;             // bytes of events after the last whole tree
+    std::size_t size = 0;              // of that tree
+    bool isThere = false;
+    // According to the steps that came.
+    Sequence latest;
+    Tree tree;
+    bool isMissed = false;  // a step was not recorded
+    bool isDirty = false;   // the head is not in the file yet
+  };
+
+  template <typename Action>
+  void attempt(const Action& action);
+  void open();
+  void fail(const std::string& reason);
+  void tell(const std::string& problem) const {
+    if (options_.problem) options_.problem(problem);
+  }
+  Time now() const { return options_.clock ? options_.clock() : systemTime(); }
+  void begin();
+  void setTime();
+  void load(const std::string& id, Root& root);
+  void prime(Root& root, const Segment& segment);
+  void append(Root& root, Row row);
+  void appendWhole(Root& root, Kind kind);
+  void write(const std::string& id, Root& root, const Event& event);
+  void catchUp();
+  void commitAll();
+
+  std::string file_;
+  RecorderOptions options_;
+  std::string failure_;  // why nothing is recorded
+  std::string told_;
+  Packer packer_;
+  std::optional<Lock> lock_;
+  std::optional<Store> store_;
+  std::optional<Transaction> transaction_;
+  Keeping keeping_;
+  std::unordered_map<std::string, Root> roots_;
+  std::vector<Root*> dirty_;
+  std::vector<std::string> missed_;
+  Root watch_;
+  State state_;
+  std::int64_t last_ = 0;
+  std::int64_t lastRoot_ = 0;
+  Time lastTime_;  // that was recorded since the clock was set back
+  // Kept, because they reuse their memory.
+  orv::proto::monitoring::DeviceNode tree_;
+  std::string bytes_;
+  steady_clock::time_point commitDue_, watchDue_, retryDue_;
+};
+
+Recorder::Core::Core(std::string file, RecorderOptions options)
+    : file_(std::move(file)),
+      options_(std::move(options)),
+      keeping_({options_.keepAge, options_.keepBytes},
+               [this](const std::string& id) { roots_.erase(id); }) {
+  attempt([this] { open(); });
+}
+
+// Does what needs the file. A failure ends the use of the file for a while.
+template <typename Action>
+void Recorder::Core::attempt(const Action& action) {
+  try {
+    action();
+  } catch (const Error& error) {
+    fail(error.what());
+  }
+}
+
+void Recorder::Core::open() {
+  if (!lock_) lock_.emplace(file_);
+  store_.emplace(file_, Database::Mode::WRITE);
+  begin();
+  state_ = store_->state();
+  last_ = store_->last();
+  lastRoot_ = store_->database().number("SELECT max(number) FROM root");
+  watch_ = {};
+  if (last_ > 0) watch_.entry = store_->root(Store::watchRoot);
+  lastTime_ = now();
+  Row row;
+  row.kind = Kind::WATCH;
+  row.data = dataOf(Watch{state_.seen, failure_});
+  append(watch_, std::move(row));
+  commitAll();
+  for (auto& [id, root] : roots_) {
+    if (root.isMissed) missed_.push_back(id);
+  }
+  failure_.clear();
+  if (!std::exchange(told_, "").empty()) tell(file_ + ": it is recorded again");
+}
+
+void Recorder::Core::fail(const std::string& reason) {
+  transaction_.reset();
+  store_.reset();
+  dirty_.clear();
+  missed_.clear();
+  for (auto& [id, root] : roots_) {
+    root.isMissed = root.isMissed || root.isDirty;
+    root.isDirty = false;
+    root.entry = {};
+    root.recorded.reset();
+  }
+  failure_ = reason;
+  retryDue_ = steady_clock::now() + retryPause;
+  if (std::exchange(told_, reason) != reason) tell("Nothing is recorded: " + reason);
+}
+
+void Recorder::Core::begin() {
+  if (transaction_) return;
+  transaction_.emplace(store_->database(), "BEGIN IMMEDIATE");
+  commitDue_ = steady_clock::now() + commitPause;
+}
+
+void Recorder::Core::prime(Root& root, const Segment& segment) {
+  root.recorded = sequenceOf(segment);
+  root.size = unpackedSize(wholeOf(segment.rows.front()).tree);
+  root.isThere = !wholeOf(segment.rows.front()).tree.empty();
+  root.since = 0;
+  for (const Row& row : segment.rows) {
+    if (row.kind == Kind::STATUS) root.since += unpackedSize(row.data);
+  }
+}
+
+void Recorder::Core::load(const std::string& id, Root& root) {
+  if (root.entry.number != 0) return;
+  if (auto entry = store_->root(id)) {
+    root.entry = std::move(*entry);
+    try {
+      if (const auto segment = store_->segment(root.entry, last_)) prime(root, *segment);
+    } catch (const Damage&) {
+      root.recorded.reset();  // a whole tree comes next
+    }
+  } else {
+    root.entry = {++lastRoot_, id, 0};
+  }
+}
+
+// The row after the last one of its root.
+void Recorder::Core::append(Root& root, Row row) {
+  begin();
+  row.id = ++last_;
+  row.root = root.entry.number;
+  row.previous = root.entry.head;
+  row.time = lastTime_;
+  store_->append(row);
+  root.entry.head = row.id;
+  if (!std::exchange(root.isDirty, true)) dirty_.push_back(&root);
+}
+
+void Recorder::Core::appendWhole(Root& root, Kind kind) {
+  Row row;
+  row.kind = kind;
+  row.data = dataOf(root.latest);
+  if (root.tree) {
+    root.tree->toProtoBuf(tree_);
+    tree_.SerializeToString(&bytes_);
+    packer_.pack(bytes_, row.data);
+  }
+  root.size = unpackedSize(wholeOf(row).tree);
+  root.since = 0;
+  root.isThere = root.tree != nullptr;
+  root.recorded = root.latest;
+  root.isMissed = false;
+  append(root, std::move(row));
+}
+
+// What is recorded from here on is of now.
+void Recorder::Core::setTime() {
+  const Time time = now();
+  if (time < lastTime_ - smallStep) {
+    lastTime_ = time;
+    Row row;
+    row.kind = Kind::CLOCK;
+    append(watch_, std::move(row));
+  }
+  lastTime_ = std::max(lastTime_, time);
+}
+
+void Recorder::Core::write(const std::string& id, Root& root, const Event& event) {
+  begin();
+  load(id, root);
+  setTime();
+  const Kind kind = kindOf(event);
+  if (root.isMissed) return appendWhole(root, Kind::CAUGHT_UP);
+  if (kind != Kind::STATUS) return appendWhole(root, kind);
+  if (!root.recorded || root.recorded->epoch != root.latest.epoch ||
+      root.recorded->n + 1 != root.latest.n) {
+    return appendWhole(root, Kind::CAUGHT_UP);
+  }
+  event.SerializeToString(&bytes_);
+  Row row;
+  packer_.pack(bytes_, row.data);
+  root.recorded = root.latest;
+  root.since += bytes_.size();
+  append(root, std::move(row));
+  if (root.since > std::max(root.size, leastBytes)) appendWhole(root, Kind::CHECKPOINT);
+}
+
+void Recorder::Core::record(const std::string& id, const Step& step) {
+  Root& root = roots_[id];
+  root.latest = step.sequence;
+  root.tree = step.after;
+  if (store_) attempt([&] { write(id, root, step.event); });
+  // It failed now or before.
+  if (!store_) root.isMissed = true;
+}
+
+void Recorder::Core::forget(const std::string& id) {
+  Root& root = roots_[id];
+  root.tree.reset();
+  if (store_) {
+    attempt([&] {
+      begin();
+      load(id, root);
+      if (root.entry.head == 0 || (root.recorded && !root.isThere)) return;
+      if (root.recorded) root.latest = *root.recorded;
+      setTime();
+      appendWhole(root, Kind::FORGOTTEN);
+    });
+  }
+  if (!store_) root.isMissed = true;
+}
+
+void Recorder::Core::catchUp() {
+  for (std::size_t i = 0; i < mostCaughtUp && !missed_.empty(); ++i) {
+    const std::string id = std::move(missed_.back());
+    missed_.pop_back();
+    const auto root = roots_.find(id);
+    if (root == roots_.end() || !root->second.isMissed) continue;
+    load(id, root->second);
+    root->second.isMissed = false;
+    const bool isThere = root->second.tree != nullptr;
+    if (root->second.recorded == root->second.latest && root->second.isThere == isThere) continue;
+    if (!isThere && root->second.entry.head == 0) continue;
+    if (!isThere && root->second.recorded) root->second.latest = *root->second.recorded;
+    setTime();
+    appendWhole(root->second, Kind::CAUGHT_UP);
+  }
+}
+
+void Recorder::Core::commitAll() {
+  begin();
+  for (Root* const root : dirty_) {
+    store_->setRoot(root->entry);
+    root->isDirty = false;
+  }
+  state_.horizon = store_->state().horizon;
+  state_.seen = std::max(lastTime_, now());
+  store_->setState(state_);
+  transaction_->commit();
+  transaction_.reset();
+  dirty_.clear();
+  watchDue_ = steady_clock::now() + watchPause;
+}
+
+void Recorder::Core::serve() {
+  const auto time = steady_clock::now();
+  if (!store_) {
+    if (time >= retryDue_) attempt([this] { open(); });
+    return;
+  }
+  attempt([&] {
+    if (!missed_.empty()) catchUp();
+    if (transaction_ ? time >= commitDue_ : time >= watchDue_) commitAll();
+    if (!transaction_) keeping_.serve(*store_, now());
+  });
+}
+
+bool Recorder::Core::commit() {
+  if (store_ && transaction_) attempt([this] { commitAll(); });
+  return store_.has_value() && missed_.empty();
+}
+
+std::vector<Recorder::Resumed> Recorder::Core::resume() {
+  std::vector<Resumed> resumed;
+  if (!store_) return resumed;
+  attempt([&] {
+    if (transaction_) commitAll();
+    std::vector<RootEntry> entries;
+    for (std::int64_t after = 0; !(entries = store_->rootsAfter(after, 1000)).empty();) {
+      after = entries.back().number;
+      for (RootEntry& entry : entries) {
+        try {
+          const auto segment = store_->segment(entry, last_);
+          Tree tree = segment ? treeOf(*store_, *segment) : nullptr;
+          if (!tree) continue;
+          resumed.push_back({entry.name, std::move(tree), sequenceOf(*segment)});
+          Root& root = roots_[entry.name];
+          if (root.entry.number != 0) continue;
+          prime(root, *segment);
+          root.entry = std::move(entry);
+        } catch (const Damage& damage) {
+          tell(std::string("A tree is not taken from the history: ") + damage.what());
+        }
+      }
+    }
+  });
+  return resumed;
+}
+
+Recorder::Recorder(const std::string& file, RecorderOptions options)
+    : core_(std::make_unique<Core>(file, std::move(options))) {}
+
+Recorder::~Recorder() { core_->commit(); }
+
+std::vector<Recorder::Resumed> Recorder::resume() { return core_->resume(); }
+
+void Recorder::record(const std::string& root, const reporting::Step& step) {
+  core_->record(root, step);
+}
+
+void Recorder::forget(const std::string& root) { core_->forget(root); }
+
+void Recorder::serve() { core_->serve(); }
+
+bool Recorder::commit() { return core_->commit(); }
+
+const std::string& Recorder::failure() const noexcept { return core_->failure(); }
+
+}  // namespace orv::history

@@ -1,0 +1,346 @@
+#include "history/Store.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <array>
+#include <initializer_list>
+#include <utility>
+
+namespace orv::history {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::int64_t application = 0x6f727668;  // that a file is a history, and of which form
+constexpr std::int64_t version = 1;
+
+constexpr const char* schema =
+    "CREATE TABLE event(id INTEGER PRIMARY KEY, root INTEGER, back INTEGER, time INTEGER,"
+    " kind INTEGER, data BLOB, sum INTEGER);"
+    "CREATE TABLE root(number INTEGER PRIMARY KEY, name BLOB UNIQUE, head INTEGER, sum INTEGER);"
+    "CREATE TABLE state(id INTEGER PRIMARY KEY, horizon INTEGER, seen INTEGER, sum INTEGER);"
+    "CREATE TABLE whole(root INTEGER, id INTEGER, PRIMARY KEY(root, id)) WITHOUT ROWID;";
+
+std::int64_t sumOf(std::initializer_list<std::int64_t> numbers, std::string_view bytes) {
+  std::array<unsigned char, 8 * 8> packed{};
+  std::size_t size = 0;
+  for (const std::int64_t number : numbers) {
+    for (unsigned int i = 0; i < 8; ++i) {
+      packed.at(size++) = static_cast<unsigned char>(static_cast<std::uint64_t>(number) >> (8 * i));
+    }
+  }
+  const uLong first = crc32_z(0, packed.data(), size);
+  const uLong sum =
+      crc32_z(first, reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+  return static_cast<std::int32_t>(sum);  // which takes the fewest bytes
+}
+
+std::int64_t sumOf(const Row& row) {
+  return sumOf({row.id, row.root, row.previous, row.time.time_since_epoch().count(),
+                static_cast<std::int64_t>(row.kind)},
+               row.data);
+}
+
+void append(std::string& target, std::uint64_t number) {
+  for (unsigned int i = 0; i < 8; ++i) target += static_cast<char>(number >> (8 * i));
+}
+
+std::uint64_t read(std::string_view bytes, std::size_t at) {
+  std::uint64_t number = 0;
+  for (unsigned int i = 0; i < 8; ++i) {
+    number |= static_cast<std::uint64_t>(static_cast<unsigned char>(bytes.at(at + i))) << (8 * i);
+  }
+  return number;
+}
+
+// Brings the schema of a file into one form, so that it can be compared.
+std::string schemaOf(const Database& database) {
+  Statement statement(database,
+                      "SELECT sql || ';' FROM sqlite_schema WHERE sql IS NOT NULL ORDER BY name");
+  std::string text;
+  while (statement.next()) text += statement.bytes(0);
+  return text;
+}
+
+Statement& prepared(std::optional<Statement>& statement, const Database& database,
+                    const char* text) {
+  if (!statement) statement.emplace(database, text);
+  return *statement;
+}
+
+Statement& preparedRow(std::optional<Statement>& statement, const Database& database,
+                       const char* which) {
+  if (!statement) {
+    const std::string select = "SELECT id, root, back, time, kind, data, sum FROM event WHERE ";
+    statement.emplace(database, (select + which).c_str());
+  }
+  return *statement;
+}
+
+}  // namespace
+
+std::string dataOf(const reporting::Sequence& sequence) {
+  std::string data;
+  append(data, sequence.epoch);
+  append(data, sequence.n);
+  return data;
+}
+
+Whole wholeOf(const Row& row) {
+  if (row.data.size() < 16) return {};
+  return {{read(row.data, 0), read(row.data, 8)}, std::string_view(row.data).substr(16)};
+}
+
+std::string dataOf(const Watch& watch) {
+  std::string data;
+  append(data, static_cast<std::uint64_t>(watch.seen.time_since_epoch().count()));
+  return data + watch.reason;
+}
+
+Watch watchOf(const Row& row) {
+  if (row.data.size() < 8) return {};
+  return {Time(milliseconds(static_cast<std::int64_t>(read(row.data, 0)))), row.data.substr(8)};
+}
+
+Store::Store(const std::string& file, Database::Mode mode)
+    : file_(file), database_(file, mode, milliseconds(mode == Database::Mode::READ ? 2000 : 200)) {
+  const bool isReader = mode == Database::Mode::READ;
+  const std::int64_t foundVersion = database_.number("PRAGMA user_version");
+  const std::int64_t foundApplication = database_.number("PRAGMA application_id");
+  const std::string found = schemaOf(database_);
+  const bool isNew = found.empty() && foundApplication == 0 && foundVersion == 0;
+  if (isNew && isReader) database_.fail("there is no history in this file yet");
+  if (!isNew && foundApplication != application) database_.fail("this is no history");
+  if (foundVersion > version) {
+    database_.fail("this history was written by a later version of this program");
+  }
+  if (!isNew && (found != schema || foundVersion != version)) damaged("the tables are not its own");
+  if (isReader) return;
+  database_.run(
+      "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA cache_size = -16000;"
+      "PRAGMA journal_size_limit = 16000000");
+  if (!isNew) return;
+  Transaction transaction(database_, "BEGIN IMMEDIATE");
+  database_.run(schema);
+  database_.run(("PRAGMA application_id = " + std::to_string(application) +
+                 "; PRAGMA user_version = " + std::to_string(version))
+                    .c_str());
+  setState({});
+  transaction.commit();
+}
+
+void Store::damaged(const std::string& what) const { database_.failDamaged(what); }
+
+State Store::state() {
+  Statement& statement =
+      prepared(state_, database_, "SELECT horizon, seen, sum FROM state WHERE id = 1").with();
+  if (!statement.next()) damaged("it has no state");
+  const State state{statement.number(0), Time(milliseconds(statement.number(1)))};
+  if (statement.number(2) != sumOf({state.horizon, statement.number(1)}, {})) {
+    damaged("its state");
+  }
+  statement.reset();
+  return state;
+}
+
+std::int64_t Store::last() {
+  Statement& statement = prepared(last_, database_, "SELECT max(id) FROM event").with();
+  statement.next();
+  const std::int64_t id = statement.number(0);
+  statement.reset();
+  return id;
+}
+
+RootEntry Store::checked(const Statement& statement) const {
+  RootEntry entry{statement.number(0), std::string(statement.bytes(1)), statement.number(2)};
+  if (statement.number(3) != sumOf({entry.number, entry.head}, entry.name)) {
+    damaged("the entry of the root " + entry.name);
+  }
+  return entry;
+}
+
+std::optional<RootEntry> Store::root(const std::string& name) {
+  Statement& statement =
+      prepared(rootByName_, database_, "SELECT number, name, head, sum FROM root WHERE name = ?")
+          .with(std::string_view(name));
+  if (!statement.next()) return std::nullopt;
+  RootEntry entry = checked(statement);
+  if (entry.name != name) damaged("the list of roots");
+  statement.reset();
+  return entry;
+}
+
+RootEntry Store::root(std::int64_t number) {
+  Statement& statement = prepared(rootByNumber_, database_,
+                                  "SELECT number, name, head, sum FROM root WHERE number = ?")
+                             .with(number);
+  if (!statement.next()) damaged("the entry of a root is lost");
+  RootEntry entry = checked(statement);
+  statement.reset();
+  return entry;
+}
+
+std::vector<RootEntry> Store::rootsAfter(std::int64_t after, std::size_t most) {
+  Statement& statement = prepared(rootsAfter_, database_,
+                                  "SELECT number, name, head, sum FROM root WHERE number > ? "
+                                  "ORDER BY number LIMIT ?")
+                             .with(after, static_cast<std::int64_t>(most));
+  std::vector<RootEntry> entries;
+  while (statement.next()) entries.push_back(checked(statement));
+  return entries;
+}
+
+Row Store::read(const Statement& statement) const {
+  Row row;
+  row.id = statement.number(0);
+  row.root = statement.number(1);
+  row.previous = statement.number(2) == 0 ? 0 : row.id - statement.number(2);
+  row.time = Time(milliseconds(statement.number(3)));
+  row.kind = static_cast<Kind>(statement.number(4));
+  row.data = statement.bytes(5);
+  if (statement.number(6) != sumOf(row)) damaged("row " + std::to_string(row.id));
+  return row;
+}
+
+Row Store::row(std::int64_t id) {
+  Statement& statement = preparedRow(row_, database_, "id = ?").with(id);
+  if (!statement.next()) damaged("row " + std::to_string(id) + " is lost");
+  Row found = read(statement);
+  statement.reset();
+  if (found.id != id) damaged("row " + std::to_string(id));
+  return found;
+}
+
+std::optional<Row> Store::rowFrom(std::int64_t id) {
+  Statement& statement = preparedRow(rowFrom_, database_, "id >= ? ORDER BY id LIMIT 1").with(id);
+  if (!statement.next()) return std::nullopt;
+  Row found = read(statement);
+  statement.reset();
+  return found;
+}
+
+std::optional<Row> Store::rowUpTo(std::int64_t id) {
+  Statement& statement =
+      preparedRow(rowUpTo_, database_, "id <= ? ORDER BY id DESC LIMIT 1").with(id);
+  if (!statement.next()) return std::nullopt;
+  Row found = read(statement);
+  statement.reset();
+  return found;
+}
+
+std::int64_t Store::wholeAfter(std::int64_t root, std::int64_t id) {
+  Statement& statement =
+      prepared(wholeAfter_, database_, "SELECT min(id) FROM whole WHERE root = ? AND id > ?")
+          .with(root, id);
+  statement.next();
+  const std::int64_t found = statement.number(0);
+  statement.reset();
+  return found;
+}
+
+std::vector<std::int64_t> Store::wholesUpTo(std::int64_t root, std::int64_t id, std::size_t most) {
+  Statement& statement =
+      prepared(wholesUpTo_, database_,
+               "SELECT id FROM whole WHERE root = ? AND id <= ? ORDER BY id LIMIT ?")
+          .with(root, id, static_cast<std::int64_t>(most));
+  std::vector<std::int64_t> ids;
+  while (statement.next()) ids.push_back(statement.number(0));
+  return ids;
+}
+
+std::optional<Segment> Store::segment(const RootEntry& root, std::int64_t id) {
+  const std::int64_t whole = wholeAfter(root.number, id);
+  Segment segment;
+  for (std::int64_t next = whole == 0 ? root.head : whole; next != 0;) {
+    Row found = row(next);
+    if (found.root != root.number) damaged("the rows of the root " + root.name);
+    if (found.previous < 0 || found.previous >= found.id) damaged("row " + std::to_string(next));
+    next = found.previous;
+    if (found.id > id) {
+      segment.following = found.kind;
+      continue;
+    }
+    segment.rows.push_back(std::move(found));
+    if (segment.rows.back().kind == Kind::STATUS) continue;
+    std::reverse(segment.rows.begin(), segment.rows.end());
+    return segment;
+  }
+  if (!segment.rows.empty()) damaged("the root " + root.name + " begins without a tree");
+  return std::nullopt;
+}
+
+std::vector<Row> Store::watches() {
+  const std::int64_t horizon = state().horizon;
+  std::vector<Row> found;
+  for (std::int64_t id = root(watchRoot).head; id != 0;) {
+    found.push_back(row(id));
+    if (found.back().root != watchRoot || found.back().previous >= id) damaged("its watches");
+    id = found.back().id <= horizon ? 0 : found.back().previous;
+  }
+  return found;
+}
+
+std::int64_t Store::placeOf(Time time) {
+  std::int64_t end = last() + 1;
+  // Between two of these no clock was set back.
+  for (const Row& watch : watches()) {
+    if (watch.time > time) {
+      end = watch.id;
+      continue;
+    }
+    std::int64_t low = watch.id;  // that one is not later
+    for (std::int64_t high = end; high - low > 1;) {
+      const std::int64_t middle = low + (high - low) / 2;
+      const auto found = rowFrom(middle);
+      if (found && found->id < high && found->time <= time) {
+        low = found->id;
+      } else {
+        high = middle;
+      }
+    }
+    return low;
+  }
+  return 0;
+}
+
+void Store::append(const Row& row) {
+  prepared(append_, database_, "INSERT INTO event VALUES(?, ?, ?, ?, ?, ?, ?)")
+      .with(row.id, row.root, row.previous == 0 ? std::int64_t{0} : row.id - row.previous,
+            std::int64_t{row.time.time_since_epoch().count()}, static_cast<std::int64_t>(row.kind),
+            std::string_view(row.data), sumOf(row))
+      .run();
+  if (row.kind == Kind::STATUS) return;
+  prepared(appendWhole_, database_, "INSERT INTO whole VALUES(?, ?)").with(row.root, row.id).run();
+}
+
+void Store::setRoot(const RootEntry& root) {
+  prepared(setRoot_, database_,
+           "INSERT INTO root VALUES(?, ?, ?, ?) ON CONFLICT(number) DO UPDATE SET "
+           "head = excluded.head, sum = excluded.sum")
+      .with(root.number, std::string_view(root.name), root.head,
+            sumOf({root.number, root.head}, root.name))
+      .run();
+}
+
+void Store::setState(const State& state) {
+  const std::int64_t seen = state.seen.time_since_epoch().count();
+  prepared(setState_, database_, "INSERT OR REPLACE INTO state VALUES(1, ?, ?, ?)")
+      .with(state.horizon, seen, sumOf({state.horizon, seen}, {}))
+      .run();
+}
+
+void Store::eraseRow(const Row& row) {
+  prepared(eraseRow_, database_, "DELETE FROM event WHERE id = ?").with(row.id).run();
+  if (row.kind == Kind::STATUS) return;
+  prepared(eraseWhole_, database_, "DELETE FROM whole WHERE root = ? AND id = ?")
+      .with(row.root, row.id)
+      .run();
+}
+
+void Store::eraseRoot(const RootEntry& root) {
+  prepared(eraseRoot_, database_, "DELETE FROM root WHERE number = ?").with(root.number).run();
+}
+
+}  // namespace orv::history

@@ -1,0 +1,134 @@
+// The tables of a history, and what keeps them right.
+//
+// What is recorded of all roots are rows with consecutive numbers, in the order of recording. Each
+// row says which was the one before it of the same root. So the rows of a root are a chain, which
+// ends at the row that the root's entry names. A whole tree is filed a second time, so that there
+// is a way into the middle of the chain. A segment of the chain is a whole tree and the status
+// changes after it, up to the next whole tree.
+//
+// Every row carries a sum of all that it says. A row that was changed does not have its sum, a row
+// that is lost is missed in its chain: either is an Error, and no tree is made of what is left.
+//
+// What is older than the horizon is let go segment by segment. Of each root the segment stays that
+// leads up to the horizon.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "history/Database.h"
+#include "history/Time.h"
+#include "reporting/Sequence.h"
+
+namespace orv::history {
+
+// The numbers stand in files.
+enum class Kind : std::int64_t {
+  STATUS = 0,      // what follows from the row before it: a status change
+  CHECKPOINT = 1,  // nothing has changed: the tree as it is
+  ADDED = 2,
+  CONFIGURED = 3,
+  REMOVED = 4,
+  CAUGHT_UP = 5,  // the tree after steps that were not recorded
+  FORGOTTEN = 6,  // the root is gone, and no event said so
+  WATCH = 7,      // a recorder began; belongs to no root
+  CLOCK = 8       // the clock was set back; belongs to no root
+};
+
+struct Row {
+  std::int64_t id = 0;
+  std::int64_t root = 0;
+  std::int64_t previous = 0;  // 0: there was none
+  Time time;
+  Kind kind = Kind::STATUS;
+  std::string data;
+};
+
+// What a row holds that begins a segment. The tree is packed; nothing stands for no tree.
+struct Whole {
+  reporting::Sequence sequence;
+  std::string_view tree;
+};
+std::string dataOf(const reporting::Sequence& sequence);  // the tree is appended to it
+Whole wholeOf(const Row& row);
+
+// What a WATCH holds.
+struct Watch {
+  Time seen;  // when the last recorder was at work for the last time
+  std::string reason;
+};
+std::string dataOf(const Watch& watch);
+Watch watchOf(const Row& row);
+
+struct RootEntry {
+  std::int64_t number = 0;
+  std::string name;
+  std::int64_t head = 0;
+};
+
+// The rows of a segment up to some place; the first has a whole tree.
+struct Segment {
+  std::vector<Row> rows;
+  std::optional<Kind> following;  // what came after that place
+};
+
+struct State {
+  std::int64_t horizon = 1;  // from here on everything is kept
+  Time seen;                 // when the recorder was at work for the last time
+};
+
+class Store {
+ public:
+  // The entry that WATCH and CLOCK belong to.
+  static constexpr std::int64_t watchRoot = 0;
+
+  // Throws Error, as everything does here.
+  Store(const std::string& file, Database::Mode mode);
+
+  Database& database() noexcept { return database_; }
+  [[noreturn]] void damaged(const std::string& what) const;
+
+  State state();
+  std::int64_t last();
+  std::optional<RootEntry> root(const std::string& name);
+  RootEntry root(std::int64_t number);
+  // Those with a higher number than `after`, at most so many, in the order of their numbers.
+  std::vector<RootEntry> rootsAfter(std::int64_t after, std::size_t most);
+  Row row(std::int64_t id);
+  // The first row from there on, if there is one.
+  std::optional<Row> rowFrom(std::int64_t id);
+  std::optional<Row> rowUpTo(std::int64_t id);
+  // The first whole tree of the root after that place; 0 for none.
+  std::int64_t wholeAfter(std::int64_t root, std::int64_t id);
+  // The whole trees up to that place, at most so many, the oldest first.
+  std::vector<std::int64_t> wholesUpTo(std::int64_t root, std::int64_t id, std::size_t most);
+  // The segment that `id` falls into, without what comes after it. Nothing where the root was not
+  // there yet.
+  std::optional<Segment> segment(const RootEntry& root, std::int64_t id);
+  // The rows of the watch root, the newest first.
+  std::vector<Row> watches();
+  // The last row that was recorded at that time or before it; 0 for none.
+  std::int64_t placeOf(Time time);
+
+  void append(const Row& row);
+  void setRoot(const RootEntry& root);
+  void setState(const State& state);
+  void eraseRow(const Row& row);
+  void eraseRoot(const RootEntry& root);
+
+ private:
+  Row read(const Statement& statement) const;
+  static RootEntry readRoot(const Statement& statement);
+  RootEntry checked(const Statement& statement) const;
+
+  std::string file_;
+  Database database_;
+  std::optional<Statement> state_, last_, rootByName_, rootByNumber_, rootsAfter_, row_, rowFrom_,
+      rowUpTo_, wholeAfter_, wholesUpTo_, append_, appendWhole_, setRoot_, setState_, eraseRow_,
+      eraseWhole_, eraseRoot_;
+};
+
+}  // namespace orv::history
