@@ -1,5 +1,6 @@
 // Measures a fleet: a process that reports, one that collects, and a broker between them. Then, in
-// one process and without a broker, how cost grows with the number of roots.
+// one process and without a broker, how cost grows with the number of roots. Last, what open pages
+// of the collector program cost.
 
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -21,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "Pages.h"
 #include "Trees.h"
 #include "reporting/Collector.h"
 #include "reporting/Connection.h"
@@ -33,6 +35,7 @@ namespace {
 using namespace orv::reporting;
 using namespace std::chrono;
 using Json = nlohmann::json;
+using orv::device_tree::GlobalStatus;
 using orv::proto::monitoring::StatusChangeEvent;
 
 void fail(const std::string& problem) { throw std::runtime_error(problem); }
@@ -56,7 +59,8 @@ class Plant {
 
   std::size_t size() const { return roots_.size(); }
 
-  // Changes 1 % of the statuses of the next root, at least one. That one says when it was due.
+  // Changes 1 % of the statuses of the next root, at least one. That one says when it was due. Of
+  // 50 changes one is of the health of a device too.
   const NodePtr& change(Time due) {
     const std::vector<NodePtr>& devices = roots_[changes_ % roots_.size()];
     const std::size_t round = changes_++ / roots_.size();
@@ -65,6 +69,10 @@ class Plant {
     for (std::size_t i = 1; i < devices.size() * 8 / 100; ++i) {
       const NodePtr& device = devices[(12 * i + round) % devices.size()];
       device->getStatus("position")->setValue(static_cast<long>(1000 + round));
+    }
+    if (changes_ % 50 == 0) {
+      const auto level = round % 2 == 0 ? GlobalStatus::LEVEL_WARNING : GlobalStatus::LEVEL_OK;
+      devices.back()->setGlobalStatus({level, ""});
     }
     return devices.front();
   }
@@ -76,12 +84,14 @@ class Plant {
 
 // The process that reports. Says when its trees are built, and begins when it is told the time from
 // one event to the next, zero for no events. Ends when the other end is closed.
-void report(const Broker& broker, std::size_t roots, int control) {
+void report(const Broker& broker, const std::string& prefix, std::size_t roots, int control) {
   Plant plant(roots, 100);
   nanoseconds pause(0);
   send(control, &pause, sizeof pause, 0);
   recv(control, &pause, sizeof pause, 0);
-  Reporter reporter("bench", {{}, fail});
+  ReporterOptions options;
+  options.prefix = prefix;
+  Reporter reporter("bench", {{}, fail}, options);
   Connection connection(broker, reporter, log);
   Time due = steady_clock::now();
   for (std::size_t i = 0; i < roots; ++i) reporter.report(plant.change(due));
@@ -185,7 +195,7 @@ Json measureBroker(const Broker& broker, bool quick) {
   const pid_t reporter = fork();
   close(ends[reporter == 0 ? 0 : 1]);
   if (reporter == 0) {
-    report(broker, roots, ends[1]);
+    report(broker, "orv/1", roots, ends[1]);
     std::exit(0);
   }
   nanoseconds ready{};
@@ -231,8 +241,8 @@ class Pair final : public Link {
     return time(times, [this] { now_ += seconds(30); }) / static_cast<double>(plant_.size());
   }
 
-  void subscribe(const std::vector<std::string>& /*topics*/) override {}
-  int publish(const Message& message) override {
+  void subscribe(const std::vector<std::string>& /*topics*/, Kept /*kept*/) override {}
+  std::uint64_t publish(const Message& message) override {
     messages_.push_back(message);
     messages_.back().isRetained = false;  // it arrives at once
     return ++published_;
@@ -263,8 +273,8 @@ class Pair final : public Link {
   Time now_{hours(1)};
   Plant plant_;
   std::vector<Message> messages_;
-  int published_ = 0;
-  int settled_ = 0;
+  std::uint64_t published_ = 0;
+  std::uint64_t settled_ = 0;
   std::size_t current_ = 0;
   Reporter reporter_{"bench", {{}, fail}};
   Collector collector_{{{},
@@ -291,15 +301,18 @@ Json measureGrowth(bool quick) {
 }  // namespace bench
 
 int main(int argc, char** argv) {
-  const bool quick = argc == 3 && std::string(argv[1]) == "--quick";
-  if (argc != 2 && !quick) {
-    std::cerr << "usage: " << argv[0] << " [--quick] BROKER >RESULTS.json\n";
+  const bool quick = argc == 4 && std::string(argv[1]) == "--quick";
+  if (argc != 3 && !quick) {
+    std::cerr << "usage: " << argv[0] << " [--quick] BROKER COLLECTOR >RESULTS.json\n";
     return 2;
   }
   try {
     bench::Json results;
-    results["broker"] = bench::measureBroker(bench::Broker::parse(argv[argc - 1]), quick);
+    const auto broker = bench::Broker::parse(argv[argc - 2]);
+    results["broker"] = bench::measureBroker(broker, quick);
     results["growth"] = bench::measureGrowth(quick);
+    const auto report = [&broker](int control) { bench::report(broker, "pages", 1000, control); };
+    results["pages"] = bench::measurePages(argv[argc - 2], argv[argc - 1], report, quick);
     std::cout << results.dump(2) << '\n';
   } catch (const std::exception& error) {
     std::cerr << argv[0] << ": " << error.what() << '\n';

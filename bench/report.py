@@ -171,7 +171,14 @@ def fleet(results):
         few, many = map(statistics.median, zip(*rounds))
         ratio = statistics.median(many / few for few, many in rounds)
         growth.append([name, duration(few), duration(many), f"**{number(ratio)}**"])
+    pages = results["pages"]
     return template("fleet.md.in").substitute(
+        pages=pages["pages"],
+        without=f"{pages['without'] * 100:.0f} %",
+        with_pages=f"{pages['with'] * 100:.0f} %",
+        news=f"{pages['news']:,.0f}",
+        news_median=duration(pages["median"] * 1e3),
+        news_percentile=duration(pages["percentile"] * 1e3),
         delay=duration(broker["base"]["percentile"] * 1e3),
         start=duration(broker["start"] * 1e6),
         root=f"{broker['root'] / 1e3:.0f} kB",

@@ -29,8 +29,8 @@ for option in "$@"; do
   esac
 done
 
-./scripts/dependencies.sh build bench broker
-cmake --preset bench -DORV_BUILD_REPORTING=ON
+./scripts/dependencies.sh build bench broker web
+cmake --preset bench -DORV_BUILD_REPORTING=ON -DORV_BUILD_PROGRAMS=ON
 cmake --build --preset bench
 if [ -z "$fleet_alone" ]; then
   build/bench/bench/orv_bench "${options[@]}" \
@@ -43,6 +43,7 @@ fi
 
 . scripts/functions.sh
 start_broker
-build/bench/bench/orv_fleet_bench "${options[@]}" "$broker" >build/bench/fleet.json
+build/bench/bench/orv_fleet_bench "${options[@]}" "$broker" \
+  build/bench/programs/collector >build/bench/fleet.json
 /usr/bin/python3 bench/report.py build/bench/fleet.json "$pages"
 echo "Wrote the last section of $pages/performance.md"

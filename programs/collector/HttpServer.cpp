@@ -42,7 +42,7 @@ constexpr std::size_t mostHeader = 16'384;    // bytes of a request
 constexpr std::size_t mostBytes = 256 << 20;  // of all texts that are there
 constexpr std::size_t portion = 256 << 10;    // bytes that a client has to take within `patience`
 constexpr std::chrono::seconds patience(30);
-constexpr std::chrono::milliseconds pace(50);  // from some news of a client to the next
+constexpr std::chrono::milliseconds pace(20);  // from some news of a client to the next
 constexpr std::chrono::seconds heartbeat(5);   // of a client that gets no news
 
 // What a URL has instead of these bytes. Nothing for what is no such text.

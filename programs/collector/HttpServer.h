@@ -78,7 +78,7 @@ class HttpServer {
   std::uint16_t port() const;
 
   // There may be news. Any thread may call it; it does not wait. Clients that are there get them at
-  // once, unless they got some less than 50 ms ago.
+  // once, unless they got some less than 20 ms ago.
   void wake();
 
  private:

@@ -65,6 +65,7 @@ function sync(parent, pairs, shape, update) {
 // page says once.
 const isCurrent = (root) => root.condition === 'current' || !isConnected;
 const isWell = (root) => root.health === 'OK' && isCurrent(root);
+const LEVELS = ['ERROR', 'WARNING', 'OK'];
 const ORDER = ['ERROR', 'WARNING', '?', 'OK'];
 const rank = (root) => isWell(root) ? ORDER.length : ORDER.indexOf(root.health);
 
@@ -84,7 +85,7 @@ function ageOf({condition, condition_since: lost, health_since: health}) {
   const seconds = Math.max(0, (Date.now() + lead - Date.parse(since)) / 1000);
   const units = [[60, 1, 's'], [3600, 60, 'min'], [172800, 3600, 'h'], [Infinity, 86400, 'd']];
   const [, length, unit] = units.find(([end]) => seconds < end);
-  return {age: `${Math.floor(seconds / length)} ${unit}`, since};
+  return {age: `for ${Math.floor(seconds / length)} ${unit}`, since};
 }
 
 function namesOf({id = '', name}) {
@@ -125,7 +126,7 @@ function drawList() {
   const isAt = (level) => roots.filter((root) => root.health === level);
   const counts = {
     roots: count(roots, roots.length === 1 ? 'root' : 'roots') || 'no roots',
-    ...Object.fromEntries(ORDER.map((level) => [level, count(isAt(level), level)])),
+    ...Object.fromEntries(LEVELS.map((level) => [level, count(isAt(level), level)])),
     lost: count(roots.filter((root) => !isCurrent(root)), 'not current'),
     shown: ofRoots.length < roots.length && (count(ofRoots, 'shown') || 'none shown'),
     found: count(devices, isMore ? 'devices found, and more' : 'devices found')
@@ -135,7 +136,7 @@ function drawList() {
       (place, text, isNew) => {
         show(place, text, isNew);
         const level = text.split(' ')[1];
-        if (ORDER.includes(level)) place.dataset.level = level;
+        if (LEVELS.includes(level)) place.dataset.level = level;
       });
   at('rows').style.height = `${shown.length * ROW}px`;
   if (!shown.some((row) => row.key === active)) active = shown[0]?.key;
@@ -398,5 +399,5 @@ at('list').addEventListener('scroll', drawList);
 addEventListener('resize', drawList);
 addEventListener('hashchange', choose);
 document.addEventListener('visibilitychange', listen);
-setInterval(drawList, 10000);  // for how long they have been like that
+setInterval(drawList, 1000);  // for how long they have been like that
 choose();

@@ -90,7 +90,8 @@ def use_page():
     assert warm(43.5), "a value that changed is not marked"
 
     os.kill(int(pathlib.Path("station-8.pid").read_text(encoding="utf-8")), signal.SIGKILL)
-    wait("the root without reporter", lambda: "its reporter is gone" in texts("#rows a")[1])
+    wait("the root without reporter, and since when", lambda: any(
+        "its reporter is gone" in text and "for 2 s" in text for text in texts("#rows a")[:2]))
     for width, scheme, name in (400, "dark", "fleet_small"), (1600, "light", "fleet"):
         view(width, scheme)
         assert warm(44.5 + width / 100), "a value that changed is not marked"
