@@ -52,6 +52,22 @@ bool CommandLine::read(int argc, const char* const* argv) {
   return false;
 }
 
+std::string printable(const std::string& text) {
+  constexpr const char* digits = "0123456789abcdef";
+  std::string result;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const auto byte = static_cast<unsigned char>(text[at]);
+    const bool isHigh = byte == 0xc2 && at + 1 < text.size() &&
+                        static_cast<unsigned char>(text[at + 1]) < 0xa0;  // U+0080 to U+009F
+    if (byte < 0x20 || byte == 0x7f || isHigh) {
+      result.append({'\\', 'x', digits[byte >> 4U], digits[byte & 15U]});
+    } else {
+      result += text[at];
+    }
+  }
+  return result;
+}
+
 void print(const std::string& text) {
   if (!(std::cout << text << std::flush)) throw std::runtime_error("cannot write the output");
 }

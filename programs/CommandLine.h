@@ -15,6 +15,9 @@ class CommandLine : public CLI::App {
   bool read(int argc, const char* const* argv);
 };
 
+// The text with its control characters escaped: whoever may publish chooses it.
+std::string printable(const std::string& text);
+
 // Writes at once. Throws std::runtime_error when that fails.
 void print(const std::string& text);
 

@@ -51,6 +51,7 @@ CollectorCallbacks Fleet::observe(CollectorCallbacks callbacks) {
   CollectorCallbacks result;
   result.applied = [this, applied = std::move(callbacks.applied)](
                        const std::string& id, const orv::reporting::Step& step) {
+    ++events_[step.event.event_type()];
     apply(id, step.event, step.after);
     applied(id, step);
   };
@@ -64,7 +65,6 @@ CollectorCallbacks Fleet::observe(CollectorCallbacks callbacks) {
 }
 
 void Fleet::apply(const std::string& id, const Event& event, const Tree& tree) {
-  ++events_[event.event_type()];
   if (!tree && roots_.count(id) == 0) return;  // the removal of a root that is not known
   Root& root = roots_[id];
   root.lastEvent = std::chrono::system_clock::now();
@@ -89,6 +89,15 @@ void Fleet::apply(const std::string& id, const Event& event, const Tree& tree) {
     for (const auto& one : status.named_status_changes()) changes->add(version_, one.device_id());
   }
   notify();
+}
+
+void Fleet::resume(const std::string& id, const Tree& tree,
+                   const orv::reporting::Sequence& sequence) {
+  const auto guard = lock();
+  collector_.resume(id, tree, sequence);
+  Event whole;
+  whole.set_event_type(Event::DEVICE_ADD);
+  apply(id, whole, tree);
 }
 
 void Fleet::change(const std::string& id, Condition condition) {

@@ -90,6 +90,10 @@ class Fleet final : public orv::reporting::Endpoint {
   // Is called under the lock when one of these has changed.
   void setListener(std::function<void()> listener) { listener_ = std::move(listener); }
 
+  // Begins with a tree that a history has, see Collector::resume.
+  void resume(const std::string& id, const orv::reporting::Tree& tree,
+              const orv::reporting::Sequence& sequence);
+
   std::optional<orv::reporting::Message> connecting() override;
   void connected(orv::reporting::Link& link, orv::reporting::Time now) override;
   void disconnected(orv::reporting::Time now) override;

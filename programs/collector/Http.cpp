@@ -13,6 +13,7 @@
 
 #include "collector/Fleet.h"
 #include "collector/FleetNews.h"
+#include "collector/HistoryHttp.h"
 #include "collector/HttpServer.h"
 #include "collector/Json.h"
 #include "collector/Metrics.h"
@@ -172,7 +173,7 @@ bool isOfThisMachine(const std::string& name) {
 class Site {
  public:
   Site(const std::string& address, std::uint16_t port, Fleet& fleet,
-       const MetricOptions& metricOptions);
+       const MetricOptions& metricOptions, HistorySource history);
   Site(const Site&) = delete;
   Site& operator=(const Site&) = delete;
   ~Site();
@@ -185,6 +186,7 @@ class Site {
 
   Fleet& fleet_;
   const MetricOptions metricOptions_;
+  const HistorySource history_;
   FleetNews news_;
   Untaken untaken_;
   const std::string name_;  // of the address in a URL
@@ -192,9 +194,10 @@ class Site {
 };
 
 Site::Site(const std::string& address, std::uint16_t port, Fleet& fleet,
-           const MetricOptions& metricOptions)
+           const MetricOptions& metricOptions, HistorySource history)
     : fleet_(fleet),
       metricOptions_(metricOptions),
+      history_(std::move(history)),
       news_(fleet),
       name_(address.find(':') == std::string::npos ? address : "[" + address + "]"),
       server_(address, port, [this](const HttpRequest& request) { return answer(request); }) {
@@ -216,6 +219,7 @@ HttpAnswer Site::answer(const HttpRequest& request) {
   if (path == "/") return textAnswer(page_html, "text/html");
   if (path == "/page.css") return textAnswer(page_css, "text/css");
   if (path == "/page.js") return textAnswer(page_js, "text/javascript");
+  if (auto answer = answerHistory(history_, request)) return *std::move(answer);
   if (path == "/metrics") return answerMetrics(fleet_, metricOptions_, request);
   if (path == "/api/roots") return answerRoots(fleet_, untaken_, request);
   if (path == "/api/devices") return answerDevices(fleet_, request);
@@ -237,10 +241,10 @@ bool Site::isForUs(const std::string& host) const {
 }  // namespace
 
 std::shared_ptr<void> serveHttp(const std::string& address, std::uint16_t port, Fleet& fleet,
-                                const MetricOptions& metricOptions,
+                                const MetricOptions& metricOptions, const HistorySource& history,
                                 const std::function<void(const std::string&)>& log) {
   try {
-    const auto site = std::make_shared<Site>(address, port, fleet, metricOptions);
+    const auto site = std::make_shared<Site>(address, port, fleet, metricOptions, history);
     log(site->url());
     return site;
   } catch (const std::runtime_error& fault) {

@@ -5,6 +5,7 @@
 
 std::shared_ptr<void> serveHttp(const std::string& /*address*/, std::uint16_t /*port*/,
                                 Fleet& /*fleet*/, const MetricOptions& /*metricOptions*/,
+                                const HistorySource& /*history*/,
                                 const std::function<void(const std::string&)>& /*log*/) {
   throw std::runtime_error("--http: built without zlib and nlohmann-json");
 }

@@ -12,7 +12,9 @@
 #include "Service.h"
 #include "Signals.h"
 #include "collector/Fleet.h"
+#include "collector/FleetHistory.h"
 #include "collector/Forget.h"
+#include "collector/HistoryHttp.h"
 #include "collector/Http.h"
 #include "collector/MetricOptions.h"
 #include "collector/Partitions.h"
@@ -33,6 +35,7 @@ struct Options {
   std::optional<std::uint16_t> httpPort;
   std::string httpAddress = "127.0.0.1";
   MetricOptions metrics;
+  HistoryOptions history;
   std::uint32_t count = 0;
   std::string forgotten;  // the reporter to forget; empty: collect
   bool isForced = false;
@@ -71,6 +74,7 @@ std::optional<Options> parse(int argc, char** argv) {
       ->check([](const std::string& text) { return text.empty() ? "It is empty" : std::string(); })
       ->needs(http);
   addMetricOptions(app, options.metrics, http);
+  addHistoryOptions(app, options.history);
   app.add_option("--count", options.count, "end after N events; 0 = when interrupted (default)")
       ->type_name("N");
   CLI::App* const forget = app.add_subcommand(
@@ -88,23 +92,6 @@ std::optional<Options> parse(int argc, char** argv) {
   return app.read(argc, argv) ? std::optional(options) : std::nullopt;
 }
 
-// The text with its control characters escaped: whoever may publish chooses it.
-std::string printable(const std::string& text) {
-  constexpr const char* digits = "0123456789abcdef";
-  std::string result;
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    const auto byte = static_cast<unsigned char>(text[at]);
-    const bool isHigh = byte == 0xc2 && at + 1 < text.size() &&
-                        static_cast<unsigned char>(text[at + 1]) < 0xa0;  // U+0080 to U+009F
-    if (byte < 0x20 || byte == 0x7f || isHigh) {
-      result.append({'\\', 'x', digits[byte >> 4U], digits[byte & 15U]});
-    } else {
-      result += text[at];
-    }
-  }
-  return result;
-}
-
 void show(const std::string& root, const std::string& line) {
   print(printable(root) + ' ' + printable(line) + '\n');
 }
@@ -115,27 +102,38 @@ void collect(const Options& options) {
   const Signals signals;
   Service service;
   if (!service.waitAfterFailures(signals)) return;
+  std::unique_ptr<FleetHistory> history;
+  if (!options.history.file.empty()) {
+    history = std::make_unique<FleetHistory>(options.history, logLine);
+  }
   unsigned long events = 0;
   bool isOver = false;  // that everything is out of date then is no news
   orv::reporting::CollectorCallbacks callbacks;
-  callbacks.applied = [&events](const std::string& root, const orv::reporting::Step& step) {
+  callbacks.applied = [&](const std::string& root, const orv::reporting::Step& step) {
     ++events;
+    if (history) history->record(root, step);
     for (const auto& line : GetSummary(step.event, step.before, step.after)) show(root, line.text);
   };
-  callbacks.changed = [&isOver](const std::string& root, Condition condition) {
+  callbacks.changed = [&](const std::string& root, Condition condition) {
+    if (history && condition == Condition::FORGOTTEN) history->forget(root);
     if (!isOver) show(root + ":", textOf(condition));
   };
   callbacks.problem = logLine;
   Fleet fleet(callbacks, options.collector);
   orv::reporting::Connection connection(brokerOf(options.broker), fleet, logLine,
                                         connectionOptionsOf(options.broker));
+  if (history) history->resume(fleet);
   std::shared_ptr<void> http;
-  if (options.httpPort)
-    http = serveHttp(options.httpAddress, *options.httpPort, fleet, options.metrics, logLine);
+  if (options.httpPort) {
+    const HistorySource source{options.history.file, [&history] { return history->failure(); }};
+    http =
+        serveHttp(options.httpAddress, *options.httpPort, fleet, options.metrics, source, logLine);
+  }
   service.ready();
   while (!isOver) {
     connection.serve(std::chrono::milliseconds(200));
     service.alive();
+    if (history) history->serve();
     isOver = signals.arrive(std::chrono::nanoseconds(0)) ||
              (options.count > 0 && events >= options.count);
   }
