@@ -17,6 +17,7 @@ void addProperty(MetricOptions& options, const std::string& name) {
 // NAME or NAME=STATE,STATE...
 void addState(MetricOptions& options, const std::string& text) {
   const std::size_t end = text.find('=');
+  if (end == 0) throw CLI::ValidationError("--metric-state", "no name before '='");
   auto& states = options.states[text.substr(0, end)];
   if (end == std::string::npos) return;
   std::istringstream rest(text.substr(end + 1));

@@ -1,5 +1,6 @@
 #include <fstream>
 #include <string>
+#include <system_error>
 
 #include "host_monitor/Facts.h"
 #include "host_monitor/Identity.h"
@@ -27,8 +28,15 @@ std::string bondedAddressOf(const fs::path& root, const std::string& name) {
   return "";
 }
 
+// Whether it is no hardware: a VLAN has the address of the interface below it.
+bool isMadeUp(const fs::path& directory) {
+  std::error_code error;
+  return fs::canonical(directory, error).parent_path().parent_path().filename() == "virtual";
+}
+
 // The address that the interface was made with, whatever it has been given since.
 std::string permanentAddressOf(const fs::path& root, const fs::path& directory) {
+  if (isMadeUp(directory)) return "";
   constexpr const char* isPermanent = "0";
   if (line(directory / "addr_assign_type") == isPermanent) {
     return claimOf(line(directory / "address"));
