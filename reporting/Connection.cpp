@@ -263,17 +263,18 @@ class Connection::Client final : public Link {
 
  private:
   void end() {
-    const bool isSaid = endpoint_.ending(steady_clock::now());
+    // A will that the broker publishes would be late.
+    if (!endpoint_.ending(steady_clock::now()) && will_) publish(*will_);
     const Time answersEnd = steady_clock::now() + farewell;
-    while (isConnected_ && isSaid && !onTheirWay_.empty() && steady_clock::now() < answersEnd) {
+    while (isConnected_ && !onTheirWay_.empty() && steady_clock::now() < answersEnd) {
       wait(answersEnd);
       exchange();
     }
     if (!isConnected_) return;
     Properties properties;
     if (!options_.outlivesProcess) properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL, 0);
-    const bool needsNoWill = isSaid && onTheirWay_.empty();
-    mosquitto_disconnect_v5(client_.get(), needsNoWill ? 0 : MQTT_RC_DISCONNECT_WITH_WILL_MSG,
+    mosquitto_disconnect_v5(client_.get(),
+                            onTheirWay_.empty() ? 0 : MQTT_RC_DISCONNECT_WITH_WILL_MSG,
                             properties.get());
     const Time writingEnd = steady_clock::now() + farewell;
     while (mosquitto_want_write(client_.get()) && steady_clock::now() < writingEnd) {
@@ -304,7 +305,7 @@ class Connection::Client final : public Link {
   // library holds the numeric address: looking up a name it waits as well.
   void connect(const Route::Place& place, Time now) {
     if (options_.credentials) credentials_ = options_.credentials();
-    const std::optional<Message> will = endpoint_.connecting();
+    will_ = endpoint_.connecting();
     client_.reset(mosquitto_new(id_.c_str(), !continues_, this));
     if (!client_) throw std::bad_alloc();
     mosquitto* const client = client_.get();
@@ -322,7 +323,7 @@ class Connection::Client final : public Link {
     attemptEnd_ = now + patience;
     lastUpkeep_ = now;
     reason_.clear();
-    int result = configure(client, will);
+    int result = configure(client);
     if (result == MOSQ_ERR_SUCCESS) {
       Properties properties;
       properties.add(MQTT_PROP_SESSION_EXPIRY_INTERVAL,
@@ -337,14 +338,14 @@ class Connection::Client final : public Link {
     lose(general);
   }
 
-  int configure(mosquitto* client, const std::optional<Message>& will) {
+  int configure(mosquitto* client) {
     int result = MOSQ_ERR_SUCCESS;
-    if (will) {
+    if (will_) {
       Properties properties;
       properties.add(MQTT_PROP_WILL_DELAY_INTERVAL, static_cast<std::uint32_t>(willDelay.count()));
-      result =
-          mosquitto_will_set_v5(client, will->topic.c_str(), static_cast<int>(will->payload.size()),
-                                will->payload.data(), 1, will->isRetained, properties.get());
+      result = mosquitto_will_set_v5(client, will_->topic.c_str(),
+                                     static_cast<int>(will_->payload.size()), will_->payload.data(),
+                                     1, will_->isRetained, properties.get());
       if (result == MOSQ_ERR_SUCCESS) properties.release();  // they are the library's now
     }
     if (result == MOSQ_ERR_SUCCESS && !credentials_.user.empty()) {
@@ -596,6 +597,7 @@ class Connection::Client final : public Link {
   std::set<std::string> rightsMissed_;  // kinds of topics, told of
   std::map<int, std::string> subscriptions_;
   std::uint64_t lastNumber_ = 0;
+  std::optional<Message> will_;  // of the connection
   bool isConnected_ = false;
   Time connectedAt_;
   Time lastAnswer_;  // or since when one is waited for

@@ -65,11 +65,11 @@ class ORV_REPORTING_EXPORT Connection {
   Connection(const Broker& broker, Endpoint& endpoint, std::function<void(const std::string&)> log,
              const ConnectionOptions& options = {});
 
-  /// Ends the connection in order: hears the endpoint's last words, then disconnects; the broker
-  /// drops the session, unless it outlives the process, and publishes the will if there were no
-  /// last words. Waits up to a second until the broker has taken everything, and up to another one
-  /// for the end to be written. Then tells the endpoint that it is disconnected, so that another
-  /// connection can serve it. What endpoint and `log` throw is dropped.
+  /// Ends the connection in order: the endpoint's last words go out, or else what its will says.
+  /// Waits up to a second until the broker has taken everything, and up to another one for the end
+  /// to be written. The broker drops the session, unless that outlives the process. Then tells the
+  /// endpoint that it is disconnected, so that another connection can serve it. What endpoint and
+  /// `log` throw is dropped.
   ~Connection();
 
   Connection(const Connection&) = delete;

@@ -60,9 +60,9 @@ class ORV_REPORTING_EXPORT Endpoint {
   virtual void connected(Link& link, Time now) = 0;
 
   /// The connection is about to end in order, and the endpoint is served no more on it. Publishes
-  /// what the endpoint has to say last and returns whether that takes the place of the will. The
-  /// broker then publishes no will, if it takes everything that is on its way within a second. Says
-  /// nothing and returns false unless it is overridden.
+  /// what the endpoint has to say last and returns whether that takes the place of the will; if
+  /// not, the connection publishes the will as the last message. Says nothing and returns false
+  /// unless it is overridden.
   virtual bool ending(Time now);
 
   /// The connection is gone. What was published and not settled may have arrived.

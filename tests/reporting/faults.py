@@ -312,6 +312,7 @@ def event_not_allowed(stage):
     stage.broker.send_signal(signal.SIGHUP)
     held = stage.hold()
     wait("equal trees", lambda: stage.collector.trees() == held)
+    assert stage.collector.count("gone: ") == 0, "its roots were gone"
 
 
 def rights_that_are_missing(stage):
