@@ -21,6 +21,8 @@ namespace {
 
 // A root that was forgotten stays known so long, so that old events do not bring it back.
 constexpr std::chrono::hours memory(1);
+// Who may read everything has heard every reporter by then: their heartbeat is shorter.
+constexpr std::chrono::seconds hearing(40);
 
 }  // namespace
 
@@ -75,6 +77,7 @@ class Collector::Core {
   std::string reasonOf(const std::string& id, const Root& root) const;
   std::string heldBack(const std::string& id, const Root& root) const;
   void check(Time now);
+  void checkHearing(Time now);
   void ask(Time now);
   void needState(const std::string& name, Time now);
   void send(const std::string& name, const monitoring::TreeRequest& request);
@@ -92,6 +95,10 @@ class Collector::Core {
   Link* link_ = nullptr;
   bool isRequestRefused_ = false;  // the last one
   bool isSequenceMissed_ = false;  // which was told
+  bool areStatesHeard_ = false;    // on this connection
+  bool areEventsHeard_ = false;
+  Time hearingDue_;             // when that is looked at
+  std::string hearingProblem_;  // that was told last
   std::map<std::string, Root> roots_;
   std::map<std::string, Peer> peers_;
   std::map<std::string, std::set<std::string>>
@@ -146,6 +153,8 @@ std::optional<Collector::View> Collector::Core::view(const std::string& id) cons
 void Collector::Core::connected(Link& link, Time now) {
   if (link_ != nullptr) disconnected(now);
   link_ = &link;
+  areStatesHeard_ = areEventsHeard_ = false;
+  hearingDue_ = now + hearing;
   for (auto& [name, peer] : peers_) {
     peer.listen(now);
     needState(name, now);
@@ -184,8 +193,10 @@ void Collector::Core::settled(const std::string& refusal) {
 
 void Collector::Core::received(const Message& message, Time now) {
   if (const auto name = topics_.reporterOf(message.topic); name && !name->empty()) {
+    areStatesHeard_ = true;
     receiveState(*name, message, now);
   } else if (const auto id = topics_.rootOf(message.topic); id && follows(*id)) {
+    areEventsHeard_ = true;
     receiveEvent(*id, message, now);
   } else {
     refuse("A message has the topic " + message.topic);
@@ -269,6 +280,7 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
     for (const auto& [id, listed] : peer.roots()) unlist(id, name, now);
     return;
   }
+  const bool isFirst = peers_.empty();
   Peer& peer = peers_.try_emplace(name, now).first->second;
   Peer::Roots unlisted;
   const Peer::Verdict verdict = peer.take(state, message.isRetained, now, unlisted);
@@ -283,6 +295,8 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
   for (const auto& [id, listed] : unlisted) unlist(id, name, now);
   if (peer.isThere()) checkClaims(name, now);
   updateRootsOf(peer, now);
+  if (!isFirst) return;
+  for (const auto& [id, root] : roots_) update(id, now);
 }
 
 // So claims do not outnumber the roots, whatever names events may hold.
@@ -445,6 +459,7 @@ Condition Collector::Core::conditionOf(const std::string& id, const Root& root) 
     return isListed ? Condition::AWAITED : Condition::FORGOTTEN;
   }
   if (link_ == nullptr || (peer != nullptr && !peer->isConfirmed())) return Condition::OUT_OF_DATE;
+  if (peers_.empty()) return Condition::OUT_OF_DATE;
   if (peer == nullptr || !peer->isOnline()) return Condition::REPORTER_GONE;
   const bool isClaimed = !root.reporter.empty() || !root.isClaimKept;
   const bool isInStep = !root.follower.isBehind() || root.condition == Condition::CURRENT;
@@ -458,6 +473,7 @@ std::string Collector::Core::reasonOf(const std::string& id, const Root& root) c
   const std::string why = heldBack(id, root);
   if (!why.empty()) return "its reporter holds it back: " + why;
   const Peer* const peer = peerOf(root);
+  if (peers_.empty()) return "no state of any reporter has arrived";
   if (peer == nullptr || !peer->isOnline()) return "its reporter is gone";
   if (!peer->isConfirmed()) return "its reporter has not been heard yet";
   if (root.isTooLarge) return "its events are larger than this collector takes";
@@ -468,7 +484,8 @@ std::string Collector::Core::reasonOf(const std::string& id, const Root& root) c
 // Once a second: who was silent for too long, and which roots nobody lists.
 void Collector::Core::check(Time now) {
   nextCheck_ = now + std::chrono::seconds(1);
-  bool areAllThere = true;
+  if (hearingDue_ <= now) checkHearing(now);
+  bool areAllThere = !peers_.empty();
   for (auto& [name, peer] : peers_) {
     areAllThere = areAllThere && peer.isThere();
     if (!peer.giveUp(now, options_.silence)) continue;
@@ -490,6 +507,28 @@ void Collector::Core::check(Time now) {
     }
     entry = next;
   }
+}
+
+// A broker grants subscriptions also to those who may not read, and then sends nothing.
+void Collector::Core::checkHearing(Time now) {
+  hearingDue_ = now + hearing;
+  const bool areEventsMissed = std::any_of(roots_.begin(), roots_.end(), [this](const auto& entry) {
+    return entry.second.condition == Condition::AWAITED &&
+           heldBack(entry.first, entry.second).empty();
+  });
+  const std::string states = topics_.allReporters();
+  const std::string events = topics_.allEvents();
+  std::string problem;
+  if (!areStatesHeard_ && !areEventsHeard_) {
+    problem = "Nothing arrives: either nobody reports, or the broker does not let this user read " +
+              states + " and " + events;
+  } else if (!areStatesHeard_) {
+    problem = "Events arrive and no states: it seems that this user may not read " + states;
+  } else if (!areEventsHeard_ && areEventsMissed) {
+    problem = "States arrive and no events: it seems that this user may not read " + events;
+  }
+  if (!problem.empty() && problem != hearingProblem_) complain(problem);
+  hearingProblem_ = problem;
 }
 
 // All roots of one reporter go into one request: each request is a message to it.

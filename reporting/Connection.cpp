@@ -106,24 +106,26 @@ class Notices {
   explicit Notices(std::function<void(const std::string&)> log) : log_(std::move(log)) {}
 
   void tell(const std::string& line) {
-    if (!told_.insert(line).second) return;
-    last_ = line;
-    if (log_) log_(line);
+    if (told_.insert(line).second && log_) log_(line);
   }
 
-  // It stays as the line says.
-  void stays(const std::string& line) {
-    if (line != last_) {
-      told_.clear();
-      tell(line);
-    }
+  // What the line says is now so.
+  void begins(const std::string& line) {
+    if (told_.count(line) == 0) last_ = line;
+    tell(line);
+  }
+
+  // And stays so.
+  void lasts(const std::string& line) {
+    told_.clear();
+    if (line != last_) begins(line);
     told_.clear();
   }
 
  private:
   std::function<void(const std::string&)> log_;
   std::set<std::string> told_;
-  std::string last_;
+  std::string last_;  // of those that begin
 };
 
 // What the client library says.
@@ -138,7 +140,7 @@ struct Failed {
 };
 struct Subscribed {
   int number;
-  bool isRefused;
+  int code;
 };
 struct Settled {
   int clientNumber;
@@ -386,7 +388,7 @@ class Connection::Client final : public Link {
       result = mosquitto_loop_misc(client);
       const bool isMute = !onTheirWay_.empty() && now - lastAnswer_ > longestWait;
       if (result == MOSQ_ERR_SUCCESS && isMute) result = MOSQ_ERR_KEEPALIVE;
-      if (isConnected_ && now - connectedAt_ >= stable) notices_.stays(connectedLine());
+      if (isConnected_ && now - connectedAt_ >= stable) notices_.lasts(connectedLine());
     }
     const std::string general = textOf(result);  // which errno is a part of
     deliver();
@@ -438,7 +440,7 @@ class Connection::Client final : public Link {
     isConnected_ = true;
     connectedAt_ = now;
     due_ = Time();
-    notices_.tell(connectedLine());
+    notices_.begins(connectedLine());
     endpoint_.connected(*this, now);
     continues_ = true;
     hasConnected_ = true;
@@ -467,10 +469,11 @@ class Connection::Client final : public Link {
   }
 
   void handle(const Subscribed& answer, Time /*now*/) {
-    if (answer.isRefused) {
-      notices_.tell("The broker refuses a subscription to " + subscriptions_[answer.number]);
-    }
+    const std::string topics = subscriptions_[answer.number];
     subscriptions_.erase(answer.number);
+    if (answer.code < MQTT_RC_UNSPECIFIED) return;
+    notices_.tell("The broker refuses a subscription to " + topics + ": " +
+                  refusalOf(answer.code, "read", topics));
   }
 
   void handle(const Settled& answer, Time now) {
@@ -479,20 +482,17 @@ class Connection::Client final : public Link {
     const auto [number, topic] = std::move(entry->second);
     onTheirWay_.erase(entry);
     lastAnswer_ = now;
-    if (answer.code == MQTT_RC_NOT_AUTHORIZED) tellRight(topic);
     endpoint_.settled(
-        number, answer.code >= MQTT_RC_UNSPECIFIED ? mosquitto_reason_string(answer.code) : "",
-        now);
+        number,
+        answer.code < MQTT_RC_UNSPECIFIED ? "" : refusalOf(answer.code, "publish to", topic), now);
   }
 
-  // Once for each kind of topic: what comes before the partition and the name.
-  void tellRight(const std::string& topic) {
-    std::string kind = topic.substr(0, topic.rfind('/'));
-    kind.erase(kind.find_last_not_of("0123456789") + 1);
-    if (!rightsMissed_.insert(kind).second) return;
-    const std::string& name = credentials_.user;
-    const std::string user = name.empty() ? "a user without name" : "user " + name;
-    notices_.tell("The broker does not let " + user + " publish to " + topic);
+  // In words that name the right that is missing.
+  std::string refusalOf(int code, const std::string& what, const std::string& topic) const {
+    if (code != MQTT_RC_NOT_AUTHORIZED) return mosquitto_reason_string(code);
+    const std::string& user = credentials_.user;
+    return (user.empty() ? "a user without name" : "user " + user) + " may not " + what + " " +
+           topic;
   }
 
   void handle(const Received& received, Time now) { endpoint_.received(received.message, now); }
@@ -525,7 +525,7 @@ class Connection::Client final : public Link {
   }
   std::string connectedLine() const { return "Connected to " + placeText(); }
   void tellOf(const std::string& failure) {
-    notices_.tell("No connection to " + placeText() + ": " + failure);
+    notices_.begins("No connection to " + placeText() + ": " + failure);
   }
 
   template <typename MakeSaid>
@@ -559,7 +559,7 @@ class Connection::Client final : public Link {
 
   static void onSubscribe(mosquitto* /*library*/, void* client, int number, int count,
                           const int* granted, const mosquitto_property* /*properties*/) {
-    say(client, [&] { return Subscribed{number, count < 1 || *granted >= MQTT_RC_UNSPECIFIED}; });
+    say(client, [&] { return Subscribed{number, count < 1 ? MQTT_RC_UNSPECIFIED : *granted}; });
   }
 
   static void onMessage(mosquitto* /*library*/, void* client, const mosquitto_message* message,
@@ -593,8 +593,7 @@ class Connection::Client final : public Link {
   std::exception_ptr failure_;
   std::string reason_;  // why the broker ends the connection
   std::map<int, std::pair<std::uint64_t, std::string>>
-      onTheirWay_;                      // our number and the topic, by theirs
-  std::set<std::string> rightsMissed_;  // kinds of topics, told of
+      onTheirWay_;  // our number and the topic, by theirs
   std::map<int, std::string> subscriptions_;
   std::uint64_t lastNumber_ = 0;
   std::optional<Message> will_;  // of the connection

@@ -231,6 +231,28 @@ TEST_F(CollectorTest, ForgetsATreeThatItsReporterDoesNotHave) {
   talk.expect("other is forgotten, ask a other");
 }
 
+TEST_F(CollectorTest, SaysOnceWhatItSeemsToHaveNoRightToRead) {
+  const std::string nothing =
+      "Nothing arrives: either nobody reports, or the broker does not let this user read "
+      "orv/1/reporter/+ and orv/1/event/+/+";
+  const std::string noStates =
+      "Events arrive and no states: it seems that this user may not read orv/1/reporter/+";
+  const std::string noEvents =
+      "States arrive and no events: it seems that this user may not read orv/1/event/+/+";
+  talk.after(200s).expect(nothing);
+  talk.hear(tree("r", {1, 1})).after(200s).expect("r is out of date, " + noStates);
+  EXPECT_EQ(collector.view("r")->reason, "no state of any reporter has arrived");
+  talk.hear(state("a", 1, {{"r", {1, 1}}})).expect("r is current");
+  talk.cut()
+      .forget()
+      .connect()
+      .hear(state("a", 1, {{"r", {1, 1}}}))
+      .after(50s)
+      .expect("r is current");
+  talk.hear(state("a", 1, {{"r", {1, 1}}, {"other", {2, 1}}})).after(90s);
+  EXPECT_EQ(talk.count(noEvents), 1);
+}
+
 TEST_F(CollectorTest, SaysOnceThatEventsAreTooLarge) {
   CollectorOptions options;
   options.mostBytes = 10;

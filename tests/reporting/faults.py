@@ -305,7 +305,7 @@ def event_not_allowed(stage):
     stage.start_broker(f"acl_file {rules}")
     stage.collector = stage.start("collector")
     stage.report("hall/a", roots="3000")
-    stage.reporters["hall/a"].tells("The broker refuses hall/a/7: Not authorized")
+    stage.reporters["hall/a"].tells("The broker refuses hall/a/7: a user without name may not publish to")
     wait("other trees", lambda: 2999 == sum(head.endswith(" 0")
                                             for head in heads(stage.collector.trees())))
     rules.write_text("topic readwrite #\n")
@@ -316,21 +316,37 @@ def event_not_allowed(stage):
 
 
 def rights_that_are_missing(stage):
-    """A reporter that is not called like its user, and a collector that may not ask."""
+    """Of a reporter that is not called like its user, and of collectors."""
+    events, states = "topic read orv/1/event/#", "topic read orv/1/reporter/#"
+    requests = "topic write orv/1/request/#"
     rules = stage.directory / "rules"
-    rules.write_text("topic readwrite #\nuser other\ntopic read #\nuser reader\n"
-                     "topic read orv/1/event/#\ntopic read orv/1/reporter/#\n")
+    rules.write_text("\n".join([
+        "topic readwrite #", "user other", "topic read #", "user mute", events, states,
+        "user deaf", requests, "user blind", events, requests, "user waiting", states, requests]))
     stage.begin(f"acl_file {rules}")
-    url, problem = stage.url, "The broker does not let user "
-    for reporter in stage.reporters.values():  # so that the collector has to ask
+    for reporter in stage.reporters.values():  # so that who may not ask has to
         reporter.process.send_signal(signal.SIGSTOP)
-    for user, mode, arguments, topic in (
-            ("other", "reporter", ("hall/c", "99", "2"), "orv/1/reporter/hall%2Fc"),
-            ("reader", "collector", (), "orv/1/request/hall%2F")):
+    url, peers = stage.url, {}
+    for user, problem in {
+            "other": "The broker refuses the state of hall/c: user other may not publish to "
+                     "orv/1/reporter/hall%2Fc",
+            "mute": "The broker refuses a request for trees: user mute may not publish to "
+                    "orv/1/request/hall%2F",
+            "deaf": "Nothing arrives: either nobody reports, or the broker does not let this user "
+                    "read orv/1/reporter/+ and orv/1/event/+/+",
+            "blind": "Events arrive and no states: it seems that this user may not read "
+                     "orv/1/reporter/+",
+            "waiting": "States arrive and no events: it seems that this user may not read "
+                       "orv/1/event/+/+"}.items():
         stage.url = url.replace("//", f"//{user}@")
-        peer = stage.start(mode, *arguments)
-        peer.tells(f"{problem}{user} publish to {topic}")
-        assert peer.count(f"{problem}{user} publish to {topic[:10]}") == 1, "told again"
+        arguments = ("reporter", "hall/c", "99", "2") if user == "other" else ("collector",)
+        peers[user] = stage.start(*arguments), problem
+    for peer, problem in peers.values():
+        peer.tells(problem)
+        for line in (problem, "Connected", "The connection was lost"):  # with each refusal
+            assert peer.count(line) <= 1, "told again"
+    assert peers["blind"][0].count("gone: ") == 0, "takes live roots for roots whose reporter is gone"
+    for peer, _ in peers.values():
         peer.end()
     for reporter in stage.reporters.values():
         reporter.process.send_signal(signal.SIGCONT)
