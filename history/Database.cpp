@@ -25,12 +25,15 @@ std::string reasonOf(sqlite3* connection) {
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
       return "another program holds it";
+    case SQLITE_CANTOPEN:
+      return "it cannot be opened" + (system == 0 ? "" : std::string(": ") + std::strerror(system));
     case SQLITE_IOERR:
       if (system == ENOSPC || system == EDQUOT || system == EFBIG) return "the disk is full";
       break;
     default:
       break;
   }
+  if (code == SQLITE_IOERR_WRITE || code == SQLITE_IOERR_SHMSIZE) return "it cannot be written";
   std::string reason = sqlite3_errmsg(connection);
   if (system != 0) reason += std::string(": ") + std::strerror(system);
   return reason;

@@ -32,7 +32,7 @@ std::optional<std::int64_t> Keeping::horizonOf(Store& store, Time now) {
   if (rule_.age.count() > 0) horizon = std::max(horizon, store.placeOf(now - rule_.age));
   // A twentieth is left free for what comes until this is looked at again.
   if (rule_.bytes > 0 && usedBytes(store.database()) > rule_.bytes - rule_.bytes / 20) {
-    const std::int64_t last = store.last();
+    const std::int64_t last = store.state().last;
     horizon = std::max(horizon, std::min(last, old + (last - old) / share + 1));
   }
   if (horizon == old) return std::nullopt;

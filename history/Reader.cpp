@@ -347,7 +347,7 @@ std::optional<Moment> Reader::Core::treeAt(const std::string& id, Time time) {
 Range Reader::Core::rangeOf(const Question& question) {
   const std::int64_t horizon = store_.state().horizon;
   // The row at the horizon is what the next ones lead on from.
-  Range range{horizon > 1 ? horizon : 0, store_.last()};
+  Range range{horizon > 1 ? horizon : 0, store_.state().last};
   if (question.since) {
     range.low = std::max(range.low, store_.placeOf(*question.since - milliseconds(1)));
   }
@@ -407,7 +407,7 @@ std::optional<std::set<std::string>> Reader::Core::below(const Row& row, const R
     if (segment) addBelow(treeOf(store_, segment->rows.front()), device, below_);
     belowOf_ = segment ? segment->rows.front().id : row.id;
     const std::int64_t end = store_.wholeAfter(root.number, row.id);
-    belowUntil_ = end == 0 ? store_.last() + 1 : end;
+    belowUntil_ = end == 0 ? store_.state().last + 1 : end;
   }
   return below_;
 }

@@ -28,7 +28,6 @@ namespace {
 
 constexpr std::chrono::milliseconds commitPause(400);
 constexpr std::chrono::seconds watchPause(5);
-constexpr std::chrono::seconds retryPause(10);
 // A clock that is corrected by less stands still for so long.
 constexpr std::chrono::seconds smallStep(1);
 // Fewer bytes of events are no reason to record a tree again.
@@ -165,7 +164,10 @@ void Recorder::Core::open() {
   store_.emplace(file_, Database::Mode::WRITE);
   begin();
   state_ = store_->state();
-  last_ = store_->last();
+  last_ = state_.last;
+  if (last_ < store_->database().number("SELECT max(id) FROM event")) {
+    store_->damaged("there is more than was recorded");
+  }
   lastRoot_ = store_->database().number("SELECT max(number) FROM root");
   watch_ = {};
   if (last_ > 0) watch_.entry = store_->root(Store::watchRoot);
@@ -194,7 +196,7 @@ void Recorder::Core::fail(const std::string& reason) {
     root.recorded.reset();
   }
   failure_ = reason;
-  retryDue_ = steady_clock::now() + retryPause;
+  retryDue_ = steady_clock::now() + options_.retryPause;
   if (std::exchange(told_, reason) != reason) tell("Nothing is recorded: " + reason);
 }
 
@@ -338,6 +340,7 @@ void Recorder::Core::commitAll() {
     root->isDirty = false;
   }
   state_.horizon = store_->state().horizon;
+  state_.last = last_;
   state_.seen = std::max(lastTime_, now());
   store_->setState(state_);
   transaction_->commit();

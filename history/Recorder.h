@@ -19,6 +19,8 @@ struct RecorderOptions {
   /// The oldest is let go where the file would become larger; 0 lets it grow. The trees of all
   /// roots, which have to stay, can need more.
   std::uint64_t keepBytes = 0;
+  /// After a failure it is tried again so often.
+  std::chrono::milliseconds retryPause = std::chrono::seconds(10);
   /// The time that is recorded; empty for the system's clock.
   std::function<Time()> clock;
   /// Something is wrong, or is well again, in a line for people. It must not call the recorder.
@@ -30,7 +32,7 @@ struct RecorderOptions {
 /// A file has one recorder at a time, in whatever process. Readers are never in its way.
 ///
 /// A recorder never fails and never ends its user. Where the file cannot be used, it says so once
-/// for each reason, does without, and tries again every ten seconds: another recorder has the file,
+/// for each reason, does without, and tries again now and then: another recorder has the file,
 /// the disk is full, the file may not be written, is damaged or of a later version. When it can
 /// record again, it records each tree that has changed meanwhile, and the history says from when to
 /// when nothing was recorded. The trees that steps hand over are kept for that, not copied.

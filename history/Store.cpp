@@ -20,7 +20,8 @@ constexpr const char* schema =
     "CREATE TABLE event(id INTEGER PRIMARY KEY, root INTEGER, back INTEGER, time INTEGER,"
     " kind INTEGER, data BLOB, sum INTEGER);"
     "CREATE TABLE root(number INTEGER PRIMARY KEY, name BLOB UNIQUE, head INTEGER, sum INTEGER);"
-    "CREATE TABLE state(id INTEGER PRIMARY KEY, horizon INTEGER, seen INTEGER, sum INTEGER);"
+    "CREATE TABLE state(id INTEGER PRIMARY KEY, horizon INTEGER, last INTEGER, seen INTEGER,"
+    " sum INTEGER);"
     "CREATE TABLE whole(root INTEGER, id INTEGER, PRIMARY KEY(root, id)) WITHOUT ROWID;";
 
 std::int64_t sumOf(std::initializer_list<std::int64_t> numbers, std::string_view bytes) {
@@ -135,22 +136,15 @@ void Store::damaged(const std::string& what) const { database_.failDamaged(what)
 
 State Store::state() {
   Statement& statement =
-      prepared(state_, database_, "SELECT horizon, seen, sum FROM state WHERE id = 1").with();
+      prepared(state_, database_, "SELECT horizon, last, seen, sum FROM state WHERE id = 1").with();
   if (!statement.next()) damaged("it has no state");
-  const State state{statement.number(0), Time(milliseconds(statement.number(1)))};
-  if (statement.number(2) != sumOf({state.horizon, statement.number(1)}, {})) {
+  const State state{statement.number(0), statement.number(1),
+                    Time(milliseconds(statement.number(2)))};
+  if (statement.number(3) != sumOf({state.horizon, state.last, statement.number(2)}, {})) {
     damaged("its state");
   }
   statement.reset();
   return state;
-}
-
-std::int64_t Store::last() {
-  Statement& statement = prepared(last_, database_, "SELECT max(id) FROM event").with();
-  statement.next();
-  const std::int64_t id = statement.number(0);
-  statement.reset();
-  return id;
 }
 
 RootEntry Store::checked(const Statement& statement) const {
@@ -283,7 +277,8 @@ std::vector<Row> Store::watches() {
 }
 
 std::int64_t Store::placeOf(Time time) {
-  std::int64_t end = last() + 1;
+  const State now = state();
+  std::int64_t end = now.last + 1;
   // Between two of these no clock was set back.
   for (const Row& watch : watches()) {
     if (watch.time > time) {
@@ -299,6 +294,10 @@ std::int64_t Store::placeOf(Time time) {
       } else {
         high = middle;
       }
+    }
+    // In a damaged file the search may have gone astray.
+    if (low + 1 < end && low >= now.horizon && row(low + 1).time <= time) {
+      damaged("the order of rows");
     }
     return low;
   }
@@ -326,8 +325,8 @@ void Store::setRoot(const RootEntry& root) {
 
 void Store::setState(const State& state) {
   const std::int64_t seen = state.seen.time_since_epoch().count();
-  prepared(setState_, database_, "INSERT OR REPLACE INTO state VALUES(1, ?, ?, ?)")
-      .with(state.horizon, seen, sumOf({state.horizon, seen}, {}))
+  prepared(setState_, database_, "INSERT OR REPLACE INTO state VALUES(1, ?, ?, ?, ?)")
+      .with(state.horizon, state.last, seen, sumOf({state.horizon, state.last, seen}, {}))
       .run();
 }
 

@@ -77,6 +77,7 @@ struct Segment {
 
 struct State {
   std::int64_t horizon = 1;  // from here on everything is kept
+  std::int64_t last = 0;     // the row that was recorded last
   Time seen;                 // when the recorder was at work for the last time
 };
 
@@ -92,7 +93,6 @@ class Store {
   [[noreturn]] void damaged(const std::string& what) const;
 
   State state();
-  std::int64_t last();
   std::optional<RootEntry> root(const std::string& name);
   RootEntry root(std::int64_t number);
   // Those with a higher number than `after`, at most so many, in the order of their numbers.
@@ -126,7 +126,7 @@ class Store {
 
   std::string file_;
   Database database_;
-  std::optional<Statement> state_, last_, rootByName_, rootByNumber_, rootsAfter_, row_, rowFrom_,
+  std::optional<Statement> state_, rootByName_, rootByNumber_, rootsAfter_, row_, rowFrom_,
       rowUpTo_, wholeAfter_, wholesUpTo_, append_, appendWhole_, setRoot_, setState_, eraseRow_,
       eraseWhole_, eraseRoot_;
 };

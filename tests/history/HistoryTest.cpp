@@ -1,7 +1,9 @@
 // What a recorder records is what readers find: random histories, faults of the file, times.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -111,8 +113,10 @@ class Fleet {
   unsigned int values_ = 0;
 };
 
+// Without a place for problems there must not be any.
 RecorderOptions optionsOf(Fleet& fleet, std::vector<std::string>* problems = nullptr) {
   RecorderOptions options;
+  options.retryPause = 0ms;
   options.clock = [&fleet] { return fleet.now; };
   options.problem = [problems](const std::string& problem) {
     if (problems == nullptr) {
@@ -125,7 +129,7 @@ RecorderOptions optionsOf(Fleet& fleet, std::vector<std::string>* problems = nul
 }
 
 TEST(History, EveryMomentIsFoundAsItWas) {
-  for (unsigned int seed = 0; seed < 40; ++seed) {
+  for (unsigned int seed = 0; seed < 15; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     const Place place;
     Fleet fleet(seed);
@@ -184,6 +188,323 @@ TEST(History, EveryMomentIsFoundAsItWas) {
       }
       ASSERT_EQ(bytesOf(tree), bytesOf(last ? last->tree : nullptr));
     }
+  }
+}
+
+std::vector<std::string> textsOf(const Page<Change>& page) {
+  std::vector<std::string> texts;
+  for (const Change& change : page.answers) texts.push_back(change.root + "|" + change.text);
+  return texts;
+}
+
+std::string read(const std::string& file) {
+  std::ifstream stream(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+void write(const std::string& file, const std::string& bytes) {
+  std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+// Whatever is left of a file, no tree is told that was not so. Returns how many trees were told.
+int checkDamaged(const std::string& file, Fleet& fleet) {
+  int told = 0;
+  try {
+    Reader reader(file);
+    for (int i = 0; i < 8; ++i) {
+      const auto& was = fleet.was()[fleet.pick(static_cast<unsigned int>(fleet.was().size()))];
+      try {
+        const auto moment = reader.treeAt(was.root, was.time);
+        if (!moment) continue;
+        EXPECT_EQ(bytesOf(moment->tree), was.bytes);
+        EXPECT_EQ(moment->sequence, was.sequence);
+        ++told;
+      } catch (const Error&) {
+        continue;
+      }
+    }
+    Question question;
+    if (fleet.pick(2) == 0) question.root = "r1";
+    question.isNewestFirst = fleet.pick(2) == 0;
+    reader.changes(question);
+    reader.values("r1", "a", "n", Time(), fleet.now, 10);
+    reader.roots();
+  } catch (const Error&) {
+    return told;
+  }
+  return told;
+}
+
+TEST(History, OfDamagedFilesTellsNothingThatWasNotSo) {
+  const Place place;
+  Fleet fleet(1);
+  {
+    Recorder recorder(place.file(), optionsOf(fleet));
+    for (int i = 0; i < 600; ++i) fleet.now += 1s, fleet.step(recorder);
+  }
+  const std::string whole = read(place.file());
+  int told = 0;
+  for (int round = 0; round < 1000; ++round) {
+    SCOPED_TRACE(round);
+    std::string bytes = whole;
+    const auto size = static_cast<unsigned int>(bytes.size());
+    // A few bytes, or a part that a disk gave back as something else.
+    for (unsigned int count = 1 + fleet.pick(16); count > 0; --count) {
+      bytes[fleet.pick(size)] = static_cast<char>(fleet.pick(256));
+    }
+    if (fleet.pick(4) == 0) bytes.replace(fleet.pick(size / 4096) * 4096, 4096, whole, 8192, 4096);
+    if (fleet.pick(20) == 0) bytes.resize(fleet.pick(size));
+    for (const char* end : {"-wal", "-shm"}) fs::remove(place.file() + end);
+    write(place.file(), bytes);
+    told += checkDamaged(place.file(), fleet);
+    if (HasFailure()) return;
+    std::vector<std::string> problems;
+    Fleet other(static_cast<unsigned int>(round));
+    Recorder recorder(place.file(), optionsOf(other, &problems));
+    for (const auto& root : recorder.resume()) {
+      ASSERT_EQ(bytesOf(root.tree), bytesOf(fleet.held(root.root))) << root.root;
+    }
+    other.step(recorder);
+    recorder.commit();
+  }
+  EXPECT_GT(told, 1000);  // most of a file is right
+}
+
+TEST(History, SaysWhatIsWrongWithAFile) {
+  const Place place;
+  Fleet fleet(1);
+  std::vector<std::string> problems;
+  const auto expect = [&](const std::string& file, const std::string& reason) {
+    Recorder recorder(file, optionsOf(fleet, &problems));
+    recorder.serve();
+    EXPECT_EQ(recorder.failure(), file + ": " + reason);
+    EXPECT_FALSE(recorder.commit());
+  };
+  Recorder first(place.file(), optionsOf(fleet));
+  expect(place.file(), "another program records in it");
+  fleet.step(first);
+  EXPECT_TRUE(first.commit());
+  fs::create_directory(place.file() + "1");
+  expect(place.file() + "1", "it cannot be opened: Is a directory");
+  write(place.file() + "2", std::string(10'000, 'x'));
+  expect(place.file() + "2", "this is no history, or the file is damaged");
+  {
+    Recorder recorder(place.file() + "3", optionsOf(fleet));
+    EXPECT_EQ(recorder.failure(), "");
+  }
+  EXPECT_EQ(fs::status(place.file() + "3").permissions(), fs::perms(0640));
+  std::string later = read(place.file() + "3");
+  later[63] = 2;
+  write(place.file() + "4", later);
+  expect(place.file() + "4", "this history was written by a later version of this program");
+  EXPECT_EQ(problems.size(), 4U) << "once each";
+  EXPECT_THROW(Reader(place.file() + "5"), Error);
+  EXPECT_FALSE(fs::exists(place.file() + "5"));
+}
+
+TEST(History, GoesOnAfterAFullDiskAndSaysWhatItMissed) {
+  const Place place;
+  Fleet fleet(7);
+  std::vector<std::string> problems;
+  Recorder recorder(place.file(), optionsOf(fleet, &problems));
+  const auto play = [&](int steps) {
+    for (int i = 0; i < steps; ++i) {
+      fleet.now += 1s;
+      fleet.step(recorder);
+      recorder.commit();
+    }
+  };
+  play(100);
+  const Time last = fleet.now;
+  // What a full disk does to a program that writes.
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  rlimit full = before;
+  full.rlim_cur = 4096;
+  setrlimit(RLIMIT_FSIZE, &full);
+  play(50);
+  recorder.serve();
+  setrlimit(RLIMIT_FSIZE, &before);
+  const std::string reason = recorder.failure();
+  EXPECT_EQ(reason, place.file() + ": the disk is full");
+  EXPECT_EQ(problems.back(), "Nothing is recorded: " + reason);
+  EXPECT_LE(problems.size(), 2U) << "once for each reason";
+  fleet.now += 1s;
+  recorder.serve();
+  fleet.now += 1s;
+  recorder.serve();
+  EXPECT_EQ(problems.back(), place.file() + ": it is recorded again");
+  ASSERT_TRUE(recorder.commit());
+  const Time again = fleet.now;
+  play(20);
+  Reader reader(place.file());
+  for (const std::string id : {"r0", "r1", "r2", "r3"}) {
+    const auto missed = reader.treeAt(id, last + 40s);
+    ASSERT_TRUE(missed);
+    EXPECT_LE(missed->seen, last);
+    const auto now = reader.treeAt(id, again + 20s);
+    ASSERT_TRUE(now);
+    EXPECT_EQ(bytesOf(now->tree), bytesOf(fleet.held(id)));
+    EXPECT_EQ(now->sequence, fleet.sequence(id));
+    EXPECT_EQ(now->seen, again + 20s);
+  }
+  Question question;
+  question.since = last + 1s;
+  const auto texts = textsOf(reader.changes(question));
+  EXPECT_EQ(std::count(texts.begin(), texts.end(),
+                       "|Nothing was recorded since " + textOf(last) + ": " + reason),
+            1);
+}
+
+TEST(History, KeepsWhatItShallKeep) {
+  for (const bool isByAge : {true, false}) {
+    const Place place;
+    Fleet fleet(3);
+    RecorderOptions options = optionsOf(fleet);
+    if (isByAge) options.keepAge = 1h;
+    if (!isByAge) options.keepBytes = 600'000;
+    Recorder recorder(place.file(), options);
+    for (int i = 0; i < 15'000; ++i) {
+      fleet.now += 1s;
+      fleet.step(recorder);
+      if (i % 10 != 0) continue;
+      recorder.commit();
+      recorder.serve();
+    }
+    recorder.commit();
+    EXPECT_LT(fs::file_size(place.file()), isByAge ? 1'500'000U : 600'000U);
+    Reader reader(place.file());
+    const Time oldest = reader.oldest().value();
+    if (isByAge) {
+      EXPECT_LT(fleet.now - oldest, 62min);
+      EXPECT_GT(fleet.now - oldest, 59min);
+    }
+    std::map<std::string, bool> isThere;
+    for (const auto& was : fleet.was()) {
+      isThere[was.root] = was.bytes != "none";
+      const auto moment = reader.treeAt(was.root, was.time);
+      ASSERT_EQ(moment.has_value(), was.time >= oldest) << textOf(was.time);
+      if (!moment) continue;
+      ASSERT_EQ(bytesOf(moment->tree), was.bytes);
+    }
+  }
+}
+
+// A time asks for what was recorded last at that time or before it.
+TEST(History, KeepsItsOrderWhenTheClockIsSetBack) {
+  const Place place;
+  Fleet fleet(5);
+  Recorder recorder(place.file(), optionsOf(fleet));
+  const Time begin = fleet.now;
+  for (int i = 0; i < 100; ++i) fleet.now += 1s, fleet.step(recorder);
+  fleet.now = begin + 30s;
+  for (int i = 0; i < 30; ++i) fleet.now += 1s, fleet.step(recorder);
+  ASSERT_TRUE(recorder.commit());
+  Reader reader(place.file());
+  for (Time time = begin; time < begin + 110s; time += 500ms) {
+    for (const std::string id : {"r0", "r1", "r2", "r3"}) {
+      // Where something later was recorded of any root, that is the place that counts.
+      const Fleet::Was* expected = nullptr;
+      std::size_t end = 0;
+      for (std::size_t n = 0; n < fleet.was().size(); ++n) {
+        if (fleet.was()[n].time <= time) end = n + 1;
+      }
+      for (std::size_t n = 0; n < end; ++n) {
+        if (fleet.was()[n].root == id) expected = &fleet.was()[n];
+      }
+      const auto moment = reader.treeAt(id, time);
+      ASSERT_EQ(moment.has_value(), expected != nullptr);
+      if (expected == nullptr) continue;
+      ASSERT_EQ(bytesOf(moment->tree), expected->bytes);
+    }
+  }
+  EXPECT_EQ(textsOf(reader.changes({})).back().rfind("|The clock", 0), std::string::npos);
+}
+
+TEST(History, TellsChangesAndValuesOfADevice) {
+  const Place place;
+  Fleet fleet(1);
+  Recorder recorder(place.file(), optionsOf(fleet));
+  const Time begin = fleet.now;
+  std::string error;
+  Tree live = node("r", {node("a", {node("b")}), node("c")});
+  live->getDeviceById("a")->addProperty({"serial", {}, std::string("S1")}, error);
+  for (const char* id : {"b", "c"}) {
+    live->getDeviceById(id)->addStatus(NamedStatus("n", NamedStatus::TYPE_INT, 0L), error);
+  }
+  Tree held;
+  Sequence sequence{7, 0};
+  const auto report = [&] {
+    Event event;
+    ASSERT_TRUE(EventHelper::ComputeEvent(held, live, event));
+    const Tree before = held;
+    ASSERT_TRUE(EventHelper::ApplyEvent(event, held, error));
+    ++sequence.n;
+    recorder.record("r", {sequence, event, before, held});
+    fleet.now += 1s;
+  };
+  report();
+  for (long i = 1; i <= 100; ++i) {
+    live->getDeviceById("b")->getStatus("n")->setValue(i % 10);
+    live->getDeviceById("c")->getStatus("n")->setValue(i);
+    report();
+  }
+  live->getDeviceById("a")->getProperties().at("serial")->value = std::string("S2");
+  report();
+  live->removeSubDevice("a", true, error);
+  report();
+  ASSERT_TRUE(recorder.commit());
+  Reader reader(place.file());
+  Question question;
+  question.root = "r";
+  question.most = 1;
+  const std::string newest = reader.changes(question).answers.at(0).place;
+  question.device = "a";
+  question.most = 4;
+  auto page = reader.changes(question);
+  EXPECT_EQ(textsOf(page),
+            (std::vector<std::string>{"r|a: device removed",
+                                      "r|a: property serial changed from \"S1\" to \"S2\"",
+                                      "r|b: n (int 0)", "r|b: n (int 9)"}));
+  question.device.clear();
+  question.isNewestFirst = false;
+  question.after = newest;
+  recorder.forget("r");
+  recorder.forget("r");
+  ASSERT_TRUE(recorder.commit());
+  page = reader.changes(question);
+  EXPECT_EQ(textsOf(page), (std::vector<std::string>{"r|a: device removed",
+                                                     "r|r: its reporter lists it no longer"}));
+  EXPECT_FALSE(reader.roots().at(0).isThere);
+
+  const Course course = reader.values("r", "b", "n", begin, begin + 110s, 11);
+  ASSERT_EQ(course.spans.size(), 11U);
+  EXPECT_EQ(course.spans[1].smallest, 0);
+  EXPECT_EQ(course.spans[1].largest, 9);
+  EXPECT_EQ(course.spans[1].last, 9);
+  EXPECT_TRUE(course.spans[10].isUnknown) << "the device is gone";
+  EXPECT_THROW(reader.changes([] {
+    Question wrong;
+    wrong.device = "a";
+    return wrong;
+  }()),
+               std::invalid_argument);
+}
+
+TEST(History, ReadsTimesAsPeopleWriteThem) {
+  const Time now(1'732'443'351'250ms);
+  EXPECT_EQ(textOf(now), "2024-11-24T10:15:51.250Z");
+  for (const char* text : {"2024-11-24T10:15:51.25Z", "2024-11-24 12:15:51.2509+02:00", "now",
+                           "2024-11-23t23:15:51.250-11:00"}) {
+    EXPECT_EQ(timeOf(text, now), now) << text;
+  }
+  EXPECT_EQ(timeOf("90s ago", now), now - 90s);
+  EXPECT_EQ(timeOf("3d ago", now), now - std::chrono::hours(72));
+  for (const char* text :
+       {"", "2024-11-24", "2024-02-30T00:00:00Z", "2024-11-24T10:15:51", "2024-11-24T24:00:00Z",
+        "2024-11-24T10:15:51Zx", "2h", "h ago", "-1h ago", "99999999999999d ago", "+1h ago"}) {
+    EXPECT_FALSE(timeOf(text, now)) << text;
   }
 }
 
