@@ -171,7 +171,9 @@ def follow(options):
                            reporting_pb2.ReporterState.FromString(message.payload))
             elif message.payload:  # an empty one clears the topic after a removal
                 root = topics[message.topic]
-                sequence = dict(message.properties.UserProperty)["sequence"]
+                sequence = dict(getattr(message.properties, "UserProperty", ())).get("sequence")
+                if sequence is None:
+                    raise ValueError(f"{root} has no sequence: is there a bridge without MQTT 5?")
                 event = Event.FromString(message.payload)
                 done = followers[root].take(*map(int, sequence.split(".")), event)
                 print(root, sequence, Event.EventType.Name(event.event_type),

@@ -55,6 +55,7 @@ class Collector::Core {
     std::string claimer;        // the reporter of its last event, as that says; empty: unknown
     bool isClaimKept = false;   // the broker had kept that event
     bool isTooLarge = false;    // an event that arrived
+    bool isUnnumbered = false;  // the last one
     std::size_t treeBytes = 0;  // of the last whole tree that was applied
     Condition condition = Condition::FORGOTTEN;
     Time since;  // nobody lists it, or it is forgotten
@@ -224,6 +225,7 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
   Event event;
   if (!sequence && message.sequence.empty()) {
     ++counters_.strangers;  // all that come over such a bridge lack it
+    if (const auto root = roots_.find(id); root != roots_.end()) root->second.isUnnumbered = true;
     if (!std::exchange(isSequenceMissed_, true)) {
       complain("An event of " + id + " has no sequence: is there a bridge without MQTT 5?");
     }
@@ -242,6 +244,7 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
     refuse("An event of " + id + " cannot be read");
   } else {
     Root& root = takeUp(id, now);
+    root.isUnnumbered = false;
     const Tree before = root.follower.tree();
     std::string refusal;
     const Follower::Outcome outcome = root.follower.take(*sequence, event, refusal);
@@ -477,6 +480,7 @@ std::string Collector::Core::reasonOf(const std::string& id, const Root& root) c
   if (peer == nullptr || !peer->isOnline()) return "its reporter is gone";
   if (!peer->isConfirmed()) return "its reporter has not been heard yet";
   if (root.isTooLarge) return "its events are larger than this collector takes";
+  if (root.isUnnumbered) return "its events have no sequence: is there a bridge without MQTT 5?";
   const unsigned int times = trees_.timesAsked(id);
   return times > 2 ? "asked for " + std::to_string(times) + " times in vain" : "";
 }

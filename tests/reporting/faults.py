@@ -6,6 +6,7 @@ come to what the reporters have. All scenarios run at once, as they mostly wait.
 """
 
 import concurrent.futures
+import contextlib
 import os
 import pathlib
 import random
@@ -16,6 +17,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 PEER, MOSQUITTO, PROTOC, FAKETIME, SOURCES, *CHOSEN = sys.argv[1:]
@@ -69,7 +71,16 @@ class Stage:
     def __init__(self, directory):
         self.directory, self.port, self.broker = directory, next(PORTS), None
         self.url, self.environment, self.within = f"mqtt://localhost:{self.port}", {}, ()
-        self.peers, self.reporters = [], {}
+        self.peers, self.reporters, self.others = [], {}, []
+
+    def another(self, name):
+        (self.directory / name).mkdir()
+        self.others.append(Stage(self.directory / name))
+        return self.others[-1]
+
+    def processes(self):
+        own = [peer.process for peer in self.peers] + [self.broker]
+        return sum((other.processes() for other in self.others), [one for one in own if one])
 
     def start_broker(self, *settings):
         self.start_broker_with(f"listener {self.port} localhost", "user root",
@@ -206,6 +217,64 @@ def brokers_that_stand_in(stage):
         for peer in (stage.collector, *stage.reporters.values()):
             peer.tells(f"Connected to localhost:{stage.port}")
         stage.agree()
+
+
+class Line:
+    """To a port, which can be cut."""
+
+    def __init__(self, port):
+        self.port, self.target, self.sockets = next(PORTS), port, []
+        self.mend()
+
+    def mend(self):
+        self.sockets = [socket.create_server(("127.0.0.1", self.port))]
+        threading.Thread(target=self.accept, args=self.sockets, daemon=True).start()
+
+    def cut(self):
+        for end in self.sockets:
+            with contextlib.suppress(OSError):  # it is broken already
+                end.shutdown(socket.SHUT_RDWR)
+            end.close()
+
+    def accept(self, listener):
+        with contextlib.suppress(OSError):  # it is cut
+            while True:
+                ends = [listener.accept()[0], socket.create_connection(("localhost", self.target))]
+                self.sockets += ends
+                for pair in (ends, ends[::-1]):
+                    threading.Thread(target=self.carry, args=pair, daemon=True).start()
+
+    def carry(self, source, sink):
+        with contextlib.suppress(OSError):
+            while data := source.recv(65536):
+                sink.sendall(data)
+
+
+def site_and_centre(stage):
+    """At first without MQTT 5. Then the line is cut, and the site goes on by itself."""
+    centre = stage.another("centre")
+    centre.start_broker()
+    centre.collector = centre.start("collector")
+    line = Line(centre.port)
+    bridge = pathlib.Path(SOURCES, "examples/broker/bridge.conf").read_text()
+    bridge = bridge.replace("centre.example.org:1883", f"127.0.0.1:{line.port}")
+    stage.begin(bridge.replace("mqttv50", "mqttv311"))
+    centre.collector.tells("has no sequence: is there a bridge without MQTT 5?")
+    assert not any(head.endswith(" 0") for head in heads(centre.collector.trees())), "takes them"
+    stage.start_broker(bridge)
+    centre.reporters = stage.reporters
+    for end in (stage, centre):
+        end.agree()
+    line.cut()
+    stage.reporters["hall/a"].order("remove")
+    stage.report("hall/c")
+    stage.agree()
+    line.mend()
+    centre.agree()
+    stage.start_broker(bridge)
+    for end in (centre, stage):
+        end.agree()
+    centre.collector.end()
 
 
 def sessions_that_go_on(stage):
@@ -495,18 +564,17 @@ def play(scenario):
             return True
         except Exception as failure:
             said = [f"-- {path.name}:\n{path.read_text(errors='replace')[-5000:]}\n"
-                    for path in sorted(stage.directory.iterdir()) if path.is_file()]
+                    for path in sorted(stage.directory.rglob("*")) if path.is_file()]
             print(f"{scenario.__name__}: {failure!r}\n" + "".join(said), end="", flush=True)
             return False
         finally:
-            for process in [peer.process for peer in stage.peers] + [stage.broker]:
-                if process:
-                    process.kill()
+            for process in stage.processes():
+                process.kill()
 
 
 SCENARIOS = [
     broker_back_in_an_earlier_state, broker_that_does_not_answer, addresses_that_do_not_answer,
-    brokers_that_stand_in, sessions_that_go_on, own_event_loop, peers_killed,
+    brokers_that_stand_in, site_and_centre, sessions_that_go_on, own_event_loop, peers_killed,
     two_reporters_of_one_name, clocks_set_back, event_too_large, event_not_allowed,
     rights_that_are_missing, wrong_password,
     encrypted, example_of_a_broker, strangers, receiver_in_python]
