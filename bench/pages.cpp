@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -51,14 +52,20 @@ std::uint16_t freePort() {
 }
 
 pid_t startCollector(const std::string& program, const std::string& broker, std::uint16_t port) {
-  const pid_t process = fork();
-  if (process != 0) return process;
-  const int nothing = open("/dev/null", O_WRONLY);
-  dup2(nothing, STDOUT_FILENO);
-  const std::string number = std::to_string(port);
-  execl(program.c_str(), program.c_str(), "--broker", broker.c_str(), "--prefix", "pages", "--http",
-        number.c_str(), nullptr);
-  std::exit(1);
+  std::vector<std::string> words = {program,  "--broker",          broker, "--prefix", "pages",
+                                    "--http", std::to_string(port)};
+  std::vector<char*> arguments;
+  for (std::string& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t process = 0;
+  const int fault =
+      posix_spawn(&process, program.c_str(), &actions, nullptr, arguments.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  require(fault == 0, "The collector does not start");
+  return process;
 }
 
 // Seconds of processor time that the process has taken.

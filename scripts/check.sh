@@ -9,7 +9,8 @@ mapfile -t headers < <(git ls-files '*.h')
 
 echo "Formatting"
 page=programs/collector/page
-clang-format --dry-run --Werror "${sources[@]}" "${headers[@]}" $page.js
+clang-format --dry-run --Werror "${sources[@]}" "${headers[@]}" $page.js \
+  programs/collector/elements.js programs/collector/past.js
 export NODE_PATH=/usr/share/nodejs  # where Debian has modules, whichever Node.js runs
 css-beautify --indent-size 2 --end-with-newline --file $page.css | diff $page.css -
 html-beautify --indent-size 2 --end-with-newline --wrap-line-length 100 --file $page.html |

@@ -219,12 +219,17 @@ HttpAnswer Site::answer(const HttpRequest& request) {
   if (path == "/") return textAnswer(page_html, "text/html");
   if (path == "/page.css") return textAnswer(page_css, "text/css");
   if (path == "/page.js") return textAnswer(page_js, "text/javascript");
+  // No refusal: the page asks whether there is one.
+  const bool isWithout = history_.file.empty();
+  if (isWithout && path == "/api/history") return jsonAnswer(share(R"({"recording":false})"));
   if (auto answer = answerHistory(history_, request)) return *std::move(answer);
+  if (path == "/elements.js") return textAnswer(elements_js, "text/javascript");
+  if (path == "/past.js") return textAnswer(past_js, "text/javascript");
   if (path == "/metrics") return answerMetrics(fleet_, metricOptions_, request);
   if (path == "/api/roots") return answerRoots(fleet_, untaken_, request);
   if (path == "/api/devices") return answerDevices(fleet_, request);
   if (path == "/api/events") return answerEvents(news_, request);
-  if (path.compare(0, root.size(), root) == 0) {
+  if (path.compare(0, root.size(), root) == 0 && !request.parameter("at")) {
     return answerRoot(fleet_, untaken_, path.substr(root.size()), request);
   }
   return refusal(404, "There is nothing at this address");

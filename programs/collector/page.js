@@ -1,10 +1,12 @@
 // Shows what the collector tells, as it happens. What is shown of the root that is chosen is in the
 // address of the page.
 
+import {addressOf, ask, at, part, show, showParts, sync, timeOf} from './elements.js';
+import * as past from './past.js';
+
 const ROW = 44;         // the height of a row, as page.css has it
 const SILENCE = 12000;  // milliseconds after which the collector is not there; it says more often
                         // that it is
-const still = matchMedia('(prefers-reduced-motion: reduce)');
 
 const known = new Map();  // what there is to say of each root
 let roots = [];           // the same in the order of the list
@@ -12,6 +14,7 @@ let isConnected = true;   // the collector, with its broker
 let lead = 0;             // of the collector's clock, in milliseconds
 let active;               // the row that the keyboard reaches
 let chosen;               // the root whose devices are shown, null for none
+let when;                 // the time that the address leads to, null for now
 let aim;                  // the device in it that the address leads to, null for none
 let isAimed = true;       // that one is in sight, or there is none
 let devices = [];         // of all roots, that are looked for
@@ -24,42 +27,6 @@ let told = '';                   // identifies the latest of the list
 let last = '';                   // when some came
 let timer;                       // of the end of patience
 let search;                      // the timer of the next search for devices
-
-const at = (id) => document.getElementById(id);
-
-// The first one counts: the parts of a device come before those of the devices below it.
-const part = (element, name) => element.querySelector(`.${name}`);
-
-// Whatever comes from a device is shown by this, as text. What changed is marked for a while.
-function show(element, text, isNew = true) {
-  text ??= '';
-  if (element.textContent === text) return;
-  element.textContent = text;
-  if (isNew) return;
-  const colors = {backgroundColor: ['var(--changed)', 'transparent']};
-  element.animate(colors, {duration: 3000, easing: still.matches ? 'step-end' : 'ease-in'});
-}
-
-function showParts(element, texts, isNew) {
-  for (const [name, text] of Object.entries(texts)) show(part(element, name), text, isNew);
-}
-
-// Makes the children of an element those of [key, item] pairs, and touches only what differs.
-function sync(parent, pairs, shape, update) {
-  const old = parent.kept ?? new Map();
-  const kept = new Map();
-  for (const [key, item] of pairs) kept.set(kept.has(key) ? `${key}\0${kept.size}` : key, item);
-  for (const [key, element] of old) {
-    if (!kept.has(key)) element.remove();
-  }
-  [...kept].forEach(([key, item], i) => {
-    const element = old.get(key) ?? at(shape).content.firstElementChild.cloneNode(true);
-    if (parent.children[i] !== element) parent.insertBefore(element, parent.children[i]);
-    kept.set(key, element);
-    update(element, item, !old.has(key));
-  });
-  parent.kept = kept;
-}
 
 // A root is as unwell as the worst device in it. Without a broker no root is current, which the
 // page says once.
@@ -97,9 +64,8 @@ function matches(item, field) {
   return Object.values(namesOf(item)).some((name) => name.toLowerCase().includes(sought));
 }
 
-// The part of the address of this page that leads to it.
-const addressOf = (root, device) =>
-    `#${new URLSearchParams(device === undefined ? {root} : {root, device})}`;
+// Within the time that is chosen.
+const hrefOf = (root, device) => addressOf(root, device, when);
 
 // Rows of the list: the roots, and below them the devices that are looked for.
 function rowsOf(candidates) {
@@ -107,12 +73,12 @@ function rowsOf(candidates) {
   const rowsOfRoots = candidates.filter((root) => matches(root, at('findRoot'))).map((root) => {
     const state = isCurrent(root) ? `${root.devices} devices` : root.condition;
     const message = messageOf(root);
-    return {key: root.id, address: addressOf(root.id), root, state, message, named: root};
+    return {key: root.id, address: hrefOf(root.id), root, state, message, named: root};
   });
   const rowsOfDevices =
       devices.filter((device) => !isUnwell || device.health !== 'OK').map((device) => {
         const {root, id, message} = device;
-        const address = addressOf(root, id);
+        const address = hrefOf(root, id);
         return {key: address, address, state: `in ${root}`, message, named: device};
       });
   return [...rowsOfRoots, ...rowsOfDevices];
@@ -147,7 +113,7 @@ function drawList() {
   shown.forEach((row, i) => {
     if ((i > first && i < end) || row.key === active) pairs.push([row.key, {...row, i}]);
   });
-  const isChosen = addressOf(chosen, aim ?? undefined);
+  const isChosen = hrefOf(chosen, aim ?? undefined);
   sync(at('rows'), pairs, 'row', (row, {key, address, root, named, state, message, i}, isNew) => {
     const {health} = named;
     const {age = '', since = ''} = root ? ageOf(root) : {};
@@ -172,8 +138,7 @@ async function findDevices() {
   let found = {devices: [], complete: true};
   try {
     if (sought) {
-      const response = await fetch(`api/devices?${new URLSearchParams({find: sought})}`);
-      if (response.ok) found = await response.json();
+      found = await ask('devices', {find: sought});
     }
   } catch {
     // The line for trouble says that the collector does not answer.
@@ -197,6 +162,7 @@ function sift(node) {
 function noticeOf(pairs) {
   if (chosen === null) return 'Choose a root.';
   if (answer === null) return 'The collector knows no such root.';
+  if (when !== null) return answer?.tree === undefined && answer ? 'There was no tree then.' : '';
   if (answer && !answer.tree) return 'Its tree has not arrived yet.';
   if (answer && !pairs.length) return 'No device is like that.';
   if (answer && !isAimed) return `There is no device ${aim}.`;
@@ -207,7 +173,8 @@ function drawTree() {
   const tree = answer?.tree;
   const pairs = tree ? sift(tree) : [];
   document.body.classList.toggle('open', chosen !== null);
-  document.body.classList.toggle('lost', Boolean(answer) && answer.condition !== 'current');
+  document.body.classList.toggle(
+      'lost', when === null && Boolean(answer) && answer.condition !== 'current');
   show(at('chosen'), tree?.name || chosen);
   drawHead();
   sync(at('tree'), pairs, 'device', showDevice);
@@ -216,6 +183,14 @@ function drawTree() {
 }
 
 function drawHead() {
+  if (when !== null) {
+    const {condition, since, unseen} = answer ?? {};
+    show(at('thenTime'), timeOf(when));
+    show(
+        at('about'),
+        answer && (since ? `${condition} since ${timeOf(since)}${unseen}` : condition));
+    return;
+  }
   const reason = answer?.reason && ` (${answer.reason})`;
   const reporter = answer?.reporter || 'not known';
   show(at('about'), answer && `${answer.condition}${reason} · reporter ${reporter}`);
@@ -244,7 +219,7 @@ function showOwn(device, node, isShown, isNew) {
   const kind = String(node.device_class ?? '').toLowerCase();
   device.key = node.id;
   device.classList.toggle('aim', node.id === aim);
-  part(device, 'link').href = addressOf(chosen, node.id);
+  part(device, 'link').href = hrefOf(chosen, node.id);
   part(device, 'health').dataset.level = health;
   showParts(device, {health, ...namesOf(node), message, kind}, isNew);
   showItems(part(device, 'statuses'), isShown ? node.statuses : []);
@@ -258,6 +233,11 @@ function showItems(list, items = []) {
     const place = line.querySelector('dd');
     line.classList.toggle('long', value?.length > 24);
     place.classList.toggle('unknown', value === undefined);
+    // A click on a number shows its course.
+    const isNumber = past.isKept && item.type !== 'STRING' && list.classList.contains('statuses');
+    place.status = isNumber ? item.name : undefined;
+    place.role = isNumber ? 'button' : null;
+    place.tabIndex = isNumber ? 0 : -1;
     show(line.querySelector('dt'), item.name);
     show(place, value ?? 'not known', isNew);
   });
@@ -287,9 +267,16 @@ function collect(node) {
   node.sub_devices?.forEach(collect);
 }
 
+function replace(other) {
+  answer = other;
+  nodes.clear();
+  if (answer?.tree) collect(answer.tree);
+  drawTree();
+}
+
 // All of the chosen root, or what has changed of it.
 function takeRoot({id, known: isKnown, devices: changed, ...rest}) {
-  if (id !== chosen) return;
+  if (id !== chosen || when !== null) return;
   const isFirst = !answer && isKnown;
   if (changed && answer) {
     answer = {tree: answer.tree, ...rest};
@@ -307,10 +294,7 @@ function takeRoot({id, known: isKnown, devices: changed, ...rest}) {
     document.body.classList.toggle('lost', answer.condition !== 'current');
     return;
   }
-  answer = isKnown ? rest : null;
-  nodes.clear();
-  if (answer?.tree) collect(answer.tree);
-  drawTree();
+  replace(isKnown ? rest : null);
   if (isFirst) at('rows').kept?.get(chosen)?.scrollIntoView({block: 'nearest'});
 }
 
@@ -320,7 +304,7 @@ function listen() {
   news?.close();
   if (document.hidden) return;
   const what = new URLSearchParams({after: told});
-  if (chosen !== null) what.set('root', chosen);
+  if (chosen !== null && when === null) what.set('root', chosen);
   news = new EventSource(`api/events?${what}`);
   const take = (kind, use) => news.addEventListener(kind, ({data, lastEventId}) => {
     clearTimeout(timer);
@@ -346,12 +330,14 @@ function fail() {
 
 function choose() {
   const address = new URLSearchParams(location.hash.slice(1));
-  const isSame = address.get('root') === chosen;
+  const isSame = address.get('root') === chosen && address.get('at') === when;
   chosen = address.get('root');
+  when = address.get('at');
   aim = address.get('device');
   isAimed = aim === null;
   active = isAimed ? chosen ?? active : location.hash;
   at('find').value = '';
+  past.choose(chosen, aim, when);
   if (isSame) {
     drawTree();
     drawList();
@@ -367,7 +353,26 @@ function choose() {
     at('rows').kept?.get(active)?.focus();
   }
   listen();
+  if (when !== null && chosen !== null) showThen();
 }
+
+async function showThen() {
+  const asked = location.hash;
+  const then = await past.treeThen();
+  if (location.hash === asked) replace(then);
+}
+
+function showCourse({target}) {
+  const {status} = target;
+  if (!status) return;
+  const device = target.closest('details').key;
+  past.toggleCourse(target.closest('.values'), {root: chosen, device, status});
+}
+
+addEventListener('click', showCourse);
+addEventListener('keydown', (event) => {
+  if (event.key === 'Enter' || (event.key === ' ' && event.target.status)) showCourse(event);
+});
 
 addEventListener('keydown', (event) => {
   const step = {ArrowDown: 1, ArrowUp: -1, PageDown: 10, PageUp: -10}[event.key];
@@ -401,3 +406,4 @@ addEventListener('hashchange', choose);
 document.addEventListener('visibilitychange', listen);
 setInterval(drawList, 1000);  // for how long they have been like that
 choose();
+past.begin().then(drawTree, () => {});

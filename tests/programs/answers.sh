@@ -13,7 +13,7 @@ need mosquitto_pub protoc
 start_broker
 report_machine station-7 0.5
 port=$(free_port)
-collector --broker "$broker" --http "$port" >events.log 2>collector.log &
+collector --broker "$broker" --http "$port" --history fleet.history >events.log 2>collector.log &
 echo $! >collector.pid
 until is_open "$port"; do sleep 0.1; done
 /usr/bin/python3 -B "$sources/tests/programs/answers.py" "$sources" "$broker" "$port" "$(<collector.pid)" ||

@@ -28,9 +28,9 @@ def put(file, value):
 
 
 @contextlib.contextmanager
-def collector():
+def collector(*options):
     with open("events.log", "a", encoding="utf-8") as log:
-        process = subprocess.Popen(["collector", "--broker", BROKER, "--http", PORT],
+        process = subprocess.Popen(["collector", "--broker", BROKER, "--http", PORT, *options],
                                    stdout=log, stderr=log)
     try:
         yield
@@ -140,6 +140,49 @@ def use_page():
     assert not log, log
 
 
+def use_past():
+    """What changed, the tree as it was, the way back, and the course of a number."""
+    def temper(celsius):
+        put("station-9/sys/class/hwmon/hwmon0/temp1_input", str(celsius * 1000))
+        wait("the value", lambda: str(celsius) in texts(".statuses dd"))
+        wait("the line of it", lambda: any(
+            f"double {celsius}.0" in text for text in texts("#lines li")))
+
+    browser.execute_script("location.hash = 'root=station-9'")
+    wait("the button of the history", lambda: texts("#history"))
+    browser.find_element("id", "history").click()
+    for celsius in 41, 57, 49:
+        temper(celsius)
+    wait("the latest at the top", lambda: "double 49.0" in texts("#lines li")[0])
+    put("station-7/sys/class/net/eth1/carrier", "1")
+    browser.find_element("id", "everywhere").click()
+    wait("what changed in all roots", lambda: any("station-7" in text for text in texts("#lines li")))
+    browser.find_element("id", "everywhere").click()
+    wait("what changed in this one", lambda: texts("#lines li") and not any(
+        "station-7" in text for text in texts("#lines li")))
+
+    browser.execute_script("""[...document.querySelectorAll("#lines li")]
+        .find((one) => one.innerText.includes("double 41.0")).querySelector("a").click()""")
+    wait("the tree as it was", lambda: "41" in texts(".statuses dd"))
+    assert "This is the past" in texts("#then")[0] and "double 41.0" in texts("#lines li")[0]
+    put("station-9/sys/class/hwmon/hwmon0/temp1_input", "63000")
+    browser.find_element("css selector", "#rows a[href*='station-9']").click()
+    wait("no such change", lambda: "41" in texts(".statuses dd") and texts("#then"))
+    browser.find_element("id", "now").click()
+    wait("the way back", lambda: "63" in texts(".statuses dd") and not texts("#then"))
+
+    browser.execute_script("""[...document.querySelectorAll(".statuses dd")]
+        .find((one) => one.innerText === "63").click()""")
+    wait("the course of a number", lambda: texts("figure .range") == ["41 to 63"])
+    line, bars = [browser.find_element("css selector", "figure ." + name).get_attribute("d")
+                  for name in ("line", "bars")]
+    assert line.endswith("H1000") and "V" in line + bars, (line, bars)
+    if PICTURES:
+        browser.save_screenshot(f"{PICTURES[0]}/fleet_history.png")
+    browser.find_element("css selector", "figure .close").click()
+    assert not texts("figure")
+
+
 options = webdriver.ChromeOptions()
 for argument in ("headless=new", "no-sandbox", "disable-gpu", "disable-quic", "no-first-run",
                  "disable-background-networking", "disable-component-update", "disable-sync"):
@@ -150,7 +193,10 @@ with webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
     with collector():
         use_page()
     wait("the missing collector", lambda: "does not answer" in "".join(texts("#trouble")))
-    with collector():
+    assert not texts("#history"), "without a history there is nothing to ask it"
+    with collector("--history", "fleet.history"):
         wait("the collector again",
              lambda: not "".join(texts("#trouble")) and "station-9" in roots())
+        browser.refresh()
+        use_past()
 print("The page is as it should be")
