@@ -6,7 +6,8 @@
 #   ./scripts/fleet.sh [--stay] [SECONDS]
 #
 # One of the recorded machines fails after three quarters of SECONDS, 30 unless told otherwise. At
-# their end everything ends; with --stay it goes on until it is interrupted with Ctrl-C.
+# their end everything ends; with --stay it goes on until it is interrupted with Ctrl-C. What
+# changed stays in the collector's history, build/demo/fleet-history.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -23,7 +24,7 @@ fi
 
 ./scripts/dependencies.sh build broker web
 . scripts/functions.sh
-build_programs host_monitor collector
+build_programs host_monitor collector history
 cd "$work"
 
 # Makes the recorded machine live: MACHINE SECONDS.
@@ -48,4 +49,18 @@ replay station-8 4 &
 echo "A broker at $broker, the page at the address below, and what the collector prints:"
 echo
 [ ${#limit[@]} -eq 0 ] || limit+=("$seconds")
-"${limit[@]}" collector --broker "$broker" --http "$(free_port)" || [ $? -eq 124 ]
+history=build/demo/fleet-history
+rm -f "$sources/$history"*
+"${limit[@]}" collector --broker "$broker" --http "$(free_port)" --history "$sources/$history" ||
+  [ $? -eq 124 ]
+
+cd "$sources"
+echo
+echo "What changed in station-7 at last, as the collector's history has it:"
+orv-history $history changes --root station-7 --newest --count 5
+echo
+echo "Ask it more, with a time as in \"5m ago\" or 2026-11-24T10:00:00Z:"
+ask=build/demo/programs/orv-history
+echo "  $ask $history changes --root station-8 --newest --count 20"
+echo "  $ask $history tree --root station-7 --at \"20s ago\" --against now"
+echo "  $ask $history values --root station-7 --device station-7 --status load"

@@ -81,7 +81,9 @@ HttpAnswer answerTree(const HistorySource& source, const std::string& root,
   const auto moment = Reader(source.file).treeAt(root, at);
   if (!moment)
     return refusal(404, "The history does not have the root '" + root + "' at that time");
-  return answer(jsonOf(root, at, *moment));
+  const std::string tag = moment->sequence.text() + '.' + textOf(at) + '.' + textOf(moment->seen);
+  if (request.knows(tag)) return unchanged(tag);
+  return jsonAnswer(share(dump(jsonOf(root, at, *moment))), tag);
 }
 
 HttpAnswer answerValues(const HistorySource& source, const HttpRequest& request) {
