@@ -9,6 +9,7 @@ export let isKept = false;  // there is a history
 let root;          // what the page shows, null for nothing
 let device;        // the same
 let time;          // the same, null for now
+let oldest = 0;    // moment that is kept
 let lines = [];    // the latest first
 let newest;        // the place of the latest
 let older;         // where those that are older go on, nothing when these are all
@@ -18,6 +19,7 @@ let question = 0;  // the latest one: answers to others are too late
 export async function begin() {
   const state = await ask('history', {});
   isKept = state.recording || Boolean(state.oldest);
+  oldest = Date.parse(state.oldest) || 0;
   for (const name of ['history', 'whenLabel']) at(name).hidden = !isKept;
   const reason = state.recording ? '' : `Nothing is recorded: ${state.reason}`;
   show(at('recording'), isKept ? reason : '');
@@ -81,6 +83,7 @@ function add(changes, isNew) {
 
 function draw(isFirst) {
   show(at('where'), where());
+  at('everywhereLabel').hidden = root === null;
   at('older').hidden = !older || lines.length >= MOST;
   at('nothing').hidden = lines.length > 0;
   sync(at('lines'), lines.map((line) => [line.place, line]), 'change', (place, line, isNew) => {
@@ -140,13 +143,12 @@ export function toggleCourse(values, of) {
   part(figure, 'picture').addEventListener('pointermove', (event) => read(figure, event));
   part(figure, 'picture').addEventListener('pointerleave', () => show(part(figure, 'reading'), ''));
   values.append(figure);
-  figure.scrollIntoView({block: 'nearest'});
-  drawCourse(figure);
+  drawCourse(figure).then(() => figure.scrollIntoView({block: 'nearest'}));
 }
 
 async function drawCourse(figure) {
   const until = time === null ? Date.now() : Date.parse(time) + 1;
-  const since = until - Number(part(figure, 'length').value);
+  const since = Math.max(oldest, until - Number(part(figure, 'length').value));
   let spans = [];
   try {
     let from = new Date(since).toISOString();

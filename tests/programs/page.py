@@ -121,13 +121,11 @@ def use_page():
     wait("the device that is looked for in all roots", lambda: len(texts("#rows a")) == 1 and
          "in plant" in texts("#rows a")[0] and "dry" in texts("#rows a")[0])
     browser.find_element("css selector", "#rows a").click()
-    wait("the device that the row leads to", lambda: "Feed pump" in browser.execute_script(
-        "return document.activeElement.innerText"))
+    wait("the device that the row leads to", lambda: texts("summary:focus b") == ["Feed pump"])
     browser.find_element("id", "findRoot").send_keys(Keys.CONTROL, "a", Keys.NULL, Keys.DELETE)
     browser.execute_script("document.querySelector('details').open = false")
     browser.execute_script("location.hash = new URLSearchParams({root: 'plant', device: 'hall'})")
-    wait("the device that a link leads to", lambda: "Hall" in browser.execute_script(
-        "return document.activeElement.innerText"))
+    wait("the device that a link leads to", lambda: texts("summary:focus b") == ["Hall"])
     browser.execute_script("location.hash = 'root=plant-2'")
     wait("the reason", lambda: "too large for the broker" in texts("#about")[0])
 
@@ -174,9 +172,8 @@ def use_past():
     browser.execute_script("""[...document.querySelectorAll(".statuses dd")]
         .find((one) => one.innerText === "63").click()""")
     wait("the course of a number", lambda: texts("figure .range") == ["41 to 63"])
-    line, bars = [browser.find_element("css selector", "figure ." + name).get_attribute("d")
-                  for name in ("line", "bars")]
-    assert line.endswith("H1000") and "V" in line + bars, (line, bars)
+    line = browser.find_element("css selector", "figure .line").get_attribute("d")
+    assert line.count("V") >= 3 and line.endswith("H1000"), line
     if PICTURES:
         browser.save_screenshot(f"{PICTURES[0]}/fleet_history.png")
     browser.find_element("css selector", "figure .close").click()

@@ -2,7 +2,7 @@
 # Uses the page of the collector in Debian's chromium, with three recorded machines that report over a
 # broker. Exits with 77 where that or selenium is not installed.
 #   ./tests/programs/page.sh PROGRAMS [--pictures]    PROGRAMS is a directory, e.g. build/release/programs
-# With --pictures, it also writes docs/pictures/fleet.png and fleet_small.png.
+# With --pictures, it also writes docs/pictures/fleet*.png.
 set -euo pipefail
 PATH=$(realpath "$1"):$PATH
 cd "$(dirname "$0")/../.."
