@@ -257,7 +257,8 @@ class Connection::Client final : public Link {
   bool wantsToWrite() const noexcept { return client_ && mosquitto_want_write(client_.get()); }
 
   Time due(Time now) const noexcept {
-    Time next = client_ ? lastUpkeep_ + upkeep : route_.due(now);
+    Time next = route_.due(now);
+    if (client_) next = isReached_ ? lastUpkeep_ + upkeep : attemptEnd_;
     if (isConnected_) next = std::min(due_, next);
     const bool hasNews = !said_.empty() || !refused_.empty();
     return hasNews ? now : std::max(now, next);
@@ -296,8 +297,9 @@ class Connection::Client final : public Link {
       place = route_.next(now);
       if (place && broker_.isEncrypted) encryption_.emplace(broker_, place->broker.host);
     } catch (const std::runtime_error& failure) {
-      tellOf(failure.what());
-      return route_.failed(now, random_);
+      const std::string line = failureLine(failure.what());
+      route_.failed(now, random_);
+      return notices_.begins(line);
     }
     if (place) connect(*place, now);
   }
@@ -440,10 +442,10 @@ class Connection::Client final : public Link {
     isConnected_ = true;
     connectedAt_ = now;
     due_ = Time();
-    notices_.begins(connectedLine());
-    endpoint_.connected(*this, now);
     continues_ = true;
+    endpoint_.connected(*this, now);
     hasConnected_ = true;
+    notices_.begins(connectedLine());
   }
 
   void handle(const Ended& end, Time /*now*/) {
@@ -508,13 +510,14 @@ class Connection::Client final : public Link {
     subscriptions_.clear();
     said_.clear();
     refused_.clear();
-    tellOf(reason);
+    const std::string line = failureLine(reason);
     if (std::exchange(isConnected_, false)) {
       route_.lost(now - connectedAt_ >= stable, now, random_);
       endpoint_.disconnected(now);
     } else {
       route_.failed(now, random_);
     }
+    notices_.begins(line);
   }
 
   static std::string newId() { return "orv-" + std::to_string(drawSeed()); }
@@ -524,8 +527,8 @@ class Connection::Client final : public Link {
     return broker.host + ":" + std::to_string(broker.port);
   }
   std::string connectedLine() const { return "Connected to " + placeText(); }
-  void tellOf(const std::string& failure) {
-    notices_.begins("No connection to " + placeText() + ": " + failure);
+  std::string failureLine(const std::string& reason) const {
+    return "No connection to " + placeText() + ": " + reason;
   }
 
   template <typename MakeSaid>

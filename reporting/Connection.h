@@ -33,7 +33,7 @@ struct ConnectionOptions {
   bool outlivesProcess = false;
   /// The broker ends a connection on which it hears nothing for one and a half times as long. So a
   /// program that does something else for longer between two calls of `serve` loses it each time.
-  /// From 5 to 65,535 seconds. A dead connection is noticed after that time.
+  /// From 5 to 65,535 seconds. A dead connection is noticed within twice that time.
   std::chrono::seconds keepAlive{15};
   /// Asked at each attempt to connect, in place of the broker's user and password: for those that
   /// change. It must not call the connection. What it throws passes through `serve`.
