@@ -37,7 +37,7 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 # dpkg-shlibdeps finds the libraries that are built here, but not the package they will be in.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   ${PROJECT_BINARY_DIR}/device_tree ${PROJECT_BINARY_DIR}/proto/monitoring
-  ${PROJECT_BINARY_DIR}/reporting)
+  ${PROJECT_BINARY_DIR}/reporting ${PROJECT_BINARY_DIR}/history)
 file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
 
 macro(add_package component name section depends description)
@@ -91,11 +91,12 @@ readers ask the file for the tree of a root at a time, for what changed in
 between, and for the course of a value.")
 endif()
 
-# Describes the package of a program, with the service of its name.
-macro(add_program_package component name about)
-  add_package(${component} ${name} net
-    "${device_tree_runtime} (= ${PROJECT_VERSION}), ${reporting_runtime} (= ${PROJECT_VERSION})"
-    "${about}")
+# Describes the package of a program, with the service of its name and the libraries that it needs.
+macro(add_program_package component name libraries about)
+  set(needed ${libraries})
+  list(TRANSFORM needed APPEND " (= ${PROJECT_VERSION})")
+  list(JOIN needed ", " depends)
+  add_package(${component} ${name} net "${depends}" "${about}")
   set(${prefix}_PACKAGE_SHLIBDEPS ON)
   set(${prefix}_PACKAGE_CONTROL_EXTRA)
   foreach(file conffiles postinst prerm postrm)
@@ -103,15 +104,18 @@ macro(add_program_package component name about)
   endforeach()
 endmacro()
 if(ORV_BUILD_PROGRAMS)
-  add_program_package(host_monitor orv-host-monitor "Watches this machine and reports it to a fleet
+  add_program_package(host_monitor orv-host-monitor "${device_tree_runtime};${reporting_runtime}"
+    "Watches this machine and reports it to a fleet
 Reads the machine from /proc and /sys: processors, memory, disks, network
 interfaces, filesystems and sensors, and reports over MQTT what changes.
 
 The service starts when it has been told its broker in
 /etc/orv/host-monitor.conf and enabled.")
-  add_program_package(collector orv-collector "Follows the machines of a fleet and shows them
+  add_program_package(collector orv-collector
+    "${device_tree_runtime};${reporting_runtime};${history_runtime}"
+    "Follows the machines of a fleet and shows them
 Keeps the device trees of all machines that report over MQTT, shows them on a
-page, and hands their values to Prometheus.
+page, records what changes, and hands their values to Prometheus.
 
 The service starts when it has been told its broker in /etc/orv/collector.conf
 and enabled.")

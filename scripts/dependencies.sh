@@ -2,7 +2,7 @@
 # Installs the Debian packages that are missing for the purposes named, and says which.
 #
 #   ./scripts/dependencies.sh PURPOSE...     purposes: build test broker web web-test check
-#                                              bench docs package fuzz
+#                                              bench docs package package-test fuzz
 set -euo pipefail
 
 packages_for() {
@@ -19,6 +19,7 @@ packages_for() {
     bench) echo libbenchmark-dev nlohmann-json3-dev python3 python3-matplotlib ;;
     docs) echo doxygen ;;
     package) echo dpkg-dev file lintian devscripts help2man ;;
+    package-test) echo debootstrap systemd-container ;;
     fuzz) echo clang libclang-rt-14-dev llvm ;;
     *)
       echo "dependencies.sh: unknown purpose '$1'" >&2

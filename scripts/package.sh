@@ -28,6 +28,6 @@ check_hardening() { hardening-check --nopie --nocfprotection --nofortify "$@"; }
 check_hardening build/package/device_tree/liborv_device_tree.so
 check_hardening build/package/reporting/liborv_reporting.so
 check_hardening build/package/history/liborv_history.so
-hardening-check --nocfprotection build/package/programs/orv-{host-monitor,collector}
+hardening-check --nocfprotection build/package/programs/orv-{host-monitor,collector,history}
 check_hardening --nostackprotector build/package/proto/monitoring/liborv_monitoring_proto.so
 ls -l build/package/*.deb

@@ -74,7 +74,8 @@ await shows current
 fleet
 curl --silent --fail http://localhost:8080/api/roots/station-7 >tree
 grep -q '{"name":"access","type":"STRING","string_value":"rw"}' tree
-curl --silent --fail http://localhost:8080/metrics | grep '^orv_root_condition'
+curl --silent --fail http://localhost:8080/metrics | grep '^orv_root_up{root="station-7"} 1'
+orv-history /var/lib/orv-collector/history changes | grep '^.* station-7'
 
 step "Killed or hanging, it is restarted, later each time"
 impatient() {  # UNIT
