@@ -110,6 +110,16 @@ void Exposition::write(const std::string& name, Family& family, std::string& tex
   written_ = 0;
 }
 
+std::size_t Exposition::bytes() const {
+  std::size_t sum = labels_.capacity() + ends_.capacity() * sizeof(std::size_t);
+  for (const auto& [name, family] : families_) {
+    for (const auto& [labels, samples] : family.series) {
+      sum += labels.size() + samples.capacity() * sizeof(Sample);
+    }
+  }
+  return sum;
+}
+
 std::string Exposition::next() {
   std::string text;
   text.reserve(pieceBytes + 1024);

@@ -39,6 +39,9 @@ class Exposition {
   // The series of that name. The help and the type are those of its first mention.
   Series& family(const std::string& name, const std::string& help, const char* type = "gauge");
 
+  // About what is kept.
+  std::size_t bytes() const;
+
   // The next piece, at least one line; empty at the end. What it has is no longer kept, and nothing
   // may be added any more.
   std::string next();

@@ -18,6 +18,7 @@
 #include "collector/Json.h"
 #include "collector/Metrics.h"
 #include "collector/Partitions.h"
+#include "collector/Scrapes.h"
 #include "device_tree/Walk.h"
 #include "page.h"
 
@@ -141,7 +142,7 @@ HttpAnswer answerRoot(const Fleet& fleet, Untaken& untaken, const std::string& i
   return jsonAnswer(text, tag);
 }
 
-HttpAnswer answerMetrics(const Fleet& fleet, const MetricOptions& options,
+HttpAnswer answerMetrics(const Fleet& fleet, const MetricOptions& options, Scrapes& scrapes,
                          const HttpRequest& request) {
   Partitions partitions;
   try {
@@ -150,9 +151,7 @@ HttpAnswer answerMetrics(const Fleet& fleet, const MetricOptions& options,
     return refusal(400, std::string("partitions: ") + fault.what());
   }
   HttpAnswer answer{200, "text/plain; version=0.0.4; charset=utf-8", nullptr};
-  answer.pieces = [metrics = std::make_shared<Exposition>(metricsOf(fleet, partitions, options))] {
-    return metrics->next();
-  };
+  answer.pieces = scrapes.add(metricsOf(fleet, partitions, options));
   return answer;
 }
 
@@ -186,6 +185,7 @@ class Site {
 
   Fleet& fleet_;
   const MetricOptions metricOptions_;
+  Scrapes scrapes_;
   const HistorySource history_;
   FleetNews news_;
   Untaken untaken_;
@@ -225,7 +225,7 @@ HttpAnswer Site::answer(const HttpRequest& request) {
   if (auto answer = answerHistory(history_, request)) return *std::move(answer);
   if (path == "/elements.js") return textAnswer(elements_js, "text/javascript");
   if (path == "/past.js") return textAnswer(past_js, "text/javascript");
-  if (path == "/metrics") return answerMetrics(fleet_, metricOptions_, request);
+  if (path == "/metrics") return answerMetrics(fleet_, metricOptions_, scrapes_, request);
   if (path == "/api/roots") return answerRoots(fleet_, untaken_, request);
   if (path == "/api/devices") return answerDevices(fleet_, request);
   if (path == "/api/events") return answerEvents(news_, request);
