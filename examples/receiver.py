@@ -10,6 +10,7 @@ import argparse
 import copy
 import os
 import pathlib
+import random
 import sys
 import time
 import uuid
@@ -125,7 +126,7 @@ def partition(root):
     value = 0xcbf29ce484222325
     for byte in root.encode():
         value = (value ^ byte) * 0x100000001b3 % 2**64
-    return value % 64
+    return value % 1024
 
 
 class Due:
@@ -159,16 +160,22 @@ def follow(options):
     followers = {root: Follower() for root in options.roots}
     dues = {root: Due() for root in options.roots}
     topics = {f"orv/1/event/{partition(root)}/{level(root)}": root for root in options.roots}
+    partitions = {partition(root) for root in followers}
     reporters = {}  # the last state of each, by name
+    summaries = {}  # the last of each list, by name and partition
+    lacking = {}  # lists to be asked for, and when
 
     def on_connect(client, *_):
-        client.subscribe([("orv/1/reporter/+", 1), *((topic, 1) for topic in topics)])
+        client.subscribe([("orv/1/state/+", 1), *((f"orv/1/roots/{part}/+", 1) for part in partitions),
+                          *((topic, 1) for topic in topics)])
 
     def on_message(client, _, message):
         try:
-            if message.topic.startswith("orv/1/reporter/"):
-                take_state(message.topic.rpartition("/")[2],
-                           reporting_pb2.ReporterState.FromString(message.payload))
+            *_, kind, part, name = message.topic.split("/")
+            if part == "state":
+                take_state(name, reporting_pb2.ReporterState.FromString(message.payload))
+            elif kind == "roots":
+                take_list(name, int(part), reporting_pb2.RootList.FromString(message.payload))
             elif message.payload:  # an empty one clears the topic after a removal
                 root = topics[message.topic]
                 sequence = dict(getattr(message.properties, "UserProperty", ())).get("sequence")
@@ -183,17 +190,34 @@ def follow(options):
 
     def take_state(name, state):
         last = reporters.get(name)
-        if last and (state.connection < last.connection if state.start == last.start
-                     else not state.online):
-            return  # the late will of an earlier connection
+        if last and (not state.online if state.start != last.start
+                     else state.connection < last.connection or state.online and
+                     (state.connection, state.version) < (last.connection, last.version)):
+            return  # the late will of an earlier connection, or an earlier state
         reporters[name] = state
-        listed = {entry.root: entry for entry in state.roots if state.online}
+        parts = {part.partition: part for part in state.parts if state.online}
+        for root, follower in followers.items():
+            if partition(root) not in parts and follower.reported and follower.reported[0] == name:
+                follower.reported = None  # gone, or it has the root no longer
+        for number in partitions & parts.keys():
+            # Where the roots of the part are has changed, and the list says which of them it was.
+            if summaries.get((name, number)) != parts[number].SerializeToString():
+                summaries[name, number] = parts[number].SerializeToString()
+                lacking.setdefault((name, number), time.monotonic() + random.random())
+
+    def take_list(name, number, listing):
+        state = reporters.get(name)
+        if state is None or listing.start != state.start:
+            return  # that of an earlier process
+        lacking.pop((name, number), None)
+        listed = {entry.root: entry for entry in listing.roots}
         for root, follower in followers.items():
             if root in listed:
                 entry = listed[root]
                 follower.hear(name, entry.epoch, entry.n, entry.held_back)
-            elif follower.reported and follower.reported[0] == name:
-                follower.reported = None  # gone, or it has the root no longer
+            elif (partition(root) == number and follower.reported
+                  and follower.reported[0] == name):
+                follower.reported = None
 
     client = mqtt.Client(client_id=f"orv-{uuid.uuid4()}", protocol=mqtt.MQTTv5)
     client.on_connect = on_connect
@@ -220,12 +244,16 @@ def follow(options):
             if dues[root].has_come(follower, now):
                 name = follower.reported[0]
                 request = requests.setdefault(name, reporting_pb2.TreeRequest())
-                if reporters[name].resends and follower.can_catch_up() and dues[root].asked < 3:
+                if follower.can_catch_up() and dues[root].asked < 3:
                     print(root, "asking for what follows", follower.n, flush=True)
                     request.have.add(root=root, epoch=follower.epoch, n=follower.n)
                 else:
                     print(root, "asking for the tree", flush=True)
                     request.roots.append(root)
+        for (name, number), due in lacking.items():
+            if due < now and reporters[name].online:
+                lacking[name, number] = now + 10
+                requests.setdefault(name, reporting_pb2.TreeRequest()).parts.append(number)
         for name, request in requests.items():
             client.publish("orv/1/request/" + name, request.SerializeToString(), 1,
                            properties=expires)

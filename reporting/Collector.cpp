@@ -9,6 +9,7 @@
 
 #include "proto/monitoring/reporting.pb.h"
 #include "reporting/Agenda.h"
+#include "reporting/Mark.h"
 #include "reporting/Peer.h"
 #include "reporting/Requests.h"
 #include "reporting/Seed.h"
@@ -46,10 +47,13 @@ class Collector::Core {
 
  private:
   struct Root {
-    explicit Root(const std::string& id) : follower(id) {}
+    explicit Root(const std::string& id) : follower(id), hash(hashOf(id)), mark(markOf(hash, {})) {}
 
     Follower follower;
+    std::uint64_t hash;
+    std::uint64_t mark;                // of where the follower is
     std::string reporter;              // the one that counts; empty for none
+    std::string heldBack;              // why that holds something later back; empty if it does not
     std::vector<std::string> listers;  // every reporter that lists it
     std::string rival;                 // another reporter of the root, told of
     std::string claimer;        // the reporter of its last event, as that says; empty: unknown
@@ -63,26 +67,32 @@ class Collector::Core {
 
   void receiveEvent(const std::string& id, const Message& message, Time now);
   void receiveState(const std::string& name, const Message& message, Time now);
+  void receiveList(unsigned int partition, const std::string& name, const Message& message,
+                   Time now);
+  void forgetPeer(const std::string& name, Time now);
   Root& takeUp(const std::string& id, Time now);
-  void list(const std::string& id, const std::string& name, Time now);
+  void list(const std::string& id, const std::string& name, bool isOfNow, Time now);
   void choose(const std::string& id, Root& root, const std::string& name, bool isOfNow);
   void unlist(const std::string& id, const std::string& name, Time now);
   void unclaim(const std::string& id, const Root& root);
   void checkClaims(const std::string& name, Time now);
   void updateRootsOf(const Peer& peer, Time now);
+  bool reportsAny(const std::string& name, const Peer& peer) const;
+  void dropRequests(const std::string& name, const Peer& peer);
+  void remark(Root& root);
   void update(const std::string& id, Time now);
+  static unsigned int partitionOf(const Root& root);
   const Peer* peerOf(const Root& root) const;
-  bool canAsk(const std::string& id, const Root& root) const;
-  bool canCatchUp(const Root& root) const;
-  Condition conditionOf(const std::string& id, const Root& root) const;
+  bool isConfirmed(const Root& root, const Peer& peer) const;
+  bool canAsk(const Root& root) const;
+  Condition conditionOf(const Root& root) const;
   std::string reasonOf(const std::string& id, const Root& root) const;
-  std::string heldBack(const std::string& id, const Root& root) const;
   void check(Time now);
   void checkHearing(Time now);
   void ask(Time now);
   void needState(const std::string& name, Time now);
   void send(const std::string& name, const monitoring::TreeRequest& request);
-  bool follows(const std::string& id) const;
+  bool follows(unsigned int partition) const;
   void refuse(const std::string& problem);
   void complain(const std::string& problem) const {
     if (callbacks_.problem) callbacks_.problem(problem);
@@ -97,6 +107,7 @@ class Collector::Core {
   bool isRequestRefused_ = false;  // the last one
   bool isSequenceMissed_ = false;  // which was told
   bool areStatesHeard_ = false;    // on this connection
+  bool areListsHeard_ = false;
   bool areEventsHeard_ = false;
   Time hearingDue_;             // when that is looked at
   std::string hearingProblem_;  // that was told last
@@ -107,6 +118,7 @@ class Collector::Core {
   Agenda behind_;    // roots whose reporter is ahead, until patience ends
   Requests trees_;   // by root
   Requests states_;  // by reporter
+  Requests lists_;   // by topic
   Time nextCheck_;
 };
 
@@ -118,7 +130,9 @@ Collector::Core::Core(CollectorCallbacks callbacks, const CollectorOptions& opti
       trees_(options.firstPause, options.longestPause,
              {options.mostAwaited, options.mostAwaitedBytes}),
       states_(options.firstPause, options.longestPause,
-              {options.mostAwaited, options.mostAwaitedBytes}) {
+              {options.mostAwaited, options.mostAwaitedBytes}),
+      lists_(options.firstPause, options.longestPause,
+             {options.mostAwaited, options.mostAwaitedBytes}) {
   if (options.firstPartition > options.lastPartition ||
       options.lastPartition >= Topics::PARTITIONS) {
     throw std::invalid_argument("There are the partitions 0 to " +
@@ -127,7 +141,8 @@ Collector::Core::Core(CollectorCallbacks callbacks, const CollectorOptions& opti
 }
 
 void Collector::Core::resume(const std::string& id, Tree tree, const Sequence& sequence) {
-  if (!tree || tree->getDeviceId() != id || sequence.n == 0 || !follows(id)) {
+  const bool isFollowed = follows(Topics::partitionOf(id));
+  if (!tree || tree->getDeviceId() != id || sequence.n == 0 || !isFollowed) {
     throw std::invalid_argument("The root " + id + " cannot go on with what was kept of it");
   }
   takeUp(id, {}).follower.resume(std::move(tree), sequence);
@@ -154,7 +169,7 @@ std::optional<Collector::View> Collector::Core::view(const std::string& id) cons
 void Collector::Core::connected(Link& link, Time now) {
   if (link_ != nullptr) disconnected(now);
   link_ = &link;
-  areStatesHeard_ = areEventsHeard_ = false;
+  areStatesHeard_ = areListsHeard_ = areEventsHeard_ = false;
   hearingDue_ = now + hearing;
   for (auto& [name, peer] : peers_) {
     peer.listen(now);
@@ -164,17 +179,21 @@ void Collector::Core::connected(Link& link, Time now) {
   for (auto& [id, root] : roots_) {
     if (root.reporter.empty()) root.since = now;
   }
-  // The states first: they tell which of the trees that follow are the right ones.
-  link_->subscribe({topics_.allReporters()}, Kept::ALWAYS);
+  // The states first, then the lists: they tell which of the trees that follow are the right ones.
+  link_->subscribe({topics_.allStates()}, Kept::ALWAYS);
+  std::vector<std::string> lists;
   std::vector<std::string> topics;
   if (options_.firstPartition == 0 && options_.lastPartition + 1 == Topics::PARTITIONS) {
+    lists.push_back(topics_.allRoots());
     topics.push_back(topics_.allEvents());
   } else {
     for (unsigned int partition = options_.firstPartition; partition <= options_.lastPartition;
          ++partition) {
+      lists.push_back(topics_.rootsOf(partition));
       topics.push_back(topics_.eventsOf(partition));
     }
   }
+  link_->subscribe(lists, Kept::ONCE);
   link_->subscribe(topics, Kept::ONCE);
 }
 
@@ -182,7 +201,7 @@ void Collector::Core::disconnected(Time now) {
   link_ = nullptr;
   for (auto& [name, peer] : peers_) {
     peer.doubt();
-    states_.drop(name);
+    dropRequests(name, peer);
   }
   for (const auto& [id, root] : roots_) update(id, now);
 }
@@ -196,7 +215,11 @@ void Collector::Core::received(const Message& message, Time now) {
   if (const auto name = topics_.reporterOf(message.topic); name && !name->empty()) {
     areStatesHeard_ = true;
     receiveState(*name, message, now);
-  } else if (const auto id = topics_.rootOf(message.topic); id && follows(*id)) {
+  } else if (const auto list = topics_.listOf(message.topic); list && follows(list->first)) {
+    areListsHeard_ = true;
+    receiveList(list->first, list->second, message, now);
+  } else if (const auto id = topics_.rootOf(message.topic);
+             id && follows(Topics::partitionOf(*id))) {
     areEventsHeard_ = true;
     receiveEvent(*id, message, now);
   } else {
@@ -208,7 +231,8 @@ Time Collector::Core::serve(Time now) {
   if (link_ == nullptr) return Time::max();
   if (nextCheck_ <= now) check(now);
   ask(now);
-  return std::max(now, std::min({nextCheck_, behind_.due(), trees_.due(), states_.due()}));
+  return std::max(now,
+                  std::min({nextCheck_, behind_.due(), trees_.due(), states_.due(), lists_.due()}));
 }
 
 void Collector::Core::receiveEvent(const std::string& id, const Message& message, Time now) {
@@ -274,32 +298,80 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
   if (!state.ParseFromString(message.payload)) {
     return refuse("A state of " + name + " cannot be read");
   }
-  if (message.payload.empty()) {  // somebody cleared it: the name does not come back
-    const auto known = peers_.find(name);
-    if (known == peers_.end()) return;
-    const Peer peer = std::move(known->second);
-    peers_.erase(known);
-    states_.drop(name);
-    for (const auto& [id, listed] : peer.roots()) unlist(id, name, now);
-    return;
-  }
+  if (message.payload.empty()) return forgetPeer(name, now);  // the name does not come back
   const bool isFirst = peers_.empty();
-  Peer& peer = peers_.try_emplace(name, now).first->second;
-  Peer::Roots unlisted;
-  const Peer::Verdict verdict = peer.take(state, message.isRetained, now, unlisted);
+  Peer& peer =
+      peers_.try_emplace(name, now, options_.firstPartition, options_.lastPartition).first->second;
+  Peer::News news;
+  const Peer::Verdict verdict = peer.take(state, message.isRetained, now, news);
   if (verdict == Peer::Verdict::RIVAL) complain("Two processes report under the name " + name);
   if (verdict != Peer::Verdict::TAKEN) return;
-  if (peer.isConfirmed()) {
-    states_.drop(name);
-  } else {
-    needState(name, now);
+  if (peer.isThere()) states_.drop(name);
+  for (const unsigned int partition : news.gone) lists_.drop(topics_.roots(partition, name));
+  for (const auto& [id, listed] : news.unlisted) unlist(id, name, now);
+  const auto need = [&](unsigned int partition, std::chrono::milliseconds patience) {
+    lists_.need(topics_.roots(partition, name), now, patience, 0, random_);
+  };
+  for (const unsigned int partition : news.announced) need(partition, options_.firstPause);
+  for (const unsigned int partition : news.differing) need(partition, options_.gapPause);
+  // The reporter and the collector are in the same place with each of these roots.
+  for (const unsigned int partition : news.agreed) {
+    lists_.drop(topics_.roots(partition, name));
+    for (const auto& [id, listed] : peer.part(partition)->roots) {
+      Root& root = roots_.at(id);
+      const Sequence& where = root.follower.sequence();
+      if (root.reporter == name && where.n > 0) root.follower.reported(where, true);
+    }
   }
-  for (const auto& [id, listed] : peer.roots()) list(id, name, now);
-  for (const auto& [id, listed] : unlisted) unlist(id, name, now);
+  if (!peer.isThere()) dropRequests(name, peer);
+  if (peer.isOnline() && !peer.isConfirmed()) needState(name, now);
+  if (news.isOther) {
+    for (const auto& [partition, part] : peer.parts()) {
+      for (const auto& [id, listed] : part.roots) {
+        if (roots_.at(id).reporter != name) list(id, name, false, now);
+      }
+    }
+    updateRootsOf(peer, now);
+  } else {
+    for (const unsigned int partition : news.agreed) {
+      for (const auto& [id, listed] : peer.part(partition)->roots) update(id, now);
+    }
+  }
   if (peer.isThere()) checkClaims(name, now);
-  updateRootsOf(peer, now);
   if (!isFirst) return;
   for (const auto& [id, root] : roots_) update(id, now);
+}
+
+void Collector::Core::receiveList(unsigned int partition, const std::string& name,
+                                  const Message& message, Time now) {
+  if (message.payload.empty()) return;  // the next state says so too
+  monitoring::RootList list;
+  if (!list.ParseFromString(message.payload)) {
+    return refuse("A list of the roots of " + name + " cannot be read");
+  }
+  const auto entry = peers_.find(name);
+  if (entry == peers_.end()) return;
+  Peer& peer = entry->second;
+  Peer::Roots unlisted;
+  if (!peer.take(partition, list, message.isRetained, now, unlisted)) return;
+  if (!message.isRetained) lists_.drop(message.topic);
+  std::uint64_t sum = 0;
+  for (const auto& [id, listed] : peer.part(partition)->roots) {
+    this->list(id, name, !message.isRetained && peer.isThere(), now);
+    sum += roots_.at(id).mark;
+  }
+  peer.move(partition, sum);
+  for (const auto& [id, listed] : unlisted) unlist(id, name, now);
+  for (const auto& [id, listed] : peer.part(partition)->roots) update(id, now);
+}
+
+void Collector::Core::forgetPeer(const std::string& name, Time now) {
+  auto peer = peers_.extract(name);
+  if (peer.empty()) return;
+  dropRequests(name, peer.mapped());
+  for (const auto& [partition, part] : peer.mapped().parts()) {
+    for (const auto& [id, listed] : part.roots) unlist(id, name, now);
+  }
 }
 
 // So claims do not outnumber the roots, whatever names events may hold.
@@ -310,11 +382,15 @@ void Collector::Core::unclaim(const std::string& id, const Root& root) {
   if (claims->second.empty()) claims_.erase(claims);
 }
 
+unsigned int Collector::Core::partitionOf(const Root& root) {
+  return static_cast<unsigned int>(root.hash % Topics::PARTITIONS);
+}
+
 // A reporter that ended without clearing a tree, and came back without the root, leaves the tree
-// with the broker, which would keep it for ever. An event says whose it is, and every state that
-// goes out after it lists the root. So if the state does not, the tree is nobody's. An event that
-// the broker had kept went out before. One that has just arrived may have been overtaken by one
-// state: the next decides.
+// with the broker, which would keep it for ever. An event says whose it is, and every list that
+// goes out after it has the root. So if the list does not, the tree is nobody's. An event that the
+// broker had kept went out before. One that has just arrived may have been overtaken by one state:
+// the next decides. A part that does not agree with it decides nothing, as its list is an old one.
 void Collector::Core::checkClaims(const std::string& name, Time now) {
   const auto claims = claims_.extract(name);
   if (claims.empty()) return;
@@ -324,7 +400,9 @@ void Collector::Core::checkClaims(const std::string& name, Time now) {
     if (entry == roots_.end()) continue;
     Root& root = entry->second;
     if (!root.reporter.empty() || root.claimer != name || !root.follower.tree()) continue;
-    if (!std::exchange(root.isClaimKept, true)) {
+    const Peer::Part* const part = peers_.at(name).part(partitionOf(root));
+    const bool isOpen = part != nullptr && !part->agrees;
+    if (isOpen || !std::exchange(root.isClaimKept, true)) {
       claims_[name].insert(id);
       continue;
     }
@@ -343,14 +421,12 @@ Collector::Core::Root& Collector::Core::takeUp(const std::string& id, Time now) 
 
 // Of two reporters of one root the first counts, as long as it is online and lists the root. If the
 // last word counted, the two would take the root from each other with every state.
-void Collector::Core::list(const std::string& id, const std::string& name, Time now) {
-  if (!follows(id)) return;
+void Collector::Core::list(const std::string& id, const std::string& name, bool isOfNow, Time now) {
   Root& root = takeUp(id, now);
   if (std::find(root.listers.begin(), root.listers.end(), name) == root.listers.end()) {
     root.listers.push_back(name);
   }
-  // A will repeats the list of its connection, and what the broker had kept is old as well.
-  choose(id, root, name, peers_.at(name).isThere());
+  choose(id, root, name, isOfNow);
 }
 
 void Collector::Core::choose(const std::string& id, Root& root, const std::string& name,
@@ -368,7 +444,9 @@ void Collector::Core::choose(const std::string& id, Root& root, const std::strin
     root.reporter = name;
     trees_.drop(id);  // it was another one that was asked in vain
   }
-  root.follower.reported(peer.roots().at(id).latest, isOfNow);
+  const Peer::Listed* const listed = peer.find(partitionOf(root), id);
+  root.heldBack = listed->heldBack;
+  root.follower.reported(listed->latest, isOfNow);
 }
 
 void Collector::Core::unlist(const std::string& id, const std::string& name, Time now) {
@@ -379,6 +457,7 @@ void Collector::Core::unlist(const std::string& id, const std::string& name, Tim
                      root.listers.end());
   if (root.reporter != name) return;
   root.reporter.clear();
+  root.heldBack.clear();
   root.rival.clear();
   root.since = now;
   for (const std::string& other : root.listers) {
@@ -389,21 +468,35 @@ void Collector::Core::unlist(const std::string& id, const std::string& name, Tim
 }
 
 void Collector::Core::updateRootsOf(const Peer& peer, Time now) {
-  for (const auto& [id, listed] : peer.roots()) {
-    if (roots_.count(id) > 0) update(id, now);
+  for (const auto& [partition, part] : peer.parts()) {
+    for (const auto& [id, listed] : part.roots) update(id, now);
+  }
+}
+
+// So that the sums of those who list the root are those of where it is.
+void Collector::Core::remark(Root& root) {
+  const std::uint64_t before =
+      std::exchange(root.mark, markOf(root.hash, root.follower.sequence()));
+  if (root.mark == before) return;
+  for (const std::string& name : root.listers) {
+    peers_.at(name).move(partitionOf(root), root.mark - before);
   }
 }
 
 // Follows up whatever has changed about the root: what its condition is, and what is asked for.
 void Collector::Core::update(const std::string& id, Time now) {
   Root& root = roots_.at(id);
-  const Condition condition = conditionOf(id, root);
+  remark(root);
+  const Condition condition = conditionOf(root);
   if (condition != root.condition) {
     root.since = now;
     root.condition = condition;
     if (callbacks_.changed) callbacks_.changed(id, condition);
   }
-  const bool canBeAsked = canAsk(id, root);
+  if (!root.reporter.empty() && !root.follower.isCurrent()) {
+    peers_.at(root.reporter).await(partitionOf(root));
+  }
+  const bool canBeAsked = canAsk(root);
   // States and events have no common order. So while the tree counts as current, the events that
   // the reporter speaks of may be on their way.
   const bool isAwaited = root.follower.isBehind() && condition == Condition::CURRENT;
@@ -415,7 +508,7 @@ void Collector::Core::update(const std::string& id, Time now) {
   }
   if (canBeAsked && isMissing) {
     // A whole tree costs everybody, and one that the broker has kept may still be on its way.
-    const auto patience = canCatchUp(root) ? options_.gapPause : options_.firstPause;
+    const auto patience = root.follower.canCatchUp() ? options_.gapPause : options_.firstPause;
     trees_.need(id, now, patience, root.treeBytes, random_);
   } else {
     trees_.drop(id);
@@ -426,10 +519,11 @@ void Collector::Core::needState(const std::string& name, Time now) {
   states_.need(name, now, options_.gapPause, 0, random_);
 }
 
-// Whether the events help that the reporter sends again when it is told how far this tree has come.
-bool Collector::Core::canCatchUp(const Root& root) const {
-  const auto peer = peers_.find(root.reporter);
-  return peer != peers_.end() && peer->second.resends() && root.follower.canCatchUp();
+// The reporter has been heard of the root, since the connection began.
+bool Collector::Core::isConfirmed(const Root& root, const Peer& peer) const {
+  if (!peer.isConfirmed()) return false;
+  const Peer::Part* const part = peer.part(partitionOf(root));
+  return !peer.isOnline() || root.reporter.empty() || (part != nullptr && part->isConfirmed);
 }
 
 // Until a state has listed the root, its reporter is the one that its last event names.
@@ -438,47 +532,41 @@ const Peer* Collector::Core::peerOf(const Root& root) const {
   return peer == peers_.end() ? nullptr : &peer->second;
 }
 
-bool Collector::Core::canAsk(const std::string& id, const Root& root) const {
+bool Collector::Core::canAsk(const Root& root) const {
+  if (link_ == nullptr || root.reporter.empty() || !root.heldBack.empty()) return false;
   const Peer* const peer = peerOf(root);
-  return link_ != nullptr && peer != nullptr && peer->isThere() && !root.reporter.empty() &&
-         !root.follower.isAwaited() && heldBack(id, root).empty();
-}
-
-// What the reporter says of that itself; empty for nothing.
-std::string Collector::Core::heldBack(const std::string& id, const Root& root) const {
-  const auto peer = peers_.find(root.reporter);
-  if (peer == peers_.end()) return "";
-  const auto listed = peer->second.roots().find(id);
-  return listed == peer->second.roots().end() ? "" : listed->second.heldBack;
+  return peer->isThere() && isConfirmed(root, *peer) && !root.follower.isAwaited();
 }
 
 // CURRENT promises that this is what the reporter has. So every doubt speaks against it: a
 // collector that is cut off, a reporter that was not heard, a word of it that is ahead, or one that
 // holds something back.
-Condition Collector::Core::conditionOf(const std::string& id, const Root& root) const {
+Condition Collector::Core::conditionOf(const Root& root) const {
   const Peer* const peer = peerOf(root);
   if (!root.follower.tree()) {
     const bool isListed = !root.reporter.empty() && !root.follower.isCurrent();
     return isListed ? Condition::AWAITED : Condition::FORGOTTEN;
   }
-  if (link_ == nullptr || (peer != nullptr && !peer->isConfirmed())) return Condition::OUT_OF_DATE;
-  if (peers_.empty()) return Condition::OUT_OF_DATE;
+  if (link_ == nullptr || (peer != nullptr && !isConfirmed(root, *peer))) {
+    return Condition::OUT_OF_DATE;
+  }
+  // Nobody has listed it yet: one that was resumed, or the event of a sender that has no name.
+  if (peers_.empty() || (peer == nullptr && root.claimer.empty())) return Condition::OUT_OF_DATE;
   if (peer == nullptr || !peer->isOnline()) return Condition::REPORTER_GONE;
   const bool isClaimed = !root.reporter.empty() || !root.isClaimKept;
   const bool isInStep = !root.follower.isBehind() || root.condition == Condition::CURRENT;
   const bool isCurrent = root.follower.isCurrent() && isInStep && isClaimed;
-  return isCurrent && heldBack(id, root).empty() ? Condition::CURRENT : Condition::OUT_OF_DATE;
+  return isCurrent && root.heldBack.empty() ? Condition::CURRENT : Condition::OUT_OF_DATE;
 }
 
 std::string Collector::Core::reasonOf(const std::string& id, const Root& root) const {
   if (root.condition == Condition::CURRENT || root.condition == Condition::REPORTER_GONE) return "";
   if (link_ == nullptr) return "the collector is not connected";
-  const std::string why = heldBack(id, root);
-  if (!why.empty()) return "its reporter holds it back: " + why;
+  if (!root.heldBack.empty()) return "its reporter holds it back: " + root.heldBack;
   const Peer* const peer = peerOf(root);
   if (peers_.empty()) return "no state of any reporter has arrived";
   if (peer == nullptr || !peer->isOnline()) return "its reporter is gone";
-  if (!peer->isConfirmed()) return "its reporter has not been heard yet";
+  if (!isConfirmed(root, *peer)) return "its reporter has not been heard yet";
   if (root.isTooLarge) return "its events are larger than this collector takes";
   if (root.isUnnumbered) return "its events have no sequence: is there a bridge without MQTT 5?";
   const unsigned int times = trees_.timesAsked(id);
@@ -490,12 +578,15 @@ void Collector::Core::check(Time now) {
   nextCheck_ = now + std::chrono::seconds(1);
   if (hearingDue_ <= now) checkHearing(now);
   bool areAllThere = !peers_.empty();
+  std::vector<std::string> unneeded;
   for (auto& [name, peer] : peers_) {
     areAllThere = areAllThere && peer.isThere();
+    if (peer.isLongGone(now, memory) && !reportsAny(name, peer)) unneeded.push_back(name);
     if (!peer.giveUp(now, options_.silence)) continue;
-    states_.drop(name);
+    dropRequests(name, peer);
     updateRootsOf(peer, now);
   }
+  for (const std::string& name : unneeded) forgetPeer(name, now);
   for (auto entry = roots_.begin(); entry != roots_.end();) {
     const auto next = std::next(entry);
     Root& root = entry->second;
@@ -517,22 +608,40 @@ void Collector::Core::check(Time now) {
 void Collector::Core::checkHearing(Time now) {
   hearingDue_ = now + hearing;
   const bool areEventsMissed = std::any_of(roots_.begin(), roots_.end(), [this](const auto& entry) {
-    return entry.second.condition == Condition::AWAITED &&
-           heldBack(entry.first, entry.second).empty();
+    return entry.second.condition == Condition::AWAITED && entry.second.heldBack.empty();
   });
-  const std::string states = topics_.allReporters();
+  const std::string states = topics_.allStates();
   const std::string events = topics_.allEvents();
+  const auto hasParts = [](const auto& entry) { return !entry.second.parts().empty(); };
+  const bool areListsMissed = std::any_of(peers_.begin(), peers_.end(), hasParts);
   std::string problem;
   if (!areStatesHeard_ && !areEventsHeard_) {
     problem = "Nothing arrives: either nobody reports, or the broker does not let this user read " +
               states + " and " + events;
   } else if (!areStatesHeard_) {
     problem = "Events arrive and no states: it seems that this user may not read " + states;
+  } else if (!areListsHeard_ && areListsMissed) {
+    problem =
+        "States arrive and no lists: it seems that this user may not read " + topics_.allRoots();
   } else if (!areEventsHeard_ && areEventsMissed) {
     problem = "States arrive and no events: it seems that this user may not read " + events;
   }
   if (!problem.empty() && problem != hearingProblem_) complain(problem);
   hearingProblem_ = problem;
+}
+
+// Whether a root would be without its reporter, should that be forgotten.
+bool Collector::Core::reportsAny(const std::string& name, const Peer& peer) const {
+  const auto isItsOwn = [&](const auto& entry) { return roots_.at(entry.first).reporter == name; };
+  return std::any_of(peer.parts().begin(), peer.parts().end(), [&](const auto& entry) {
+    const Peer::Roots& roots = entry.second.roots;
+    return std::any_of(roots.begin(), roots.end(), isItsOwn);
+  });
+}
+
+void Collector::Core::dropRequests(const std::string& name, const Peer& peer) {
+  states_.drop(name);
+  for (const auto& [partition, part] : peer.parts()) lists_.drop(topics_.roots(partition, name));
 }
 
 // All roots of one reporter go into one request: each request is a message to it.
@@ -548,7 +657,7 @@ void Collector::Core::ask(Time now) {
     const Root& root = roots_.at(*id);
     ++counters_.requests;
     // Where that was in vain more than once, something else is wrong than an answer that was lost.
-    if (canCatchUp(root) && trees_.timesAsked(*id) <= 2) {
+    if (root.follower.canCatchUp() && trees_.timesAsked(*id) <= 2) {
       monitoring::RootState& have = *requests[root.reporter].add_have();
       have.set_root(*id);
       have.set_epoch(root.follower.sequence().epoch);
@@ -560,6 +669,10 @@ void Collector::Core::ask(Time now) {
     update(*id, now);
   }
   while (const auto name = states_.next(now, random_)) requests[*name];
+  while (const auto topic = lists_.next(now, random_)) {
+    const auto [partition, name] = topics_.listOf(*topic).value();
+    requests[name].add_parts(partition);
+  }
   for (const auto& [name, request] : requests) send(name, request);
 }
 
@@ -571,8 +684,7 @@ void Collector::Core::send(const std::string& name, const monitoring::TreeReques
   link_->publish(message);
 }
 
-bool Collector::Core::follows(const std::string& id) const {
-  const unsigned int partition = Topics::partitionOf(id);
+bool Collector::Core::follows(unsigned int partition) const {
   return options_.firstPartition <= partition && partition <= options_.lastPartition;
 }
 

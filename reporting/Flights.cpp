@@ -46,16 +46,16 @@ Flights::Rest Flights::disconnected(Time now) {
 bool Flights::mayGo(const std::string& root) const {
   if (isDoubted(root)) return bytes_.empty();
   const bool isAlone = roots_.size() == 1 && isDoubted(roots_.begin()->second);
-  return !isAlone && roots_.size() < window_ && allBytes_ < MOST_BYTES;
+  return !isAlone && roots_.size() < window_ && hasRoom();
 }
 
 void Flights::goes(std::uint64_t number, const std::string& root, std::size_t bytes) {
   roots_.emplace(number, root);
   numbers_.emplace(root, number);
-  goesAgain(number, bytes);
+  goesBeside(number, bytes);
 }
 
-void Flights::goesAgain(std::uint64_t number, std::size_t bytes) {
+void Flights::goesBeside(std::uint64_t number, std::size_t bytes) {
   bytes_.emplace(number, bytes);
   allBytes_ += bytes;
 }

@@ -25,10 +25,10 @@
 //   is good.
 // - An event that is taken ends all doubt of its root.
 //
-// What goes out once more (see Resends) counts for its bytes only: the broker has taken it before,
-// so it is no reason to refuse anything, and whoever still lacks it asks again. States of the
-// reporter are not counted. They are small, at most one is on its way, and a retry that waited for
-// them would wait for ever beside roots that come and go.
+// What goes out beside the events of roots counts for its bytes only: what goes out once more (see
+// Resends), which the broker has taken before, and lists of roots. States of the reporter are not
+// counted. They are small, at most one is on its way, and a retry that waited for them would wait
+// for ever beside roots that come and go.
 //
 // One thread at a time. It does no input or output and reads no clock.
 #pragma once
@@ -62,8 +62,10 @@ class Flights {
 
   // Whether the root whose turn it is may go out now. If not, nobody behind it may.
   bool mayGo(const std::string& root) const;
+  // Whether anything may go out beside what is on its way.
+  bool hasRoom() const { return allBytes_ < MOST_BYTES; }
   void goes(std::uint64_t number, const std::string& root, std::size_t bytes);
-  void goesAgain(std::uint64_t number, std::size_t bytes);
+  void goesBeside(std::uint64_t number, std::size_t bytes);
   bool isOnItsWay(const std::string& root) const { return numbers_.count(root) > 0; }
 
   // The answers of the broker. The root whose event has that number; nothing for a number that is

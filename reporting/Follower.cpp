@@ -64,7 +64,7 @@ void Follower::reported(const Sequence& latest, bool isOfNow) noexcept {
   }
   // Anyone who may publish can send an event with a high n, which nothing will ever follow. And an
   // event that the broker refused leaves its number to another one.
-  if (isOfEpoch(latest)) highest_ = std::max(sequence_.n, std::min(highest_, latest.n));
+  if (isOfNow && isOfEpoch(latest)) highest_ = std::max(sequence_.n, std::min(highest_, latest.n));
 }
 
 void Follower::miss() noexcept {

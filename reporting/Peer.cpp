@@ -1,7 +1,9 @@
 #include "reporting/Peer.h"
 
 #include <algorithm>
-#include <utility>
+#include <tuple>
+
+#include "reporting/Topics.h"
 
 namespace orv::reporting {
 
@@ -13,11 +15,16 @@ constexpr std::size_t mostEarlier = 16;
 }  // namespace
 
 Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, bool isRetained,
-                         Time now, Roots& unlisted) {
+                         Time now, News& news) {
   const bool isOnline = state.online();
+  const auto before = std::tuple(start_, isOnline_, isConfirmed_);
   if (isKnown_ && state.start() == start_) {
     // The will of a connection that is over can come after the first state of the next one.
     if (state.connection() < connection_) return Verdict::OLD;
+    // A will has the version of the moment when its connection began.
+    if (isOnline && state.connection() == connection_ && state.version() < version_) {
+      return Verdict::OLD;
+    }
   } else if (isKnown_) {
     if (!isOnline) return Verdict::OLD;
     const bool isEarlier =
@@ -27,26 +34,97 @@ Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, boo
       rival_ = state.start();
       return isNew ? Verdict::RIVAL : Verdict::OLD;
     }
-    earlier_.push_back(start_);
-    if (earlier_.size() > mostEarlier) earlier_.pop_front();
-  }
-  // A will does not replace the list: it is as old as its connection, and may have no room for one.
-  if (!isKnown_ || isOnline) {
-    unlisted = std::move(roots_);
-    roots_.clear();
-    for (const auto& root : state.roots()) {
-      roots_[root.root()] = {{root.epoch(), root.n()}, root.held_back()};
-      unlisted.erase(root.root());
-    }
+    replaceProcess();
   }
   isKnown_ = true;
   start_ = state.start();
   connection_ = state.connection();
-  resends_ = state.resends();
+  version_ = state.version();
   isOnline_ = isOnline;
   isConfirmed_ = !isOnline || !isRetained;
   heard_ = now;
+  news.isOther = before != std::tuple(start_, isOnline_, isConfirmed_);
+  spokenOf_.clear();
+  for (const auto& told : state.parts()) spokenOf_.insert(told.partition());
+  // A will tells nothing of the parts: it is as old as its connection.
+  if (!isOnline) return Verdict::TAKEN;
+
+  std::map<unsigned int, Part> gone = std::move(parts_);
+  parts_.clear();
+  for (const auto& told : state.parts()) {
+    if (told.partition() < first_ || told.partition() > last_) continue;
+    auto known = gone.extract(told.partition());
+    Part& part =
+        known.empty() ? parts_[told.partition()] : parts_.insert(std::move(known)).position->second;
+    if (part.version > told.version()) continue;  // its list is later than this state
+    part.agrees = part.version == told.version() && part.roots.size() == told.roots() &&
+                  part.sum == told.sum();
+    if (isRetained) continue;
+    if (part.version < told.version()) {
+      news.announced.push_back(told.partition());
+    } else if (!part.agrees) {
+      news.differing.push_back(told.partition());
+    } else if (!part.isConfirmed || part.isAwaited) {
+      part.isConfirmed = true;
+      part.isAwaited = false;
+      news.agreed.push_back(told.partition());
+    }
+  }
+  for (auto& [partition, part] : gone) {
+    if (part.version > state.version()) {
+      parts_.emplace(partition, std::move(part));  // it is later than this state
+    } else {
+      news.gone.push_back(partition);
+      news.unlisted.merge(part.roots);
+    }
+  }
   return Verdict::TAKEN;
+}
+
+bool Peer::take(unsigned int partition, const orv::proto::monitoring::RootList& list,
+                bool isRetained, Time now, Roots& unlisted) {
+  if (!isKnown_ || list.start() != start_) return false;
+  if (list.version() < version_ && spokenOf_.count(partition) == 0) return false;
+  Part& part = parts_[partition];
+  // What the broker had kept is of no more use where the reporter itself was heard.
+  if (list.version() < part.version || (isRetained && part.isConfirmed)) return false;
+  heard_ = now;
+  unlisted = std::move(part.roots);
+  part = {};
+  for (const auto& root : list.roots()) {
+    if (Topics::partitionOf(root.root()) != partition) continue;
+    part.roots[root.root()] = {{root.epoch(), root.n()}, root.held_back()};
+    unlisted.erase(root.root());
+  }
+  part.version = list.version();
+  part.isConfirmed = part.agrees = !isRetained;
+  return true;
+}
+
+void Peer::replaceProcess() {
+  earlier_.push_back(start_);
+  if (earlier_.size() > mostEarlier) earlier_.pop_front();
+  for (auto& [partition, part] : parts_) {
+    part.version = 0;
+    part.isConfirmed = part.agrees = false;
+  }
+}
+
+const Peer::Part* Peer::part(unsigned int partition) const {
+  const auto entry = parts_.find(partition);
+  return entry == parts_.end() ? nullptr : &entry->second;
+}
+
+const Peer::Listed* Peer::find(unsigned int partition, const std::string& root) const {
+  const Part* const listing = part(partition);
+  if (listing == nullptr) return nullptr;
+  const auto entry = listing->roots.find(root);
+  return entry == listing->roots.end() ? nullptr : &entry->second;
+}
+
+void Peer::doubt() {
+  isConfirmed_ = false;
+  for (auto& [partition, part] : parts_) part.isConfirmed = part.agrees = false;
 }
 
 bool Peer::giveUp(Time now, Time::duration silence) {
@@ -54,6 +132,12 @@ bool Peer::giveUp(Time now, Time::duration silence) {
   if (isGone || now - heard_ <= silence) return false;
   isOnline_ = false;
   isConfirmed_ = true;
+  return true;
+}
+
+bool Peer::isLongGone(Time now, Time::duration age) {
+  if (isOnline_ || now - heard_ <= age) return false;
+  heard_ = now;
   return true;
 }
 

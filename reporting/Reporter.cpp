@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "reporting/Agenda.h"
 #include "reporting/Flights.h"
 #include "reporting/Resends.h"
+#include "reporting/Roster.h"
 #include "reporting/Seed.h"
 #include "reporting/Sender.h"
 #include "reporting/Topics.h"
@@ -21,22 +23,22 @@ namespace monitoring = orv::proto::monitoring;
 
 namespace {
 
-// A state lists every root. Were one sent for each root that comes, the states of many roots that
-// come one by one would cost the square of their number.
+// Were a state and its lists sent for each root that comes, those of many roots that come one by
+// one would cost the square of their number.
 constexpr std::chrono::seconds betweenStates(1);
 // Trees that the broker has lost are sent again at this pace: what changes goes out beside them.
 constexpr std::chrono::milliseconds betweenTrees(10);
 // A process that comes back looks at its own last state before it goes on: it may have been set
 // back. Where it may not read that, it goes on after so long.
 constexpr std::chrono::seconds lookBack(1);
-constexpr std::size_t largestWill = 65'000;  // bytes; MQTT gives it two bytes for its length
 constexpr const char* endsConnection = "It ends the connection";
 
 }  // namespace
 
 // Brings together what decides each for itself: a Sender for each root makes its next event, the
 // Agenda says which root is looked at next, Flights says which may go out. What is left here is the
-// reporter's own state, and what its users and other processes tell it.
+// reporter's own state, and what its users and other processes tell it. What that says of its roots
+// is the Roster's.
 class Reporter::Core {
  public:
   Core(std::string name, ReporterCallbacks callbacks, const ReporterOptions& options)
@@ -55,6 +57,7 @@ class Reporter::Core {
 
   Message connecting();
   void connected(Link& link, Time now);
+  bool ending(Time now);
   void disconnected(Time now);
   void settled(std::uint64_t number, const std::string& refusal, Time now);
   void received(const Message& message, Time now);
@@ -77,20 +80,26 @@ class Reporter::Core {
   void awaitTreeDue(const std::string& id, const Root& root);
   void taken(const std::string& id);
   void refuse(const std::string& id, const std::string& reason);
-  void hold(Root& root, const std::string& reason, const std::string& complaint);
-  void release(Root& root);
+  void hold(const std::string& id, Root& root, const std::string& reason,
+            const std::string& complaint);
+  void release(const std::string& id, Root& root);
   void clear(const std::string& id);
   void erase(const std::string& id);
   void countKept(Root& root);
   void beginAnew(Time now);
   void renewTrees(Time now);
-  void refuseState(const std::string& reason);
+  void tellRefusal(const std::string& what, const std::string& reason);
+  void relist(const std::string& id);
+  void publishState(bool isOnline);
+  void publishLists();
+  void clearLeft();
   void publishNext(const std::string& id, Time now);
   void publishAgain(const std::string& id, Root& root);
   Message eventOf(const std::string& id, const Sequence& sequence) const;
   Message state(bool isOnline) const;
   void receiveRequest(const Message& message);
   void receiveState(const Message& message, Time now);
+  void receiveList(unsigned int partition, const Message& message);
   void saySoon() { stateDue_ = std::min(stateDue_, lastState_ + betweenStates); }
   void complain(const std::string& problem) const {
     if (callbacks_.problem) callbacks_.problem(problem);
@@ -103,19 +112,25 @@ class Reporter::Core {
   std::mt19937_64 random_;
   std::uint64_t start_;
   std::uint64_t connection_ = 0;
-  std::uint64_t version_ = 0;  // of the last state
+  std::uint64_t version_ = 0;  // of the last state or list
   Link* link_ = nullptr;
   std::map<std::string, Root> roots_;
   Agenda agenda_;  // roots to look at, but for the doubted ones, which Flights knows
   Flights flights_;
   Resends resends_;
   std::size_t kept_ = 0;  // bytes of the events that Senders keep
+  Roster roster_;
   std::optional<std::uint64_t> stateOnItsWay_;
-  bool isOwnStateAwaited_ = false;  // none has arrived on this connection
-  Time opensAt_;                    // for events
+  std::map<std::uint64_t, unsigned int> listsOnTheirWay_;
+  std::optional<Time> doubtEnds_;      // until then the broker sends the lists that it has kept
+  std::set<std::string> left_;         // roots that an earlier process listed and this one has not
+  std::set<unsigned int> leftLists_;   // and its lists
+  std::optional<std::uint64_t> gone_;  // start of an earlier process that is gone for sure
+  bool isOwnStateAwaited_ = false;     // none has arrived on this connection
+  Time opensAt_;                       // for events
   Time lastState_;
   Time stateDue_;
-  std::string stateProblem_;            // that was told last
+  std::map<std::string, std::string> refusals_;  // that were told last, of states and of lists
   unsigned int endsOnState_ = 0;        // of connections, in a row, on which nothing was answered
   std::optional<std::uint64_t> rival_;  // start of a second process of this name
 };
@@ -123,7 +138,7 @@ class Reporter::Core {
 Reporter::Core::Root& Reporter::Core::takeUp(const std::string& id) {
   const auto known = roots_.find(id);
   if (known != roots_.end()) return known->second;
-  saySoon();
+  left_.erase(id);
   return roots_.emplace(id, Sender(random_(), options_.treePause, options_.leastKept))
       .first->second;
 }
@@ -141,6 +156,7 @@ void Reporter::Core::report(const Tree& live) {
   Root& root = takeUp(live->getDeviceId());
   root.live = live;
   root.isChanged = true;
+  relist(live->getDeviceId());
   queue(live->getDeviceId());
 }
 
@@ -169,13 +185,26 @@ void Reporter::Core::connected(Link& link, Time now) {
   link_ = &link;
   stateDue_ = Time::min();
   isOwnStateAwaited_ = true;
+  roster_.doubtKept();
+  doubtEnds_ = now + lookBack;
   opensAt_ = connection_ > 1 ? now + lookBack : now;
   flights_.connected(now);
-  link_->subscribe({topics_.request(name_), topics_.reporter(name_)}, Kept::ALWAYS);
+  link_->subscribe({topics_.request(name_), topics_.state(name_), topics_.rootsOf(name_)},
+                   Kept::ALWAYS);
+}
+
+// Collectors hear at once that this was in order, and where every root is.
+bool Reporter::Core::ending(Time /*now*/) {
+  if (link_ == nullptr) return false;
+  publishState(false);
+  publishLists();
+  return true;
 }
 
 void Reporter::Core::disconnected(Time now) {
   link_ = nullptr;
+  for (const auto& [number, partition] : listsOnTheirWay_) roster_.owe(partition);
+  listsOnTheirWay_.clear();
   const Flights::Rest rest = flights_.disconnected(now);
   // What may have arrived goes out again as it is, before anything else: collectors drop it if they
   // have it, and miss it if they have not.
@@ -189,7 +218,7 @@ void Reporter::Core::disconnected(Time now) {
     refuse(*rest.refused, known.empty() ? endsConnection : known);
   }
   endsOnState_ = rest.roots.empty() && stateOnItsWay_ ? endsOnState_ + 1 : 0;
-  if (endsOnState_ > 1) refuseState(endsConnection);
+  if (endsOnState_ > 1) tellRefusal("the state", endsConnection);
   stateOnItsWay_.reset();
 }
 
@@ -197,7 +226,12 @@ void Reporter::Core::settled(std::uint64_t number, const std::string& refusal, T
   if (number == stateOnItsWay_) {
     stateOnItsWay_.reset();
     endsOnState_ = 0;
-    return refuseState(refusal);
+    return tellRefusal("the state", refusal);
+  }
+  if (const auto list = listsOnTheirWay_.extract(number)) {
+    flights_.taken(number, now);
+    if (!refusal.empty()) roster_.owe(list.mapped());  // with the next state
+    return tellRefusal("a list of the roots", refusal);
   }
   if (!refusal.empty()) {
     if (const auto id = flights_.refused(number, now)) refuse(*id, refusal);
@@ -208,15 +242,15 @@ void Reporter::Core::settled(std::uint64_t number, const std::string& refusal, T
 
 void Reporter::Core::taken(const std::string& id) {
   Root& root = roots_.at(id);
-  release(root);
+  release(id, root);
   if (root.sender.onItsWay() != nullptr) {
     const Step step = root.sender.taken();
     countKept(root);
     if (callbacks_.published) callbacks_.published(id, step);
   } else if (!root.live) {  // the broker has forgotten the tree
-    erase(id);
-    return saySoon();
+    return erase(id);
   }
+  relist(id);
   // What has changed since that event was made goes out as one.
   if (root.isChanged || !root.live || root.resendAfter) queue(id);
   awaitTreeDue(id, root);
@@ -228,7 +262,8 @@ void Reporter::Core::refuse(const std::string& id, const std::string& reason) {
   agenda_.drop(id);
   root.sender.refused();
   root.isChanged = true;
-  hold(root, reason, "The broker refuses " + id + ": " + reason);
+  relist(id);
+  hold(id, root, reason, "The broker refuses " + id + ": " + reason);
   // What an earlier process left, and this one may not clear, is left alone.
   if (!root.live && root.sender.last().n == 0) {
     flights_.trust(id);
@@ -243,6 +278,7 @@ void Reporter::Core::erase(const std::string& id) {
   agenda_.drop(id);
   resends_.drop(id);
   roots_.erase(id);
+  relist(id);
 }
 
 // Of the root whose event is one too many for all of them, as any other choice would need a look at
@@ -253,18 +289,35 @@ void Reporter::Core::countKept(Root& root) {
   root.kept = root.sender.keptBytes();
 }
 
-// The state says what is held back: else collectors would take the old tree for the current one.
-void Reporter::Core::hold(Root& root, const std::string& reason, const std::string& complaint) {
+// The list says what is held back: else collectors would take the old tree for the current one.
+void Reporter::Core::hold(const std::string& id, Root& root, const std::string& reason,
+                          const std::string& complaint) {
   if (reason == root.problem) return;
   root.problem = reason;
-  saySoon();
+  relist(id);
   complain(complaint);
 }
 
-void Reporter::Core::release(Root& root) {
+void Reporter::Core::release(const std::string& id, Root& root) {
   if (root.problem.empty()) return;
   root.problem.clear();
-  saySoon();
+  relist(id);
+}
+
+// A root that is there only to be cleared is not listed.
+void Reporter::Core::relist(const std::string& id) {
+  const auto entry = roots_.find(id);
+  const Publication* const onItsWay =
+      entry == roots_.end() ? nullptr : entry->second.sender.onItsWay();
+  bool isOwed = false;
+  if (entry == roots_.end() ||
+      (!entry->second.live && entry->second.sender.last().n == 0 && onItsWay == nullptr)) {
+    isOwed = roster_.drop(id);
+  } else {
+    const Sequence& last = entry->second.sender.last();
+    isOwed = roster_.put(id, onItsWay ? onItsWay->sequence : last, entry->second.problem);
+  }
+  if (isOwed) saySoon();
 }
 
 // The broker shall forget the tree of a root that is not there.
@@ -274,27 +327,35 @@ void Reporter::Core::clear(const std::string& id) {
   queue(id);
 }
 
-void Reporter::Core::refuseState(const std::string& reason) {
-  if (!reason.empty() && reason != stateProblem_) {
-    complain("The broker refuses the state of " + name_ + ": " + reason);
+void Reporter::Core::tellRefusal(const std::string& what, const std::string& reason) {
+  std::string& told = refusals_[what];
+  if (!reason.empty() && reason != told) {
+    complain("The broker refuses " + what + " of " + name_ + ": " + reason);
   }
-  stateProblem_ = reason;
+  told = reason;
 }
 
 void Reporter::Core::received(const Message& message, Time now) {
   if (message.topic == topics_.request(name_)) receiveRequest(message);
-  if (message.topic == topics_.reporter(name_)) receiveState(message, now);
+  if (message.topic == topics_.state(name_)) receiveState(message, now);
+  const auto list = topics_.listOf(message.topic);
+  if (list && list->second == name_) receiveList(list->first, message);
 }
 
 Time Reporter::Core::serve(Time now) {
   if (link_ == nullptr) return Time::max();
+  if (doubtEnds_ && *doubtEnds_ <= now) {
+    doubtEnds_.reset();
+    if (roster_.oweDoubted()) saySoon();
+  }
   if (stateDue_ <= now && !stateOnItsWay_) {
-    ++version_;
-    stateOnItsWay_ = link_->publish(state(true));
+    publishState(true);
     lastState_ = now;
     stateDue_ = now + options_.heartbeat;
   }
-  const Time next = stateOnItsWay_ ? Time::max() : stateDue_;
+  if (!stateOnItsWay_) publishLists();
+  const Time next =
+      std::min(stateOnItsWay_ ? Time::max() : stateDue_, doubtEnds_.value_or(Time::max()));
   if (now < opensAt_) return std::min(opensAt_, next);
   agenda_.advance(now);
   if (const auto id = flights_.retry(now)) agenda_.queue(*id);
@@ -335,12 +396,13 @@ void Reporter::Core::publishNext(const std::string& id, Time now) {
     message.isRetained = true;  // the broker shall forget the tree, if there is none any more
   }
   if (!refusal.empty()) {
-    hold(root, refusal, "Cannot report " + id + ": " + refusal);
+    hold(id, root, refusal, "Cannot report " + id + ": " + refusal);
     flights_.trust(id);
   } else if (publication != nullptr || !root.live) {
     flights_.goes(link_->publish(message), id, message.payload.size());
+    relist(id);
   } else {
-    release(root);
+    release(id, root);
     flights_.trust(id);
     awaitTreeDue(id, root);
   }
@@ -355,7 +417,7 @@ void Reporter::Core::publishAgain(const std::string& id, Root& root) {
   for (std::size_t left = *lacked; left > 0; --left) {
     Message message = eventOf(id, {root.sender.last().epoch, root.sender.last().n - left + 1});
     message.payload = kept[kept.size() - left];
-    flights_.goesAgain(link_->publish(message), message.payload.size());
+    flights_.goesBeside(link_->publish(message), message.payload.size());
   }
 }
 
@@ -373,23 +435,32 @@ Message Reporter::Core::state(bool isOnline) const {
   state.set_connection(connection_);
   state.set_version(version_);
   state.set_online(isOnline);
-  state.set_resends(true);
-  for (const auto& [id, root] : roots_) {
-    const Sequence& last = root.sender.last();
-    if (!root.live && last.n == 0 && root.sender.onItsWay() == nullptr) continue;
-    monitoring::RootState& entry = *state.add_roots();
-    entry.set_root(id);
-    entry.set_epoch(last.epoch);
-    entry.set_n(last.n);
-    if (!root.problem.empty()) entry.set_held_back(root.problem);
-  }
-  // A will that does not fit would keep the reporter from connecting at all.
-  if (!isOnline && state.ByteSizeLong() > largestWill) state.clear_roots();
+  roster_.describe(state);
   Message message;
-  message.topic = topics_.reporter(name_);
+  message.topic = topics_.state(name_);
   state.SerializeToString(&message.payload);
   message.isRetained = true;
   return message;
+}
+
+// The lists that a state announces go out once the broker has taken it: it says which process they
+// are of, and if the broker refuses it, that is not to be lost among the answers to the lists.
+void Reporter::Core::publishState(bool isOnline) {
+  version_ = roster_.stamp(version_) + 1;
+  stateOnItsWay_ = link_->publish(state(isOnline));
+}
+
+void Reporter::Core::publishLists() {
+  for (auto partition = roster_.next(); partition && flights_.hasRoom();
+       partition = roster_.next()) {
+    Message message;
+    message.topic = topics_.roots(*partition, name_);
+    message.payload = roster_.list(*partition, start_);
+    message.isRetained = true;
+    const std::uint64_t number = link_->publish(message);
+    listsOnTheirWay_.emplace(number, *partition);
+    flights_.goesBeside(number, message.payload.size());
+  }
 }
 
 void Reporter::Core::receiveRequest(const Message& message) {
@@ -409,6 +480,7 @@ void Reporter::Core::receiveRequest(const Message& message) {
   };
   for (const std::string& id : request.roots()) ask(id, std::nullopt);
   for (const auto& have : request.have()) ask(have.root(), Sequence{have.epoch(), have.n()});
+  for (const unsigned int partition : request.parts()) roster_.owe(partition);
   if (request.roots().empty() && request.have().empty()) saySoon();
 }
 
@@ -421,11 +493,14 @@ void Reporter::Core::receiveState(const Message& message, Time now) {
   opensAt_ = now;
   const bool isOwn = state.start() == start_;
   const bool wasSetBack = isOwn && state.version() > version_;
-  if (wasSetBack) beginAnew(now);
   // The topic was subscribed to before the first state went out. So if that arrives as news, the
   // broker had none: it has lost the trees as well, and who asks for them may come too late.
   const bool isFirst = std::exchange(isOwnStateAwaited_, false);
-  if (isFirst && isOwn && !wasSetBack && state.online() && !message.isRetained && connection_ > 1) {
+  if (wasSetBack) {
+    gone_ = start_;
+    beginAnew(now);
+    clearLeft();
+  } else if (isFirst && isOwn && state.online() && !message.isRetained && connection_ > 1) {
     renewTrees(now);
   }
   if (!state.online()) {  // the will of a connection that ended earlier
@@ -434,10 +509,30 @@ void Reporter::Core::receiveState(const Message& message, Time now) {
     rival_ = state.start();
     complain("Another process reports under the name " + name_);
   }
-  // Of an earlier process of this name that is gone, or of this one before the broker lost what
-  // came after it: roots that are not there now shall not stay.
-  if (isOwn ? !message.isRetained : state.online()) return;
-  for (const auto& earlier : state.roots()) clear(earlier.root());
+  if (!isOwn && !state.online()) {
+    gone_ = state.start();
+    clearLeft();
+  }
+}
+
+// What the broker has kept of this process tells what it has; of an earlier one, which roots must
+// not stay. That one may still be there, as another process of this name, until its will says that
+// it is gone.
+void Reporter::Core::receiveList(unsigned int partition, const Message& message) {
+  monitoring::RootList list;
+  if (!message.isRetained || !list.ParseFromString(message.payload)) return;
+  if (list.start() == start_ && roster_.foundKept(partition, list.version())) return;
+  leftLists_.insert(partition);
+  for (const auto& root : list.roots()) {
+    if (roots_.count(root.root()) == 0) left_.insert(root.root());
+  }
+  if (list.start() == start_ || list.start() == gone_) clearLeft();
+}
+
+void Reporter::Core::clearLeft() {
+  for (const std::string& id : std::exchange(left_, {})) clear(id);
+  for (const unsigned int partition : std::exchange(leftLists_, {})) roster_.replace(partition);
+  saySoon();
 }
 
 // The process was set back in time, or is the copy of another one. It would use numbers again under
@@ -448,13 +543,16 @@ void Reporter::Core::beginAnew(Time now) {
   start_ = random_();
   flights_.forget(now);
   stateOnItsWay_.reset();
+  listsOnTheirWay_.clear();
   stateDue_ = Time::min();
+  roster_.oweAll();
   for (auto& [id, root] : roots_) {
     root.sender.restart(random_());
     countKept(root);
     resends_.drop(id);
     root.isChanged = true;
     agenda_.drop(id);
+    relist(id);
     queue(id);
   }
 }
@@ -483,6 +581,8 @@ bool Reporter::isSettled() const noexcept { return core_->isSettled(); }
 std::optional<Message> Reporter::connecting() { return core_->connecting(); }
 
 void Reporter::connected(Link& link, Time now) { core_->connected(link, now); }
+
+bool Reporter::ending(Time now) { return core_->ending(now); }
 
 void Reporter::disconnected(Time now) { core_->disconnected(now); }
 

@@ -76,6 +76,7 @@ class ORV_REPORTING_EXPORT Reporter final : public Endpoint {
 
   std::optional<Message> connecting() override;
   void connected(Link& link, Time now) override;
+  bool ending(Time now) override;
   void disconnected(Time now) override;
   void settled(std::uint64_t number, const std::string& refusal, Time now) override;
   void received(const Message& message, Time now) override;

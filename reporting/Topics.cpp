@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <stdexcept>
 
+#include "reporting/Mark.h"
+
 namespace orv::reporting {
 
 namespace {
@@ -48,17 +50,13 @@ bool startsWith(const std::string& text, const std::string& start) {
 }  // namespace
 
 unsigned int Topics::partitionOf(const std::string& root) {
-  std::uint64_t hash = 0xcbf29ce484222325U;
-  for (const char character : root) {
-    hash ^= static_cast<unsigned char>(character);
-    hash *= 0x100000001b3U;
-  }
-  return static_cast<unsigned int>(hash % PARTITIONS);
+  return static_cast<unsigned int>(hashOf(root) % PARTITIONS);
 }
 
 Topics::Topics(const std::string& prefix)
     : events_(prefix + "/event/"),
-      reporters_(prefix + "/reporter/"),
+      states_(prefix + "/state/"),
+      roots_(prefix + "/roots/"),
       requests_(prefix + "/request/") {
   if (!isPrefix(prefix)) {
     throw std::invalid_argument("A broker does not take the prefix '" + prefix + "'");
@@ -104,9 +102,15 @@ std::string Topics::event(const std::string& root) const {
   return events_ + std::to_string(partitionOf(root)) + "/" + encode(root);
 }
 
-std::string Topics::reporter(const std::string& name) const { return reporters_ + encode(name); }
+std::string Topics::state(const std::string& name) const { return states_ + encode(name); }
+
+std::string Topics::roots(unsigned int partition, const std::string& name) const {
+  return roots_ + std::to_string(partition) + "/" + encode(name);
+}
 
 std::string Topics::request(const std::string& name) const { return requests_ + encode(name); }
+
+std::string Topics::allStates() const { return states_ + "+"; }
 
 std::string Topics::allEvents() const { return events_ + "+/+"; }
 
@@ -114,7 +118,13 @@ std::string Topics::eventsOf(unsigned int partition) const {
   return events_ + std::to_string(partition) + "/+";
 }
 
-std::string Topics::allReporters() const { return reporters_ + "+"; }
+std::string Topics::allRoots() const { return roots_ + "+/+"; }
+
+std::string Topics::rootsOf(unsigned int partition) const {
+  return roots_ + std::to_string(partition) + "/+";
+}
+
+std::string Topics::rootsOf(const std::string& name) const { return roots_ + "+/" + encode(name); }
 
 std::optional<std::string> Topics::rootOf(const std::string& topic) const {
   const std::size_t slash = topic.rfind('/');
@@ -125,8 +135,18 @@ std::optional<std::string> Topics::rootOf(const std::string& topic) const {
 }
 
 std::optional<std::string> Topics::reporterOf(const std::string& topic) const {
-  if (!startsWith(topic, reporters_)) return std::nullopt;
-  return decode(topic.substr(reporters_.size()));
+  if (!startsWith(topic, states_)) return std::nullopt;
+  return decode(topic.substr(states_.size()));
+}
+
+std::optional<std::pair<unsigned int, std::string>> Topics::listOf(const std::string& topic) const {
+  const std::size_t slash = topic.rfind('/');
+  if (!startsWith(topic, roots_) || slash < roots_.size()) return std::nullopt;
+  unsigned int partition = PARTITIONS;
+  std::from_chars(&topic[roots_.size()], &topic[slash], partition);
+  const std::optional<std::string> name = decode(topic.substr(slash + 1));
+  if (!name || partition >= PARTITIONS || roots(partition, *name) != topic) return std::nullopt;
+  return std::pair(partition, *name);
 }
 
 }  // namespace orv::reporting

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "reporting/Export.h"
 
@@ -10,7 +11,8 @@ namespace orv::reporting {
 /// The topics of a fleet, below a prefix of one or more levels.
 ///
 ///     PREFIX/event/<partition>/<root>   the events of one root
-///     PREFIX/reporter/<name>            the state of one reporter
+///     PREFIX/state/<name>               the state of one reporter
+///     PREFIX/roots/<partition>/<name>   its roots in one partition
 ///     PREFIX/request/<name>             requests to it
 ///
 /// Roots and names may be any bytes. What a topic cannot carry is percent-encoded: the characters
@@ -22,8 +24,8 @@ namespace orv::reporting {
 /// Immutable; any thread may use it.
 class ORV_REPORTING_EXPORT Topics {
  public:
-  /// A collector that cannot follow the whole fleet takes some of the partitions, 0 to 63.
-  static constexpr unsigned int PARTITIONS = 64;
+  /// A collector that cannot follow the whole fleet takes some of the partitions, 0 to 1023.
+  static constexpr unsigned int PARTITIONS = 1024;
 
   /// The partition of a root: the 64-bit FNV-1a hash of its bytes modulo PARTITIONS.
   static unsigned int partitionOf(const std::string& root);
@@ -36,22 +38,29 @@ class ORV_REPORTING_EXPORT Topics {
   static std::optional<std::string> decode(const std::string& level);
 
   std::string event(const std::string& root) const;
-  std::string reporter(const std::string& name) const;
+  std::string state(const std::string& name) const;
+  std::string roots(unsigned int partition, const std::string& name) const;
   std::string request(const std::string& name) const;
 
-  /// What to subscribe to for the events of all roots, for those of one partition, and for the
-  /// states of all reporters.
+  /// What to subscribe to for the states of all reporters, for the events and lists of all roots,
+  /// for those of one partition, and for all lists of one reporter.
+  std::string allStates() const;
   std::string allEvents() const;
   std::string eventsOf(unsigned int partition) const;
-  std::string allReporters() const;
+  std::string allRoots() const;
+  std::string rootsOf(unsigned int partition) const;
+  std::string rootsOf(const std::string& name) const;
 
   /// The root or name of a topic that the operations above made; nothing for every other topic.
   std::optional<std::string> rootOf(const std::string& topic) const;
-  std::optional<std::string> reporterOf(const std::string& topic) const;
+  std::optional<std::string> reporterOf(const std::string& topic) const;  ///< of its state
+  /// The partition and the reporter of a list.
+  std::optional<std::pair<unsigned int, std::string>> listOf(const std::string& topic) const;
 
  private:
   std::string events_;
-  std::string reporters_;
+  std::string states_;
+  std::string roots_;
   std::string requests_;
 };
 

@@ -31,7 +31,8 @@ class Forgetter final : public Endpoint {
     link_ = &link;
     lastNews_ = now;
     hasBegun_ = false;
-    link.subscribe({topics_.reporter(name_), topics_.allEvents()}, Kept::ALWAYS);
+    link.subscribe({topics_.state(name_), topics_.rootsOf(name_), topics_.allEvents()},
+                   Kept::ALWAYS);
   }
 
   void disconnected(Time /*now*/) override {
@@ -52,19 +53,20 @@ class Forgetter final : public Endpoint {
   void received(const Message& message, Time now) override {
     if (hasBegun_) return;
     if (message.isRetained) lastNews_ = now;  // a fleet at work is never quiet
-    if (message.topic == topics_.reporter(name_)) {
+    const auto list = topics_.listOf(message.topic);
+    if (message.topic == topics_.state(name_)) {
       isKnown_ = state_.ParseFromString(message.payload) && !message.payload.empty();
+    } else if (list && list->second == name_ && message.isRetained) {
+      lists_.insert(message.topic);
     } else if (message.isRetained && Topics::decode(message.reporter) == name_) {
       trees_.insert(message.topic);
-    } else if (message.isRetained && message.reporter.empty()) {
-      kept_.insert(message.topic);
     }
   }
 
   Time serve(Time now) override {
     if (link_ == nullptr || hasBegun_) return Time::max();
     if (now - lastNews_ < quiet) return lastNews_ + quiet;
-    if (!isKnown_ && trees_.empty()) {
+    if (!isKnown_ && trees_.empty() && lists_.empty()) {
       throw std::runtime_error("the broker knows no reporter '" + name_ + "'");
     }
     if (state_.online() && !isForced_) {
@@ -72,14 +74,10 @@ class Forgetter final : public Endpoint {
                                "' is online: stop it first, or say --force");
     }
     hasBegun_ = true;
-    // A tree that the state lists may be that of a reporter of an earlier version, which does not
-    // name itself in its events.
-    for (const auto& root : state_.roots()) {
-      if (kept_.count(topics_.event(root.root())) > 0) trees_.insert(topics_.event(root.root()));
-    }
     for (const std::string& topic : trees_) clear(topic);
-    // The state last: should this break off, the next attempt finds the list again.
-    clear(topics_.reporter(name_));
+    for (const std::string& topic : lists_) clear(topic);
+    // The state last: should this break off, the next attempt finds the reporter again.
+    clear(topics_.state(name_));
     return Time::max();
   }
 
@@ -101,7 +99,7 @@ class Forgetter final : public Endpoint {
   bool isKnown_ = false;
   orv::proto::monitoring::ReporterState state_;
   std::set<std::string> trees_;  // topics of its trees
-  std::set<std::string> kept_;   // of trees that name no reporter
+  std::set<std::string> lists_;  // and of its lists
   std::map<std::uint64_t, std::string> onTheirWay_;
 };
 

@@ -27,7 +27,7 @@ inline Partitions partitionsOf(const std::string& text) {
   const auto last = std::from_chars(hasTwo ? first.ptr + 1 : end, end, result.last);
   if (last.ec != std::errc() || last.ptr != end || result.first > result.last ||
       result.last >= orv::reporting::Topics::PARTITIONS) {
-    throw std::runtime_error("not A-B of the partitions 0 to 63: '" + text + "'");
+    throw std::runtime_error("not A-B of the partitions 0 to 1023: '" + text + "'");
   }
   return result;
 }

@@ -57,7 +57,7 @@ std::optional<Options> parse(int argc, char** argv) {
     options.collector.lastPartition = partitions.last;
   };
   app.add_option_function<std::string>("--partitions", follow,
-                                       "follow the partitions A to B of 0 to 63 (default: all)")
+                                       "follow the partitions A to B of 0 to 1023 (default: all)")
       ->type_name("A-B");
   app.add_option("--prefix", options.collector.prefix,
                  "what the topics of the fleet begin with (default: orv/1)")

@@ -112,7 +112,7 @@ def device(name, text=""):
 
 def report():
     plant = Plant(SOURCES, BROKER, "plants")
-    plant.state(1, 'roots { root: "pumps" epoch: 7 n: 1 } roots { root: "late" epoch: 8 n: 0 }')
+    plant.state(1, {"pumps": "epoch: 7 n: 1", "late": "epoch: 8 n: 0"})
     values = """statuses { name: "none" type: DOUBLE } statuses { name: "nan" type: DOUBLE double_value: nan }
         statuses { name: "i" type: INT int_value: -3 } statuses { name: "u" type: UINT uint_value: 3 }
         statuses { name: "s" type: STRING string_value: "\\\\377" }"""

@@ -39,8 +39,8 @@ scrape_configs:
   - job_name: fleet
     scrape_interval: 1s
     static_configs:
-      - {targets: ['127.0.0.1:$port'], labels: {__param_partitions: 0-31, partitions: 0-31}}
-      - {targets: ['127.0.0.1:$port'], labels: {__param_partitions: 32-63, partitions: 32-63}}
+      - {targets: ['127.0.0.1:$port'], labels: {__param_partitions: 0-511, partitions: 0-511}}
+      - {targets: ['127.0.0.1:$port'], labels: {__param_partitions: 512-1023, partitions: 512-1023}}
 END
 prometheus=127.0.0.1:$(free_port)
 prometheus --config.file=prometheus.yml --storage.tsdb.path=data \
@@ -95,7 +95,7 @@ await 20 alarms_are ''
 
 curl -sS "http://127.0.0.1:$port/metrics" >metrics.txt
 promtool check metrics <metrics.txt
-for wrong in 0-64 3-2 1 '' 0-1x; do
+for wrong in 0-1024 3-2 1 '' 0-1x; do
   curl -sS "http://127.0.0.1:$port/metrics?partitions=$wrong" | jq -e '.error | startswith("partitions: not A-B")' >/dev/null
 done
 # The device is found by its identifier in another case.
@@ -135,7 +135,7 @@ event_type: DEVICE_ADD
 END
 partition=$(python3 -c 'h = 14695981039346656037
 for b in b"hostile": h = (h ^ b) * 1099511628211 % 2**64
-print(h % 64)')
+print(h % 1024)')
 mosquitto_pub -p "${broker##*:}" -V 5 -q 1 -t "orv/1/event/$partition/hostile" -f event \
   -D publish user-property sequence 1.1 -D publish user-property reporter nobody
 await 20 answers 'orv_status_fan_rpm{root="hostile",status=""}' 1000000

@@ -46,8 +46,8 @@ def report_plant():
         sub_devices { id: "hall" name: "Hall" global_status { level: OK }
           sub_devices { id: "pump-3" name: "Feed pump"
             global_status { level: ERROR message: "dry" } } }""")
-    plant.state(1, """roots { root: "plant" epoch: 7 n: 1 }
-        roots { root: "plant-2" epoch: 8 n: 0 held_back: "too large for the broker" }""")
+    plant.state(1, {"plant": "epoch: 7 n: 1",
+                    "plant-2": 'epoch: 8 n: 0 held_back: "too large for the broker"'})
 
 
 def view(width, scheme):

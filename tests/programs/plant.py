@@ -16,7 +16,7 @@ def partition_of(root):
     value = 0xcbf29ce484222325
     for byte in root.encode():
         value = (value ^ byte) * 0x100000001b3 % 2**64
-    return value % 64
+    return value % 1024
 
 
 class Plant:
@@ -44,5 +44,12 @@ class Plant:
         self.event(root, sequence, "STATUS_CHANGE", "StatusChangeEvent", changes)
 
     def state(self, version, roots):
-        self.publish("ReporterState", f"start: 1 connection: 1 online: true version: {version} {roots}",
-                     "reporter/" + self.name)
+        """`roots` says of each where it is. No two may have one partition."""
+        parts = {partition_of(root): f'roots {{ root: "{root}" {where} }}'
+                 for root, where in roots.items()}
+        self.publish("ReporterState", f"start: 1 connection: 1 online: true version: {version} " +
+                     " ".join(f"parts {{ partition: {part} version: {version} roots: 1 }}"
+                              for part in parts), "state/" + self.name)
+        for part, root in parts.items():
+            self.publish("RootList", f"start: 1 version: {version} {root}",
+                         f"roots/{part}/{self.name}")

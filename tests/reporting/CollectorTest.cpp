@@ -17,22 +17,38 @@ const Topics topics("orv/1");
 
 using Roots = std::vector<std::pair<std::string, Sequence>>;
 
-Message state(const std::string& name, std::uint64_t start, const Roots& roots,
-              bool isOnline = true) {
-  orv::proto::monitoring::ReporterState state;
-  state.set_start(start);
-  state.set_online(isOnline);
+// What a reporter says of its roots: its state, and the lists of all of them.
+std::vector<Message> state(const std::string& name, std::uint64_t start, const Roots& roots,
+                           bool isOnline = true, const std::string& heldBack = "") {
+  static std::uint64_t version = 0;
+  std::map<unsigned int, orv::proto::monitoring::RootList> lists;
   for (const auto& [id, latest] : roots) {
-    auto& root = *state.add_roots();
+    auto& list = lists[Topics::partitionOf(id)];
+    list.set_start(start);
+    list.set_version(++version);
+    auto& root = *list.add_roots();
     root.set_root(id);
     root.set_epoch(latest.epoch);
     root.set_n(latest.n);
+    if (!heldBack.empty()) root.set_held_back(heldBack);
   }
-  return {topics.reporter(name), state.SerializeAsString(), false, {}, {}};
+  orv::proto::monitoring::ReporterState state;
+  state.set_start(start);
+  state.set_online(isOnline);
+  state.set_version(++version);
+  std::vector<Message> messages(1);
+  for (const auto& [partition, list] : lists) {
+    auto& part = *state.add_parts();
+    part.set_partition(partition);
+    part.set_version(list.version());
+    messages.push_back({topics.roots(partition, name), list.SerializeAsString(), false, {}, {}});
+  }
+  messages.front() = {topics.state(name), state.SerializeAsString(), false, {}, {}};
+  return messages;
 }
 
 Message goodbye(const std::string& name, std::uint64_t start) {
-  return state(name, start, {}, false);
+  return state(name, start, {}, false).front();
 }
 
 Message tree(const std::string& id, const Sequence& sequence, const std::string& idInside) {
@@ -78,7 +94,7 @@ TEST_F(CollectorTest, OfTwoReportersOfOneRootFollowsTheFirst) {
   talk.hear(state("b", 2, {{"r", {20, 1}}})).hear(tree("r", {20, 2}));
   talk.expect("r is out of date, r is current");
   talk.after(100s).expect("").after(2s).expect("r has no reporter");
-  talk.hear({topics.reporter("b"), "", true, {}, {}}).expect("r is forgotten");
+  talk.hear({topics.state("b"), "", true, {}, {}}).expect("r is forgotten");
 }
 
 TEST_F(CollectorTest, OfTwoProcessesOfOneNameFollowsTheLater) {
@@ -98,8 +114,10 @@ TEST_F(CollectorTest, OfAPartHearsOfThatPart) {
   other.connect().hear(state("a", 1, {{"r", {1, 1}}, {"elsewhere", {2, 1}}}));
   other.hear(tree("r", {1, 1})).hear(tree("elsewhere", {2, 1}));
   const std::string events = topics.event("r");
-  EXPECT_EQ(other.topics, (std::vector<std::string>{"orv/1/reporter/+",
-                                                    events.substr(0, events.size() - 1) + "+"}));
+  const std::string lists = topics.roots(options.firstPartition, "a");
+  EXPECT_EQ(other.topics,
+            (std::vector<std::string>{"orv/1/state/+", lists.substr(0, lists.size() - 1) + "+",
+                                      events.substr(0, events.size() - 1) + "+"}));
   EXPECT_EQ(some.roots(), std::vector<std::string>{"r"});
 }
 
@@ -124,17 +142,17 @@ TEST_F(CollectorTest, MakesGoodWhatIsWrongOrLost) {
       .expect("r is current");
   // One that may be on its way.
   talk.hear(state("a", 1, {{"r", {1, 2}}})).after(4s).expect("").after(2s);
-  talk.expect("r is out of date, ask a r");
+  talk.expect("r is out of date, ask a r after 1");
 }
 
 TEST_F(CollectorTest, TakesAKeptStateForNoSignOfLife) {
-  Message kept = state("a", 1, {{"r", {1, 5}}});
-  kept.isRetained = true;
+  std::vector<Message> kept = state("a", 1, {{"r", {1, 5}}});
+  for (Message& message : kept) message.isRetained = true;
   talk.hear(kept).hear(tree("r", {1, 1}));
   talk.expect("r is awaited, r is out of date")
       .after(1s)
       .expect("ask a");  // for no tree: the reporter may be gone
-  talk.hear(state("a", 1, {{"r", {1, 6}}})).after(1s).expect("ask a r");
+  talk.hear(state("a", 1, {{"r", {1, 6}}})).after(1s).expect("ask a r after 1");
 }
 
 TEST_F(CollectorTest, GathersAndLimitsRequestsThatGrowRare) {
@@ -158,18 +176,14 @@ TEST_F(CollectorTest, AsksForTheEventsThatItLacks) {
   options.mostAwaited = 1;
   Collector one(callbacks(), options);
   Conversation other(one);
-  const auto resending = [](std::uint64_t n) {
-    orv::proto::monitoring::ReporterState with;
-    const Message message = state("a", 1, {{"r", {1, n}}, {"s", {2, n}}, {"t", {3, 3}}});
-    with.ParseFromString(message.payload);
-    with.set_resends(true);
-    return Message{message.topic, with.SerializeAsString(), false, {}, {}};
+  const auto now = [](std::uint64_t n) {
+    return state("a", 1, {{"r", {1, n}}, {"s", {2, n}}, {"t", {3, 3}}});
   };
   one.resume("r", nodes::node("r"), {1, 3});
   one.resume("s", nodes::node("s"), {7, 3});
   EXPECT_THROW(one.resume("t", nodes::node("r"), {1, 3}), std::invalid_argument);
   talk.expect("r is out of date, s is out of date");
-  other.connect().hear(resending(3)).after(0s);
+  other.connect().hear(now(3)).after(0s);
   talk.expect("r is current, t is awaited");
   other.hear(tree("s", {2, 3})).hear(tree("t", {3, 3})).expect("");
   talk.expect("s is current, t is current");
@@ -178,7 +192,7 @@ TEST_F(CollectorTest, AsksForTheEventsThatItLacks) {
   other.hear(change("r", {1, 4})).hear(change("r", {1, 5})).after(60s).expect("");
   talk.expect("r is out of date, r is current");
   // What arrives makes room for the next.
-  other.hear(resending(6)).after(5s + 100ms);
+  other.hear(now(6)).after(5s + 100ms);
   EXPECT_EQ(one.counters().requests, 2U);
   const bool isFirst = other.count("ask a r after 5") == 1;
   other.hear(tree(isFirst ? "r" : "s", {isFirst ? 1U : 2U, 6}));
@@ -191,16 +205,10 @@ TEST_F(CollectorTest, AsksForTheEventsThatItLacks) {
 
 TEST_F(CollectorTest, DoesNotTakeWhatIsHeldBackForCurrent) {
   const auto withReason = [](const std::string& reason, const Sequence& latest) {
-    orv::proto::monitoring::ReporterState held;
-    const Message message = state("a", 1, {{"r", latest}, {"new", {2, 0}}});
-    held.ParseFromString(message.payload);
-    for (auto& root : *held.mutable_roots()) {
-      if (!reason.empty()) root.set_held_back(reason);
-    }
-    return Message{message.topic, held.SerializeAsString(), false, {}, {}};
+    return state("a", 1, {{"r", latest}, {"new", {2, 0}}}, true, reason);
   };
   talk.hear(withReason("", {1, 1})).hear(tree("r", {1, 1}));
-  talk.expect("new is awaited, r is awaited, r is current");
+  talk.expect("r is awaited, new is awaited, r is current");
   talk.hear(withReason("full", {1, 1})).expect("r is out of date").after(60s).expect("");
   EXPECT_EQ(collector.view("r")->reason, "its reporter holds it back: full");
   EXPECT_EQ(collector.view("new")->reason, "its reporter holds it back: full");
@@ -220,7 +228,7 @@ TEST_F(CollectorTest, ForgetsATreeThatItsReporterDoesNotHave) {
     message.isRetained = isKept;
     return message;
   };
-  talk.hear(state("b", 2, {}, false)).hear(of(state("a", 1, {}), true));
+  talk.hear(state("b", 2, {}, false)).hear(of(state("a", 1, {}).front(), true));
   talk.hear(of(tree("r", {1, 1}), true)).expect("r is out of date");
   talk.hear(state("a", 1, {})).expect("r is forgotten, ask a r");  // so that it is cleared
   // One that has just arrived is listed soon.
@@ -234,9 +242,9 @@ TEST_F(CollectorTest, ForgetsATreeThatItsReporterDoesNotHave) {
 TEST_F(CollectorTest, SaysOnceWhatItSeemsToHaveNoRightToRead) {
   const std::string nothing =
       "Nothing arrives: either nobody reports, or the broker does not let this user read "
-      "orv/1/reporter/+ and orv/1/event/+/+";
+      "orv/1/state/+ and orv/1/event/+/+";
   const std::string noStates =
-      "Events arrive and no states: it seems that this user may not read orv/1/reporter/+";
+      "Events arrive and no states: it seems that this user may not read orv/1/state/+";
   const std::string noEvents =
       "States arrive and no events: it seems that this user may not read orv/1/event/+/+";
   talk.after(200s).expect(nothing);

@@ -24,9 +24,14 @@ std::string textOf(const Message& message) {
   if (topics.reporterOf(message.topic)) {
     orv::proto::monitoring::ReporterState state;
     state.ParseFromString(message.payload);
-    std::string text = "state";
-    for (const auto& root : state.roots()) {
-      if (root.has_held_back()) text += ", " + root.root() + " held back: " + root.held_back();
+    return state.online() ? "state" : "farewell";
+  }
+  if (topics.listOf(message.topic)) {
+    orv::proto::monitoring::RootList list;
+    list.ParseFromString(message.payload);
+    std::string text;
+    for (const auto& root : list.roots()) {
+      if (root.has_held_back()) text += root.root() + " held back: " + root.held_back();
     }
     return text;
   }
@@ -34,6 +39,7 @@ std::string textOf(const Message& message) {
   orv::proto::monitoring::TreeRequest request;
   request.ParseFromString(message.payload);
   for (const std::string& root : request.roots()) text += " " + root;
+  for (const unsigned int part : request.parts()) text += " part " + std::to_string(part);
   for (const auto& have : request.have()) {
     text += " " + have.root() + " after " + std::to_string(have.n());
   }
@@ -67,7 +73,7 @@ Conversation& Conversation::connect() {
   will = endpoint_->connecting();
   topics.clear();
   endpoint_->connected(*this, now_);
-  if (kept) endpoint_->received(*kept, now_);
+  for (const auto& [topic, message] : decltype(kept)(kept)) endpoint_->received(message, now_);
   return after({});
 }
 
@@ -91,8 +97,8 @@ Conversation& Conversation::after(std::chrono::milliseconds duration) {
   return *this;
 }
 
-Conversation& Conversation::hear(const Message& message) {
-  endpoint_->received(message, now_);
+Conversation& Conversation::hear(const std::vector<Message>& messages) {
+  for (const Message& message : messages) endpoint_->received(message, now_);
   return after({});
 }
 
@@ -103,14 +109,19 @@ Conversation& Conversation::expect(const std::string& text) {
 }
 
 std::uint64_t Conversation::publish(const Message& message) {
-  last = message;
-  if (Topics("orv/1").reporterOf(message.topic)) kept = message;
-  if (hidesStates_ && Topics("orv/1").reporterOf(message.topic)) {
+  const Topics known("orv/1");
+  const bool isState = known.reporterOf(message.topic).has_value();
+  const bool isList = known.listOf(message.topic).has_value();
+  if (message.isRetained && (isState || isList)) kept[message.topic] = message;
+  const std::string text = textOf(message);
+  if (!isList) last = message;
+  if (isList && !text.empty() && !hidesStates_) said_.push_back(text);
+  if (isList || (isState && hidesStates_)) {
     hidden_.push_back(++number_);
     return number_;
   }
-  said_.push_back(textOf(message));
-  open_.emplace_back(++number_, said_.back());
+  said_.push_back(text);
+  open_.emplace_back(++number_, text);
   return number_;
 }
 

@@ -7,6 +7,8 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -26,7 +28,8 @@ class Conversation : private Link {
   Conversation& cut();
   // Meanwhile the endpoint is served when it wants to be.
   Conversation& after(std::chrono::milliseconds duration);
-  Conversation& hear(const Message& message);
+  Conversation& hear(const Message& message) { return hear(std::vector<Message>{message}); }
+  Conversation& hear(const std::vector<Message>& messages);  // all at once
 
   // All that the endpoint has sent and told since the last time, with runs of numbers as "0-9".
   Conversation& expect(const std::string& text);
@@ -64,8 +67,9 @@ class Conversation : private Link {
 
   std::optional<Message> will;      // of the latest connection
   std::vector<std::string> topics;  // subscribed to
-  Message last;                     // that it has sent
-  std::optional<Message> kept;      // the last state, which it hears when it connects anew
+  Message last;                     // that it has sent, but for lists
+  // The last state and lists, which it hears when it connects anew, in this order.
+  std::map<std::string, Message, std::greater<>> kept;
 
  private:
   void subscribe(const std::vector<std::string>& filters, Kept /*kept*/) override {

@@ -6,7 +6,6 @@
 #include <random>
 #include <set>
 
-#include "proto/monitoring/reporting.pb.h"
 #include "reporting/Collector.h"
 #include "reporting/Reporter.h"
 #include "tests/reporting/Wire.h"
@@ -17,24 +16,6 @@ using namespace std::chrono_literals;
 using namespace wire;
 using orv::device_tree::DeviceNode;
 using orv::device_tree::NamedStatus;
-
-// As a side of an earlier version sends and reads it: what it does not know is not there.
-void forgetNews(Message& message) {
-  const Topics topics("orv/1");
-  message.reporter.clear();
-  if (topics.reporterOf(message.topic)) {
-    orv::proto::monitoring::ReporterState state;
-    state.ParseFromString(message.payload);
-    state.clear_resends();
-    for (auto& root : *state.mutable_roots()) root.clear_held_back();
-    message.payload = state.SerializeAsString();
-  } else if (!topics.rootOf(message.topic)) {
-    orv::proto::monitoring::TreeRequest request;
-    request.ParseFromString(message.payload);
-    request.clear_have();
-    message.payload = request.SerializeAsString();
-  }
-}
 
 std::string bytesOf(const Tree& tree) { return tree->toProtoBuf().SerializeAsString(); }
 std::string textOf(const Tree& tree) { return tree ? tree->debugString() : "none\n"; }
@@ -121,9 +102,6 @@ class Process final : public Endpoint {
 class History : Wire {
  public:
   History(unsigned int seed, bool isTold) : random(seed), tellsStory(isTold) {
-    for (Side& side : sides) {
-      if (pick(8) == 0) side.alter = forgetNews;
-    }
     for (Side& side : sides) start(side);
     for (const char* id : {"r0", "r1", "r2"}) live[id] = nullptr;
   }
@@ -155,8 +133,7 @@ class History : Wire {
     compare();
     for (const auto& [topic, message] : retained) {
       const auto root = Topics("orv/1").rootOf(topic);
-      if (root && !live.at(*root) && !hasRefused && !hasOldSide())
-        fail("The broker still has " + *root);
+      if (root && !live.at(*root) && !hasRefused) fail("The broker still has " + *root);
     }
     return fault;
   }
@@ -300,12 +277,7 @@ class History : Wire {
     reporterOf(id).report(tree);
   }
 
-  bool hasOldSide() const {
-    return std::any_of(sides.begin(), sides.end(), [](const Side& side) { return side.alter; });
-  }
-
   void checkCurrent() {
-    if (!refused.empty() && hasOldSide()) return;  // which does not say what the broker refuses
     for (const auto& [id, tree] : live) {
       const auto view = collector->view(id);
       if (!view || view->condition != Condition::CURRENT) continue;

@@ -11,19 +11,21 @@ using namespace orv::reporting;
 
 TEST(Topics, CarryEveryRootAndNothingElse) {
   const Topics topics("orv/1");
-  EXPECT_EQ(topics.event(""), "orv/1/event/37/%");
-  EXPECT_EQ(topics.event("a"), "orv/1/event/12/a");
+  EXPECT_EQ(topics.event(""), "orv/1/event/805/%");
+  EXPECT_EQ(topics.event("a"), "orv/1/event/140/a");
   const std::string odd = std::string("\x00/+#%\x7f", 6) + "\xc2\x85\xff\xef\xbf\xbf";
-  EXPECT_EQ(topics.reporter(odd), "orv/1/reporter/%00%2F%2B%23%25%7F%C2%85%FF%EF%BF%BF");
+  EXPECT_EQ(topics.state(odd), "orv/1/state/%00%2F%2B%23%25%7F%C2%85%FF%EF%BF%BF");
   EXPECT_EQ(topics.request("pump \xc3\xa4 $"), "orv/1/request/pump \xc3\xa4 $");
   for (const std::string& id : {std::string(), odd, std::string("%"), std::string("a/b")}) {
     EXPECT_EQ(topics.rootOf(topics.event(id)), id);
-    EXPECT_EQ(topics.reporterOf(topics.reporter(id)), id);
+    EXPECT_EQ(topics.reporterOf(topics.state(id)), id);
+    EXPECT_EQ(topics.listOf(topics.roots(1023, id)), std::pair(1023U, id));
   }
   for (const char* topic :
-       {"orv/1/event/13/a", "orv/1/event/12/%61", "orv/1/event/a", "orv/1/event/",
-        "orv/1/event/12/a/", "orv/1/reporter/%2f", "orv/1/reporter/a%", "x"}) {
-    EXPECT_FALSE(topics.rootOf(topic) || topics.reporterOf(topic)) << topic;
+       {"orv/1/event/141/a", "orv/1/event/140/%61", "orv/1/event/a", "orv/1/event/",
+        "orv/1/event/140/a/", "orv/1/state/%2f", "orv/1/state/a%", "x", "orv/1/roots/1024/a",
+        "orv/1/roots/01/a", "orv/1/roots/a", "orv/1/roots//a"}) {
+    EXPECT_FALSE(topics.rootOf(topic) || topics.reporterOf(topic) || topics.listOf(topic)) << topic;
   }
   for (const char* prefix : {"", "a/+", "#", "$SYS", "a\n"}) {
     EXPECT_THROW(Topics{prefix}, std::invalid_argument) << prefix;

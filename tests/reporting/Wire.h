@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -21,6 +20,19 @@ namespace wire {
 
 using namespace orv::reporting;
 
+// Levels of a filter that are + stand for any one level.
+inline bool matches(const std::string& filter, const std::string& topic) {
+  std::size_t at = 0;
+  for (const char character : filter) {
+    if (character == '+') {
+      at = std::min(topic.find('/', at), topic.size());
+    } else if (at == topic.size() || topic[at++] != character) {
+      return false;
+    }
+  }
+  return at == topic.size();
+}
+
 // What a process has with the broker: a connection, now and then, and a session.
 struct Side : Link {
   void subscribe(const std::vector<std::string>& filters, Kept kept) override {
@@ -31,7 +43,6 @@ struct Side : Link {
   }
   std::uint64_t publish(const Message& message) override {
     up.emplace_back(++number, message);
-    if (alter) alter(up.back().second);
     return number;
   }
   void arrive(const Message& message) {
@@ -39,10 +50,7 @@ struct Side : Link {
   }
   void arrive(const std::string& filter, const Message& message) {
     if (isBlind && message.topic.find("/event/") != std::string::npos) return;
-    const std::size_t wild = std::min(filter.find('+'), filter.size());
-    if (message.topic.compare(0, wild, filter, 0, wild) != 0) return;
-    down.push_back(message);
-    if (alter) alter(down.back());
+    if (matches(filter, message.topic)) down.push_back(message);
   }
 
   Endpoint* endpoint = nullptr;
@@ -54,7 +62,6 @@ struct Side : Link {
   std::deque<std::pair<std::uint64_t, Message>> up;
   std::deque<Message> down;
   std::uint64_t number = 0;
-  std::function<void(Message&)> alter;  // what it sends and receives, empty for nothing
 };
 
 struct Wire {

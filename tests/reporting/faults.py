@@ -386,7 +386,8 @@ def event_not_allowed(stage):
 
 def rights_that_are_missing(stage):
     """Of a reporter that is not called like its user, and of collectors."""
-    events, states = "topic read orv/1/event/#", "topic read orv/1/reporter/#"
+    events = "topic read orv/1/event/#"
+    states = "topic read orv/1/state/#\ntopic read orv/1/roots/#"
     requests = "topic write orv/1/request/#"
     rules = stage.directory / "rules"
     rules.write_text("\n".join([
@@ -398,13 +399,13 @@ def rights_that_are_missing(stage):
     url, peers = stage.url, {}
     for user, problem in {
             "other": "The broker refuses the state of hall/c: user other may not publish to "
-                     "orv/1/reporter/hall%2Fc",
+                     "orv/1/state/hall%2Fc",
             "mute": "The broker refuses a request for trees: user mute may not publish to "
                     "orv/1/request/hall%2F",
             "deaf": "Nothing arrives: either nobody reports, or the broker does not let this user "
-                    "read orv/1/reporter/+ and orv/1/event/+/+",
+                    "read orv/1/state/+ and orv/1/event/+/+",
             "blind": "Events arrive and no states: it seems that this user may not read "
-                     "orv/1/reporter/+",
+                     "orv/1/state/+",
             "waiting": "States arrive and no events: it seems that this user may not read "
                        "orv/1/event/+/+"}.items():
         stage.url = url.replace("//", f"//{user}@")
@@ -486,7 +487,7 @@ def example_of_a_broker(stage):
     stage.agree()
     for user in ("stranger", "plant-3"):
         run("mosquitto_pub", "--cafile", stage.directory / "ca.crt", "-p", str(stage.port), "-u", user,
-            "-P", "secret", "-V", "5", "-q", "1", "-t", "orv/1/event/45/plant-3%2F0", "-s", "-D",
+            "-P", "secret", "-V", "5", "-q", "1", "-t", "orv/1/event/429/plant-3%2F0", "-s", "-D",
             "PUBLISH", "user-property", "sequence", "1.1", input=b"\xff", stderr=subprocess.DEVNULL)
     problem = "An event of plant-3/0 cannot be read"
     stage.collector.tells(problem)
@@ -498,18 +499,24 @@ def strangers(stage):
     reporter, collector = stage.reporters["hall/a"], stage.collector
     topic, tree = run("mosquitto_sub", "-p", str(stage.port), "-t", "orv/1/event/+/hall%2Fa%2F0",
                       "-C", "1", "-F", "%t %x", text=True, stdout=subprocess.PIPE).stdout.split()
-    tree, state = bytes.fromhex(tree), b"\x18\x01\x22\x0a\x0a\x08hall/a/0"
+    tree, state = bytes.fromhex(tree), b"\x18\x01"
+    list_of_it = b"\x10\x01\x1a\x0a\x0a\x08hall/a/0"
     for topic, payload, sequence, problem, *hearers in [
             (topic, b"\xff", "1.1", "An event of hall/a/0 cannot be read", collector),
             (topic, b"\x08\x32", "1.1", "An event of hall/a/0 is refused", collector),
             (topic, tree, "", "An event of hall/a/0 has no sequence: is there a bridge", collector),
             (topic, tree, "1.1", ""),
-            ("orv/1/event/64/it", tree, "1.1", "the topic orv/1/event/64/it", collector),
-            ("orv/1/reporter/%2", b"", "", "the topic orv/1/reporter/%2", collector),
-            ("orv/1/reporter/it", state, "", "reported by hall/a and by it", collector),
-            ("orv/1/reporter/it", b"", "", ""),
-            ("orv/1/reporter/hall%2Fa", b"", "", ""),
-            ("orv/1/reporter/hall%2Fa", b"\xff", "", "A state of hall/a cannot be read", collector,
+            ("orv/1/event/1024/it", tree, "1.1", "the topic orv/1/event/1024/it", collector),
+            ("orv/1/state/%2", b"", "", "the topic orv/1/state/%2", collector),
+            ("orv/1/state/it", state, "", ""),
+            (topic.replace("event", "roots").replace("hall%2Fa%2F0", "it"), list_of_it, "",
+             "reported by hall/a and by it", collector),
+            (topic.replace("event", "roots").replace("hall%2Fa%2F0", "it"), b"\xff", "",
+             "A list of the roots of it cannot be read", collector),
+            (topic.replace("event", "roots").replace("hall%2Fa%2F0", "it"), b"", "", ""),
+            ("orv/1/state/it", b"", "", ""),
+            ("orv/1/state/hall%2Fa", b"", "", ""),
+            ("orv/1/state/hall%2Fa", b"\xff", "", "A state of hall/a cannot be read", collector,
              reporter),
             ("orv/1/request/hall%2Fa", b"\xff", "", "A request to hall/a cannot", reporter)]:
         run("mosquitto_pub", "-V", "5", "-q", "1", "-p", str(stage.port), "-t", topic, "-r",
@@ -543,7 +550,7 @@ def receiver_in_python(stage):
     stage.hold()  # or the next whole tree comes by itself,
     stage.collector.end()  # or on another's request
     run("mosquitto_pub", "--cafile", certificate, "-u", "user", "-P", "secret", "-V", "5", "-q", "1",
-        "-p", str(stage.port), "-s", "-t", "orv/1/event/21/hall%2Fa%2F0", "-D", "PUBLISH",
+        "-p", str(stage.port), "-s", "-t", "orv/1/event/341/hall%2Fa%2F0", "-D", "PUBLISH",
         "user-property", "sequence", "1.2", input=b"\x08\x01")
     for step in ("STATUS_CHANGE not applied", "asking for the tree", "DEVICE_ADD applied"):
         wait(step, lambda: step in path.read_text().partition("hall/a/0 1.2 ")[2])

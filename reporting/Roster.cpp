@@ -1,0 +1,116 @@
+#include "reporting/Roster.h"
+
+#include "reporting/Mark.h"
+#include "reporting/Topics.h"
+
+namespace orv::reporting {
+
+bool Roster::put(const std::string& root, const Sequence& latest, const std::string& heldBack) {
+  const unsigned int partition = Topics::partitionOf(root);
+  Part& part = parts_[partition];
+  const auto [entry, isNew] = part.roots.try_emplace(root, Root{latest, heldBack, hashOf(root)});
+  Root& known = entry->second;
+  if (!isNew) part.sum -= markOf(known.hash, known.latest);
+  part.sum += markOf(known.hash, latest);
+  const bool isOwed = isNew || known.heldBack != heldBack;
+  known.latest = latest;
+  if (known.heldBack != heldBack) known.heldBack = heldBack;
+  if (isOwed) owe(partition);
+  return isOwed;
+}
+
+bool Roster::drop(const std::string& root) {
+  const unsigned int partition = Topics::partitionOf(root);
+  const auto part = parts_.find(partition);
+  if (part == parts_.end()) return false;
+  const auto entry = part->second.roots.find(root);
+  if (entry == part->second.roots.end()) return false;
+  part->second.sum -= markOf(entry->second.hash, entry->second.latest);
+  part->second.roots.erase(entry);
+  owe(partition);
+  return true;
+}
+
+void Roster::owe(unsigned int partition) {
+  if (parts_.count(partition) > 0) owed_.insert(partition);
+}
+
+void Roster::replace(unsigned int partition) {
+  parts_.try_emplace(partition);
+  owe(partition);
+}
+
+void Roster::doubtKept() {
+  for (auto& [partition, part] : parts_) part.isDoubted = part.version > 0;
+}
+
+bool Roster::foundKept(unsigned int partition, std::uint64_t version) {
+  const auto part = parts_.find(partition);
+  if (part == parts_.end() || part->second.version != version) return false;
+  part->second.isDoubted = false;
+  return true;
+}
+
+bool Roster::oweDoubted() {
+  bool isAny = false;
+  for (auto& [partition, part] : parts_) {
+    isAny = isAny || part.isDoubted;
+    if (part.isDoubted) owed_.insert(partition);
+    part.isDoubted = false;
+  }
+  return isAny;
+}
+
+void Roster::oweAll() {
+  for (const auto& [partition, part] : parts_) owed_.insert(partition);
+}
+
+std::uint64_t Roster::stamp(std::uint64_t version) {
+  for (const unsigned int partition : owed_) {
+    Part& part = parts_.at(partition);
+    part.version = ++version;
+    part.isDoubted = false;
+    stamped_.insert(partition);
+  }
+  owed_.clear();
+  return version;
+}
+
+std::optional<unsigned int> Roster::next() const {
+  if (stamped_.empty()) return std::nullopt;
+  return *stamped_.begin();
+}
+
+std::string Roster::list(unsigned int partition, std::uint64_t start) {
+  stamped_.erase(partition);
+  const auto entry = parts_.find(partition);
+  const Part& part = entry->second;
+  if (part.roots.empty()) {
+    if (owed_.count(partition) == 0) parts_.erase(entry);
+    return "";
+  }
+  orv::proto::monitoring::RootList list;
+  list.set_start(start);
+  list.set_version(part.version);
+  for (const auto& [id, root] : part.roots) {
+    orv::proto::monitoring::RootState& state = *list.add_roots();
+    state.set_root(id);
+    state.set_epoch(root.latest.epoch);
+    state.set_n(root.latest.n);
+    if (!root.heldBack.empty()) state.set_held_back(root.heldBack);
+  }
+  return list.SerializeAsString();
+}
+
+void Roster::describe(orv::proto::monitoring::ReporterState& state) const {
+  for (const auto& [partition, part] : parts_) {
+    if (part.version == 0 || part.roots.empty()) continue;
+    orv::proto::monitoring::PartState& summary = *state.add_parts();
+    summary.set_partition(partition);
+    summary.set_version(part.version);
+    summary.set_roots(part.roots.size());
+    summary.set_sum(part.sum);
+  }
+}
+
+}  // namespace orv::reporting
