@@ -10,7 +10,7 @@ class App;
 namespace orv::reporting {
 struct Broker;
 struct ConnectionOptions;
-}
+}  // namespace orv::reporting
 
 struct BrokerOptions {
   std::vector<std::string> urls;  // of brokers that stand in for each other
