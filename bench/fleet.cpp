@@ -39,6 +39,7 @@ using orv::device_tree::GlobalStatus;
 using orv::proto::monitoring::StatusChangeEvent;
 
 void fail(const std::string& problem) { throw std::runtime_error(problem); }
+void failFor(const Problem& problem) { fail(problem.text); }
 void log(const std::string& text) { std::cerr << text << '\n'; }
 
 // The trees of a reporter.
@@ -91,7 +92,7 @@ void report(const Broker& broker, const std::string& prefix, std::size_t roots, 
   recv(control, &pause, sizeof pause, 0);
   ReporterOptions options;
   options.prefix = prefix;
-  Reporter reporter("bench", {{}, fail}, options);
+  Reporter reporter("bench", {{}, failFor}, options);
   Connection connection(broker, reporter, log);
   Time due = steady_clock::now();
   for (std::size_t i = 0; i < roots; ++i) reporter.report(plant.change(due));
@@ -161,7 +162,7 @@ class Receiver {
       if (condition == Condition::CURRENT) current_.insert(root);
       if (condition != Condition::CURRENT) current_.erase(root);
     };
-    return {applied, changed, fail};
+    return {applied, changed, failFor};
   }
 
   void await(const std::function<bool()>& isDone) {
@@ -276,12 +277,12 @@ class Pair final : public Link {
   std::uint64_t published_ = 0;
   std::uint64_t settled_ = 0;
   std::size_t current_ = 0;
-  Reporter reporter_{"bench", {{}, fail}};
+  Reporter reporter_{"bench", {{}, failFor}};
   Collector collector_{{{},
                         [this](const auto& /*root*/, Condition condition) {
                           if (condition == Condition::CURRENT) ++current_;
                         },
-                        fail}};
+                        failFor}};
 };
 
 Json measureGrowth(bool quick) {

@@ -1,6 +1,7 @@
 #include "reporting/Collector.h"
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <random>
 #include <set>
@@ -38,6 +39,7 @@ class Collector::Core {
   std::vector<std::string> roots() const;
   std::optional<View> view(const std::string& id) const;
   const Counters& counters() const noexcept { return counters_; }
+  Census census() const noexcept;
 
   void connected(Link& link, Time now);
   void disconnected(Time now);
@@ -93,8 +95,8 @@ class Collector::Core {
   void needState(const std::string& name, Time now);
   void send(const std::string& name, const monitoring::TreeRequest& request);
   bool follows(unsigned int partition) const;
-  void refuse(const std::string& problem);
-  void complain(const std::string& problem) const {
+  void refuse(const std::string& text, const std::string& id = "");
+  void complain(const Problem& problem) const {
     if (callbacks_.problem) callbacks_.problem(problem);
   }
 
@@ -103,6 +105,7 @@ class Collector::Core {
   Topics topics_;
   std::mt19937_64 random_;
   Counters counters_;
+  std::array<std::size_t, 5> conditions_{};  // how many roots are in each
   Link* link_ = nullptr;
   bool isRequestRefused_ = false;  // the last one
   bool isSequenceMissed_ = false;  // which was told
@@ -166,6 +169,14 @@ std::optional<Collector::View> Collector::Core::view(const std::string& id) cons
               root.reporter.empty() ? root.claimer : root.reporter, reasonOf(id, root)};
 }
 
+Collector::Census Collector::Core::census() const noexcept {
+  const auto isUnheard = [](const auto& entry) { return !entry.second.isConfirmed(); };
+  Census census{conditions_,
+                static_cast<std::size_t>(std::count_if(peers_.begin(), peers_.end(), isUnheard))};
+  census.roots.at(static_cast<std::size_t>(Condition::FORGOTTEN)) = 0;
+  return census;
+}
+
 void Collector::Core::connected(Link& link, Time now) {
   if (link_ != nullptr) disconnected(now);
   link_ = &link;
@@ -208,7 +219,10 @@ void Collector::Core::disconnected(Time now) {
 
 void Collector::Core::settled(const std::string& refusal) {
   const bool isNews = !std::exchange(isRequestRefused_, !refusal.empty());
-  if (isNews && !refusal.empty()) complain("The broker refuses a request for trees: " + refusal);
+  if (isNews && !refusal.empty()) {
+    const std::string text = "The broker refuses a request for trees: " + refusal;
+    complain({Problem::Kind::REFUSED, "", refusal, text});
+  }
 }
 
 void Collector::Core::received(const Message& message, Time now) {
@@ -251,21 +265,24 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
     ++counters_.strangers;  // all that come over such a bridge lack it
     if (const auto root = roots_.find(id); root != roots_.end()) root->second.isUnnumbered = true;
     if (!std::exchange(isSequenceMissed_, true)) {
-      complain("An event of " + id + " has no sequence: is there a bridge without MQTT 5?");
+      complain({Problem::Kind::UNUSABLE, id, "it has no sequence",
+                "An event of " + id + " has no sequence: is there a bridge without MQTT 5?"});
     }
   } else if (!sequence) {
-    refuse("An event of " + id + " has the sequence '" + message.sequence + "'");
+    refuse("An event of " + id + " has the sequence '" + message.sequence + "'", id);
   } else if (message.payload.size() > options_.mostBytes) {
     Root& root = takeUp(id, now);
-    const std::string problem =
-        "An event of " + id + " has " + std::to_string(message.payload.size()) + " bytes";
+    const std::string reason = "it has " + std::to_string(message.payload.size()) + " bytes";
     ++counters_.strangers;
-    if (!std::exchange(root.isTooLarge, true)) complain(problem);
+    if (!std::exchange(root.isTooLarge, true)) {
+      complain(
+          {Problem::Kind::UNUSABLE, id, reason, "An event of " + id + " is refused: " + reason});
+    }
   } else if (const auto known = roots_.find(id);
              known != roots_.end() && known->second.follower.isOld(*sequence)) {
     ++counters_.outcomes.at(static_cast<std::size_t>(Follower::Outcome::OLD));
   } else if (!event.ParseFromString(message.payload)) {
-    refuse("An event of " + id + " cannot be read");
+    refuse("An event of " + id + " cannot be read", id);
   } else {
     Root& root = takeUp(id, now);
     root.isUnnumbered = false;
@@ -274,7 +291,8 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
     const Follower::Outcome outcome = root.follower.take(*sequence, event, refusal);
     ++counters_.outcomes.at(static_cast<std::size_t>(outcome));
     if (outcome == Follower::Outcome::REFUSED) {
-      complain("An event of " + id + " is refused: " + refusal);
+      const std::string text = "An event of " + id + " is refused: " + refusal;
+      complain({Problem::Kind::UNUSABLE, id, refusal, text});
     }
     if (outcome == Follower::Outcome::APPLIED) {
       unclaim(id, root);
@@ -304,7 +322,9 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
       peers_.try_emplace(name, now, options_.firstPartition, options_.lastPartition).first->second;
   Peer::News news;
   const Peer::Verdict verdict = peer.take(state, message.isRetained, now, news);
-  if (verdict == Peer::Verdict::RIVAL) complain("Two processes report under the name " + name);
+  if (verdict == Peer::Verdict::RIVAL) {
+    complain({Problem::Kind::RIVAL, "", "", "Two processes report under the name " + name});
+  }
   if (verdict != Peer::Verdict::TAKEN) return;
   if (peer.isThere()) states_.drop(name);
   for (const unsigned int partition : news.gone) lists_.drop(topics_.roots(partition, name));
@@ -415,7 +435,10 @@ void Collector::Core::checkClaims(const std::string& name, Time now) {
 
 Collector::Core::Root& Collector::Core::takeUp(const std::string& id, Time now) {
   const auto [entry, isNew] = roots_.try_emplace(id, id);
-  if (isNew) entry->second.since = now;
+  if (isNew) {
+    entry->second.since = now;
+    ++conditions_.at(static_cast<std::size_t>(entry->second.condition));
+  }
   return entry->second;
 }
 
@@ -437,7 +460,8 @@ void Collector::Core::choose(const std::string& id, Root& root, const std::strin
     if (other != peers_.end() && (other->second.isOnline() || !peer.isOnline())) {
       if (peer.isOnline() && root.rival != name) {
         root.rival = name;
-        complain("The root " + id + " is reported by " + root.reporter + " and by " + name);
+        const std::string reason = "by " + root.reporter + " and by " + name;
+        complain({Problem::Kind::RIVAL, id, reason, "The root " + id + " is reported " + reason});
       }
       return;
     }
@@ -490,6 +514,8 @@ void Collector::Core::update(const std::string& id, Time now) {
   const Condition condition = conditionOf(root);
   if (condition != root.condition) {
     root.since = now;
+    --conditions_.at(static_cast<std::size_t>(root.condition));
+    ++conditions_.at(static_cast<std::size_t>(condition));
     root.condition = condition;
     if (callbacks_.changed) callbacks_.changed(id, condition);
   }
@@ -594,6 +620,7 @@ void Collector::Core::check(Time now) {
     const bool isForgotten = root.condition == Condition::FORGOTTEN;
     if (root.reporter.empty() && isForgotten && age > memory) {
       unclaim(entry->first, root);
+      --conditions_.at(static_cast<std::size_t>(root.condition));
       roots_.erase(entry);
     } else if (root.reporter.empty() && !isForgotten && areAllThere && age > options_.silence) {
       // While a reporter is gone it may have the root: its will can be older than that.
@@ -626,7 +653,9 @@ void Collector::Core::checkHearing(Time now) {
   } else if (!areEventsHeard_ && areEventsMissed) {
     problem = "States arrive and no events: it seems that this user may not read " + events;
   }
-  if (!problem.empty() && problem != hearingProblem_) complain(problem);
+  if (!problem.empty() && problem != hearingProblem_) {
+    complain({Problem::Kind::NOTHING_HEARD, "", "", problem});
+  }
   hearingProblem_ = problem;
 }
 
@@ -688,9 +717,9 @@ bool Collector::Core::follows(unsigned int partition) const {
   return options_.firstPartition <= partition && partition <= options_.lastPartition;
 }
 
-void Collector::Core::refuse(const std::string& problem) {
+void Collector::Core::refuse(const std::string& text, const std::string& id) {
   ++counters_.strangers;
-  complain(problem);
+  complain({Problem::Kind::UNUSABLE, id, "", text});
 }
 
 Collector::Collector(CollectorCallbacks callbacks, const CollectorOptions& options)
@@ -709,6 +738,8 @@ std::optional<Collector::View> Collector::view(const std::string& root) const {
 }
 
 const Collector::Counters& Collector::counters() const noexcept { return core_->counters(); }
+
+Collector::Census Collector::census() const noexcept { return core_->census(); }
 
 std::optional<Message> Collector::connecting() { return std::nullopt; }
 

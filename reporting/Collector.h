@@ -13,6 +13,7 @@
 #include "reporting/Endpoint.h"
 #include "reporting/Export.h"
 #include "reporting/Follower.h"
+#include "reporting/Problem.h"
 #include "reporting/Publication.h"
 #include "reporting/Sequence.h"
 #include "reporting/Topics.h"
@@ -61,9 +62,8 @@ struct CollectorCallbacks {
   std::function<void(const std::string& root, const Step& step)> applied;
   /// What is known about a root has changed. The first news of a root is never FORGOTTEN.
   std::function<void(const std::string& root, Condition condition)> changed;
-  /// Something is wrong, in a line for people: a message that breaks a rule, two reporters of one
-  /// root or one name.
-  std::function<void(const std::string& problem)> problem;
+  /// Something is wrong. It is not told again while it stays the same.
+  std::function<void(const Problem& problem)> problem;
 };
 
 /// Follows the trees of every reporter, or of a range of partitions.
@@ -84,6 +84,13 @@ class ORV_REPORTING_EXPORT Collector final : public Endpoint {
     std::uint64_t requests = 0;               ///< roots that were asked for
     std::uint64_t treeRequests = 0;           ///< those of them that were asked for whole
     std::uint64_t strangers = 0;              ///< messages that are none of the protocol's
+  };
+
+  /// How a start goes on: it is complete when no reporter is unheard and no root is AWAITED or
+  /// OUT_OF_DATE.
+  struct Census {
+    std::array<std::size_t, 5> roots{};  ///< how many by Condition; none is FORGOTTEN
+    std::size_t unheard = 0;  ///< reporters that may be there and were not heard on this connection
   };
 
   /// What a collector has of a root.
@@ -117,6 +124,9 @@ class ORV_REPORTING_EXPORT Collector final : public Endpoint {
   std::optional<View> view(const std::string& root) const;
 
   const Counters& counters() const noexcept;
+
+  /// O(number of reporters).
+  Census census() const noexcept;
 
   std::optional<Message> connecting() override;
   void connected(Link& link, Time now) override;

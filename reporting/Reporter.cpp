@@ -54,6 +54,8 @@ class Reporter::Core {
   void report(const Tree& live);
   void remove(const std::string& id);
   bool isSettled() const noexcept;
+  const Counters& counters() const noexcept { return counters_; }
+  std::optional<View> view(const std::string& id) const;
 
   Message connecting();
   void connected(Link& link, Time now);
@@ -80,8 +82,7 @@ class Reporter::Core {
   void awaitTreeDue(const std::string& id, const Root& root);
   void taken(const std::string& id);
   void refuse(const std::string& id, const std::string& reason);
-  void hold(const std::string& id, Root& root, const std::string& reason,
-            const std::string& complaint);
+  void hold(const std::string& id, Root& root, Problem::Kind kind, const std::string& reason);
   void release(const std::string& id, Root& root);
   void clear(const std::string& id);
   void erase(const std::string& id);
@@ -101,13 +102,16 @@ class Reporter::Core {
   void receiveState(const Message& message, Time now);
   void receiveList(unsigned int partition, const Message& message);
   void saySoon() { stateDue_ = std::min(stateDue_, lastState_ + betweenStates); }
-  void complain(const std::string& problem) const {
+  void complain(const Problem& problem) const {
     if (callbacks_.problem) callbacks_.problem(problem);
   }
+
+  static bool isSettled(const Root& root) noexcept;
 
   std::string name_;
   ReporterCallbacks callbacks_;
   ReporterOptions options_;
+  Counters counters_;
   Topics topics_;
   std::mt19937_64 random_;
   std::uint64_t start_;
@@ -153,6 +157,7 @@ void Reporter::Core::awaitTreeDue(const std::string& id, const Root& root) {
 }
 
 void Reporter::Core::report(const Tree& live) {
+  if (!live) throw std::invalid_argument("A reporter needs a tree; remove() takes one away");
   Root& root = takeUp(live->getDeviceId());
   root.live = live;
   root.isChanged = true;
@@ -168,11 +173,20 @@ void Reporter::Core::remove(const std::string& id) {
   queue(id);
 }
 
+bool Reporter::Core::isSettled(const Root& root) noexcept {
+  return root.live && !root.isChanged && root.sender.onItsWay() == nullptr;
+}
+
 bool Reporter::Core::isSettled() const noexcept {
-  return std::all_of(roots_.begin(), roots_.end(), [](const auto& entry) {
-    const Root& root = entry.second;
-    return root.live && !root.isChanged && root.sender.onItsWay() == nullptr;
-  });
+  return std::all_of(roots_.begin(), roots_.end(),
+                     [](const auto& entry) { return isSettled(entry.second); });
+}
+
+std::optional<Reporter::View> Reporter::Core::view(const std::string& id) const {
+  const auto entry = roots_.find(id);
+  if (entry == roots_.end()) return std::nullopt;
+  const Root& root = entry->second;
+  return View{root.sender.last(), isSettled(root), root.problem};
 }
 
 Message Reporter::Core::connecting() {
@@ -246,6 +260,8 @@ void Reporter::Core::taken(const std::string& id) {
   if (root.sender.onItsWay() != nullptr) {
     const Step step = root.sender.taken();
     countKept(root);
+    ++counters_.events;
+    if (isWholeTree(step.event)) ++counters_.trees;
     if (callbacks_.published) callbacks_.published(id, step);
   } else if (!root.live) {  // the broker has forgotten the tree
     return erase(id);
@@ -263,7 +279,8 @@ void Reporter::Core::refuse(const std::string& id, const std::string& reason) {
   root.sender.refused();
   root.isChanged = true;
   relist(id);
-  hold(id, root, reason, "The broker refuses " + id + ": " + reason);
+  ++counters_.refusals;
+  hold(id, root, Problem::Kind::REFUSED, reason);
   // What an earlier process left, and this one may not clear, is left alone.
   if (!root.live && root.sender.last().n == 0) {
     flights_.trust(id);
@@ -290,12 +307,14 @@ void Reporter::Core::countKept(Root& root) {
 }
 
 // The list says what is held back: else collectors would take the old tree for the current one.
-void Reporter::Core::hold(const std::string& id, Root& root, const std::string& reason,
-                          const std::string& complaint) {
+void Reporter::Core::hold(const std::string& id, Root& root, Problem::Kind kind,
+                          const std::string& reason) {
   if (reason == root.problem) return;
   root.problem = reason;
   relist(id);
-  complain(complaint);
+  const bool isRefused = kind == Problem::Kind::REFUSED;
+  const std::string what = isRefused ? "The broker refuses " : "Cannot report ";
+  complain({kind, id, reason, what + id + ": " + reason});
 }
 
 void Reporter::Core::release(const std::string& id, Root& root) {
@@ -330,7 +349,8 @@ void Reporter::Core::clear(const std::string& id) {
 void Reporter::Core::tellRefusal(const std::string& what, const std::string& reason) {
   std::string& told = refusals_[what];
   if (!reason.empty() && reason != told) {
-    complain("The broker refuses " + what + " of " + name_ + ": " + reason);
+    const std::string text = "The broker refuses " + what + " of " + name_ + ": " + reason;
+    complain({Problem::Kind::REFUSED, "", reason, text});
   }
   told = reason;
 }
@@ -396,7 +416,7 @@ void Reporter::Core::publishNext(const std::string& id, Time now) {
     message.isRetained = true;  // the broker shall forget the tree, if there is none any more
   }
   if (!refusal.empty()) {
-    hold(id, root, refusal, "Cannot report " + id + ": " + refusal);
+    hold(id, root, Problem::Kind::UNREPORTABLE, refusal);
     flights_.trust(id);
   } else if (publication != nullptr || !root.live) {
     flights_.goes(link_->publish(message), id, message.payload.size());
@@ -418,6 +438,7 @@ void Reporter::Core::publishAgain(const std::string& id, Root& root) {
     Message message = eventOf(id, {root.sender.last().epoch, root.sender.last().n - left + 1});
     message.payload = kept[kept.size() - left];
     flights_.goesBeside(link_->publish(message), message.payload.size());
+    ++counters_.resent;
   }
 }
 
@@ -466,8 +487,10 @@ void Reporter::Core::publishLists() {
 void Reporter::Core::receiveRequest(const Message& message) {
   monitoring::TreeRequest request;
   if (!request.ParseFromString(message.payload)) {
-    return complain("A request to " + name_ + " cannot be read");
+    const std::string text = "A request to " + name_ + " cannot be read";
+    return complain({Problem::Kind::UNUSABLE, "", "", text});
   }
+  ++counters_.requests;
   const auto ask = [this](const std::string& id, const std::optional<Sequence>& have) {
     const auto entry = roots_.find(id);
     if (entry == roots_.end()) {
@@ -487,7 +510,7 @@ void Reporter::Core::receiveRequest(const Message& message) {
 void Reporter::Core::receiveState(const Message& message, Time now) {
   monitoring::ReporterState state;
   if (!state.ParseFromString(message.payload)) {
-    complain("A state of " + name_ + " cannot be read");
+    complain({Problem::Kind::UNUSABLE, "", "", "A state of " + name_ + " cannot be read"});
     return saySoon();
   }
   opensAt_ = now;
@@ -507,7 +530,7 @@ void Reporter::Core::receiveState(const Message& message, Time now) {
     saySoon();
   } else if (!isOwn && !message.isRetained && rival_ != state.start()) {
     rival_ = state.start();
-    complain("Another process reports under the name " + name_);
+    complain({Problem::Kind::RIVAL, "", "", "Another process reports under the name " + name_});
   }
   if (!isOwn && !state.online()) {
     gone_ = state.start();
@@ -538,7 +561,8 @@ void Reporter::Core::clearLeft() {
 // The process was set back in time, or is the copy of another one. It would use numbers again under
 // which collectors have had other events. So it becomes another process, with new epochs.
 void Reporter::Core::beginAnew(Time now) {
-  complain("This process was set back in time, or copied: all trees are sent anew");
+  complain({Problem::Kind::SET_BACK, "", "",
+            "This process was set back in time, or copied: all trees are sent anew"});
   random_.seed(drawSeed());
   start_ = random_();
   flights_.forget(now);
@@ -577,6 +601,12 @@ void Reporter::report(const Tree& live) { core_->report(live); }
 void Reporter::remove(const std::string& root) { core_->remove(root); }
 
 bool Reporter::isSettled() const noexcept { return core_->isSettled(); }
+
+const Reporter::Counters& Reporter::counters() const noexcept { return core_->counters(); }
+
+std::optional<Reporter::View> Reporter::view(const std::string& root) const {
+  return core_->view(root);
+}
 
 std::optional<Message> Reporter::connecting() { return core_->connecting(); }
 

@@ -9,6 +9,7 @@
 
 #include "reporting/Endpoint.h"
 #include "reporting/Export.h"
+#include "reporting/Problem.h"
 #include "reporting/Publication.h"
 
 namespace orv::reporting {
@@ -32,10 +33,8 @@ struct ReporterOptions {
 struct ReporterCallbacks {
   /// The broker has taken an event. The trees are the reporter's own, as the broker has them.
   std::function<void(const std::string& root, const Step& step)> published;
-  /// Something is wrong, in a line for people: an event that the broker refuses, a tree that cannot
-  /// be reported, a second process of this name, a message that makes no sense. For a root it is
-  /// not told again while it stays the same.
-  std::function<void(const std::string& problem)> problem;
+  /// Something is wrong. It is not told again while it stays the same.
+  std::function<void(const Problem& problem)> problem;
 };
 
 /// Reports the trees of one process to every collector.
@@ -54,6 +53,23 @@ struct ReporterCallbacks {
 /// One thread at a time uses a reporter and its trees. n is the number of devices of a tree.
 class ORV_REPORTING_EXPORT Reporter final : public Endpoint {
  public:
+  /// Totals since the start.
+  struct Counters {
+    std::uint64_t events = 0;    ///< that the broker took
+    std::uint64_t trees = 0;     ///< those of them that hold a whole tree
+    std::uint64_t resent = 0;    ///< events that went out once more, as a collector lacked them
+    std::uint64_t refusals = 0;  ///< of events by the broker
+    std::uint64_t requests = 0;  ///< of collectors
+  };
+
+  /// What a reporter has told of a root.
+  struct View {
+    Sequence sequence;  ///< of the last event that the broker took; n is 0 before the first
+    bool isSettled;     ///< the broker has taken everything that was reported
+    std::string
+        reason;  ///< why it has not got the latest tree, for people; empty if nothing is wrong
+  };
+
   /// Throws std::invalid_argument for an empty name and when a broker would not take the prefix.
   Reporter(std::string name, ReporterCallbacks callbacks, const ReporterOptions& options = {});
 
@@ -61,7 +77,7 @@ class ORV_REPORTING_EXPORT Reporter final : public Endpoint {
 
   /// The tree is new or has changed. It is that of the root that its identifier names, from now on
   /// in place of the tree reported for that root before. O(log of the number of roots); the cost of
-  /// `Sender::next` falls due in `serve`.
+  /// `Sender::next` falls due in `serve`. Throws std::invalid_argument for no tree.
   ///
   /// The will of a connection lists the roots of the moment when it is made: report the trees that
   /// are there before the first `serve`. A root that comes back while its removal is on its way
@@ -73,6 +89,11 @@ class ORV_REPORTING_EXPORT Reporter final : public Endpoint {
 
   /// Whether the broker has taken everything that was reported and removed. O(number of roots).
   bool isSettled() const noexcept;
+
+  const Counters& counters() const noexcept;
+
+  /// Nothing for a root that is unknown. O(log of the number of roots).
+  std::optional<View> view(const std::string& root) const;
 
   std::optional<Message> connecting() override;
   void connected(Link& link, Time now) override;

@@ -118,7 +118,7 @@ void collect(const Options& options) {
     if (history && condition == Condition::FORGOTTEN) history->forget(root);
     if (!isOver) show(root + ":", textOf(condition));
   };
-  callbacks.problem = logLine;
+  callbacks.problem = [](const auto& problem) { logLine(problem.text); };
   Fleet fleet(callbacks, options.collector);
   orv::reporting::Connection connection(brokerOf(options.broker), fleet, logLine,
                                         connectionOptionsOf(options.broker));

@@ -150,7 +150,7 @@ void publish(const Options& options) {
   callbacks.published = [&monitor](const std::string& /*root*/, const orv::reporting::Step& step) {
     monitor.show(step.event, step.before, step.after);
   };
-  callbacks.problem = log;
+  callbacks.problem = [](const auto& problem) { log(problem.text); };
   orv::reporting::Reporter reporter(monitor.live()->getDeviceId(), callbacks);
   orv::reporting::Connection connection(brokerOf(options.broker), reporter, log,
                                         connectionOptionsOf(options.broker));

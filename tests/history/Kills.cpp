@@ -64,7 +64,7 @@ Tree make(const std::string& id) {
 // Reports until it is told to end its changes, says what the last ones were, and goes on until the
 // other end is closed.
 void report(const std::string& broker, int control) {
-  orv::reporting::Reporter reporter("plant", {{}, ignore});
+  orv::reporting::Reporter reporter("plant", {});
   orv::reporting::Connection connection(orv::reporting::Broker::parse(broker), reporter, ignore);
   Numbers numbers{};
   std::vector<Tree> trees;

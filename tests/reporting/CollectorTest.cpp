@@ -74,7 +74,7 @@ class CollectorTest : public ::testing::Test {
                           " is awaited"};
       talk.tell(id + words.begin()[static_cast<int>(condition)]);
     };
-    return {{}, changed, [this](const auto& problem) { talk.tell(problem); }};
+    return {{}, changed, [this](const auto& problem) { talk.tell(problem.text); }};
   }
 
   Collector collector{callbacks()};
@@ -185,6 +185,7 @@ TEST_F(CollectorTest, AsksForTheEventsThatItLacks) {
   talk.expect("r is out of date, s is out of date");
   other.connect().hear(now(3)).after(0s);
   talk.expect("r is current, t is awaited");
+  EXPECT_EQ(one.census().roots, (std::array<std::size_t, 5>{1, 1, 0, 0, 1}));
   other.hear(tree("s", {2, 3})).hear(tree("t", {3, 3})).expect("");
   talk.expect("s is current, t is current");
   // An event that shows that the one before it was lost.
@@ -268,7 +269,7 @@ TEST_F(CollectorTest, SaysOnceThatEventsAreTooLarge) {
   Conversation other(small);
   other.connect().hear(state("a", 1, {{"r", {1, 1}}})).hear(tree("r", {1, 1}));
   other.hear(tree("r", {1, 2}));
-  talk.expect("r is awaited, An event of r has 27 bytes");
+  talk.expect("r is awaited, An event of r is refused: it has 27 bytes");
   EXPECT_EQ(small.view("r")->reason, "its events are larger than this collector takes");
 }
 

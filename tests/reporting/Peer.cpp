@@ -33,6 +33,7 @@ using namespace orv::reporting;
 using std::chrono::milliseconds;
 
 void say(const std::string& line) { std::cout << line << std::endl; }
+void complain(const Problem& problem) { say(problem.text); }
 
 // The next order, empty while there is none.
 std::string nextOrder() {
@@ -92,7 +93,7 @@ void report(const Broker& broker, const std::string& name, const std::string& se
   ReporterOptions options;  // quicker than usual: the test waits for them
   options.heartbeat = milliseconds(2000);
   options.treePause = milliseconds(1000);
-  Reporter reporter(name, {{}, say}, options);
+  Reporter reporter(name, {{}, complain}, options);
   Connection connection(broker, reporter, say, connectionOptions());
   std::vector<Tree> trees;
   for (int number = 0; number < count; ++number) {
@@ -127,7 +128,7 @@ void collect(const Broker& broker, const std::string& client) {
   const auto tell = [](const std::string& root, Condition condition) {
     if (condition == Condition::REPORTER_GONE) say("gone: " + root);
   };
-  Collector collector({{}, tell, say});
+  Collector collector({{}, tell, complain});
   ConnectionOptions options = connectionOptions();
   options.clientName = client;
   options.outlivesProcess = !client.empty();
@@ -145,13 +146,13 @@ void collect(const Broker& broker, const std::string& client) {
 }
 
 void idle(const Broker& broker) {
-  Collector collector({{}, {}, say});
+  Collector collector({{}, {}, complain});
   Connection connection(broker, collector, say);
   serveUntilReadable(STDIN_FILENO, connection);
 }
 
 void hurry(const Broker& broker) {
-  Collector collector({{}, {}, say});
+  Collector collector({{}, {}, complain});
   Connection connection(broker, collector, say);
   auto longest = milliseconds(0);
   for (int i = 0; i < 30; ++i) {

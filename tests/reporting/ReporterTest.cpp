@@ -27,7 +27,7 @@ class ReporterTest : public ::testing::Test {
     return options;
   }
 
-  Reporter reporter{"a", {{}, [this](const auto& problem) { talk.tell(problem); }}, options()};
+  Reporter reporter{"a", {{}, [this](const auto& problem) { talk.tell(problem.text); }}, options()};
   Conversation talk{reporter};
   std::vector<Tree> live;
   int changes = 0;
@@ -136,8 +136,12 @@ TEST_F(ReporterTest, LosesARoundTripForEachRetryOfARefusedRoot) {
 }
 
 TEST_F(ReporterTest, SaysWhatItHoldsBack) {
+  EXPECT_THROW(reporter.report(nullptr), std::invalid_argument);
   changeAll(0, 1);
   talk.connect().expect("state, tree 0-1").take("state").take("tree 0").refuse("no");
+  EXPECT_TRUE(reporter.view("0")->isSettled && reporter.view("0")->sequence.n == 1);
+  EXPECT_TRUE(!reporter.view("1")->isSettled && reporter.view("1")->reason == "no");
+  EXPECT_TRUE(reporter.counters().events == 1 && reporter.counters().refusals == 1);
   talk.expect("The broker refuses 1: no").after(999ms).expect("");
   talk.after(1ms)
       .expect("state")
@@ -153,7 +157,7 @@ TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
   ReporterOptions seeded = options();
   seeded.seed = 1;
   Reporter before("a", {}, seeded);
-  Reporter after("a", {{}, [this](const auto& problem) { talk.tell(problem); }}, seeded);
+  Reporter after("a", {{}, [this](const auto& problem) { talk.tell(problem.text); }}, seeded);
   Conversation first(before);
   Conversation second(after);
   for (Reporter* const process : {&before, &after}) process->report(nodes::node("r"));
