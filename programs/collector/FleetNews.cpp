@@ -1,5 +1,6 @@
 #include "collector/FleetNews.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstddef>
 #include <iterator>
@@ -23,12 +24,15 @@ Text eventOf(const std::string& name, const std::string& id, const Json& data) {
 }  // namespace
 
 const Feed::Piece& Feed::after(std::uint64_t version, std::uint64_t latest) {
-  const auto now = std::chrono::steady_clock::now();
-  if (now - madeAt_ > std::chrono::seconds(1)) whole_ = Piece();
+  using Clock = std::chrono::steady_clock;
+  if (Clock::now() > keptUntil_) whole_ = Piece();
   if (version == 0) {
     if (!whole_.text) {
+      const auto begin = Clock::now();
       whole_ = make_(0);
-      madeAt_ = now;
+      // What took long is kept for longer, or many readers would hold each other up.
+      const auto end = Clock::now();
+      keptUntil_ = end + std::max<Clock::duration>(std::chrono::seconds(1), 10 * (end - begin));
     }
     return whole_;
   }

@@ -26,13 +26,13 @@ class Feed {
 
   explicit Feed(Make make) : make_(std::move(make)) {}
 
-  // `latest` is the version that has to be reached. All of it may be a second old.
+  // `latest` is the version that has to be reached. All of it may be a little older.
   const Piece& after(std::uint64_t version, std::uint64_t latest);
 
  private:
   Make make_;
   Piece whole_;
-  std::chrono::steady_clock::time_point madeAt_;
+  std::chrono::steady_clock::time_point keptUntil_;
   std::map<std::uint64_t, Piece> pieces_;  // by the version after which they are
   std::uint64_t latest_ = 0;               // of these
 };

@@ -147,6 +147,7 @@ export function toggleCourse(values, of) {
 }
 
 async function drawCourse(figure) {
+  if (!oldest) await begin();
   const until = time === null ? Date.now() : Date.parse(time) + 1;
   const since = Math.max(oldest, until - Number(part(figure, 'length').value));
   let spans = [];

@@ -36,7 +36,7 @@ class Pipe:
     def __init__(self, text=b""):
         self.socket = socket.socket()
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
-        self.socket.settimeout(20)
+        self.socket.settimeout(60)
         self.socket.connect(("127.0.0.1", int(PORT)))
         self.got = b""
         self.socket.sendall(text)
@@ -92,7 +92,7 @@ def get(path, method="GET", **fields):
     names = {name.replace("_", "-"): value for name, value in fields.items()}
     request = urllib.request.Request(f"http://127.0.0.1:{PORT}{path}", method=method, headers=names)
     try:
-        with OPENER.open(request, timeout=20) as answer:
+        with OPENER.open(request, timeout=60) as answer:
             return answer.status, answer.headers, answer.read()
     except urllib.error.HTTPError as refusal:
         return refusal.code, refusal.headers, refusal.read()
