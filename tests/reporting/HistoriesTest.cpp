@@ -8,12 +8,12 @@
 
 #include "reporting/Collector.h"
 #include "reporting/Reporter.h"
-#include "tests/reporting/Wire.h"
+#include "reporting/Wire.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using namespace wire;
+using namespace orv::reporting;
 using orv::device_tree::DeviceNode;
 using orv::device_tree::NamedStatus;
 
@@ -30,7 +30,7 @@ class Process final : public Endpoint {
   std::unique_ptr<Process> setBack(std::size_t steps, Time now) const {
     auto copy = std::make_unique<Process>(name, seed, number);
     const std::map<std::string, Message> nothing;
-    Side link;
+    WireEnd link;
     link.retained = &nothing;
     link.number = number;
     for (std::size_t i = 0; i < steps; ++i) log[i](*copy, link);
@@ -57,6 +57,10 @@ class Process final : public Endpoint {
   void connected(Link& link, Time now) override {
     log.emplace_back([now](Process& p, Link& other) { p.connected(other, now); });
     reporter.connected(link, now);
+  }
+  bool ending(Time now) override {
+    log.emplace_back([now](Process& p, Link&) { p.ending(now); });
+    return reporter.ending(now);
   }
   void disconnected(Time now) override {
     log.emplace_back([now](Process& p, Link&) { p.disconnected(now); });
@@ -101,8 +105,8 @@ class Process final : public Endpoint {
 // processes are set back in time.
 class History : Wire {
  public:
-  History(unsigned int seed, bool isTold) : random(seed), tellsStory(isTold) {
-    for (Side& side : sides) start(side);
+  History(unsigned int seed, bool isTold) : Wire(3), random(seed), tellsStory(isTold) {
+    for (WireEnd& side : ends) start(side);
     for (const char* id : {"r0", "r1", "r2"}) live[id] = nullptr;
   }
 
@@ -110,7 +114,7 @@ class History : Wire {
   std::string play(int length) {
     while (length-- > 0 && fault.empty()) step();
     tell("From here on the wire is good");
-    if (std::exchange(sides.back().isBlind, false)) disconnect(sides.back());
+    if (!std::exchange(ends.back().denied, {}).empty()) disconnect(ends.back());
     calmDown(140s);  // a heartbeat, the patience, and the silence of a process that has ended
     checkCurrent();
     if (!refused.empty()) {
@@ -128,7 +132,7 @@ class History : Wire {
     calmDown(120s);
     if (collector->counters().requests != requests) fail("Requests go on");
     tell("A newcomer");
-    start(sides.back());
+    start(ends.back());
     calmDown(140s);
     compare();
     for (const auto& [topic, message] : retained) {
@@ -143,8 +147,8 @@ class History : Wire {
   struct Step {
     unsigned int weight;  // of 1000
     const char* name;
-    bool (*isPossible)(const History&, const Side&);
-    void (*play)(History&, Side&);
+    bool (*isPossible)(const History&, const WireEnd&);
+    void (*play)(History&, WireEnd&);
   };
   static const std::vector<Step> steps;
 
@@ -159,8 +163,8 @@ class History : Wire {
   Process& reporterOf(const std::string& id) { return *processes.at(owners.at(id)); }
 
   void step() {
-    const unsigned int at = any(sides);
-    Side& side = sides.at(at);
+    const unsigned int at = any(ends);
+    WireEnd& side = ends.at(at);
     auto next = steps.begin();
     do {
       unsigned int number = pick(1000);
@@ -171,7 +175,7 @@ class History : Wire {
     if (side.isConnected) side.endpoint->serve(now);
   }
 
-  void start(Side& side) {
+  void start(WireEnd& side) {
     breakOff(side);
     const std::size_t at = placeOf(side);
     if (at == processes.size()) return startCollector();
@@ -183,19 +187,19 @@ class History : Wire {
     }
   }
 
-  std::size_t placeOf(const Side& side) const {
-    return static_cast<std::size_t>(&side - sides.data());
+  std::size_t placeOf(const WireEnd& side) const {
+    return static_cast<std::size_t>(&side - ends.data());
   }
 
   // Once only: what a process that was set back drew cannot be drawn again.
-  bool canBeSetBack(const Side& side) const {
+  bool canBeSetBack(const WireEnd& side) const {
     const std::size_t at = placeOf(side);
     return at < processes.size() && !processes.at(at)->wasSetBack;
   }
 
   // What it was told until its last state counts as later than what it is set back to; else nobody
   // could tell. It looks at that state first when it connects again.
-  void setBack(Side& side) {
+  void setBack(WireEnd& side) {
     const std::size_t at = placeOf(side);
     auto& process = processes.at(at);
     const std::size_t last = pick(process->log.size() + 1);
@@ -236,15 +240,15 @@ class History : Wire {
       if (tree && had[id].count(bytesOf(tree)) == 0) fail(id, "never was like that", tree);
     };
     collector = std::make_unique<Collector>(callbacks, options);
-    begin(sides.back(), *collector);
+    begin(ends.back(), *collector);
   }
 
-  void breakOff(Side& side) {
+  void breakOff(WireEnd& side) {
     std::size_t arriving = 0;
     while (arriving < side.up.size() && pick(2) == 0) ++arriving;
     cut(side, arriving);
   }
-  void disconnect(Side& side) {
+  void disconnect(WireEnd& side) {
     const bool wasConnected = side.isConnected;
     breakOff(side);
     if (wasConnected) side.endpoint->disconnected(now);
@@ -330,52 +334,56 @@ class History : Wire {
   std::unique_ptr<Collector> collector;
 };
 
-bool always(const History& /*h*/, const Side& /*s*/) { return true; }
-bool hasUp(const History& /*h*/, const Side& s) { return !s.up.empty(); }
-bool hasDown(const History& /*h*/, const Side& s) { return s.isConnected && !s.down.empty(); }
-bool isOff(const History& /*h*/, const Side& s) { return !s.isConnected; }
+bool always(const History& /*h*/, const WireEnd& /*s*/) { return true; }
+bool hasUp(const History& /*h*/, const WireEnd& s) { return !s.up.empty(); }
+bool hasDown(const History& /*h*/, const WireEnd& s) { return s.isConnected && !s.down.empty(); }
+bool isOff(const History& /*h*/, const WireEnd& s) { return !s.isConnected; }
 
 const std::vector<History::Step> History::steps = {
-    {200, "a tree changes", always, [](History& h, Side&) { h.edit(); }},
-    {172, "the broker takes", hasUp, [](History& h, Side& s) { h.takeUp(s, 0, true); }},
+    {200, "a tree changes", always, [](History& h, WireEnd&) { h.edit(); }},
+    {172, "the broker takes", hasUp, [](History& h, WireEnd& s) { h.takeUp(s, 0, true); }},
     {24, "the broker takes any", hasUp,
-     [](History& h, Side& s) { h.takeUp(s, h.any(s.up), true); }},
+     [](History& h, WireEnd& s) { h.takeUp(s, h.any(s.up), true); }},
     {12, "the answer is lost", hasUp,
-     [](History& h, Side& s) { h.takeUp(s, 0, false), h.disconnect(s); }},
-    {6, "the broker refuses", hasUp, [](History& h, Side& s) { h.refuse(s), h.hasRefused = true; }},
-    {175, "hears", hasDown, [](History& h, Side& s) { h.takeDown(s, 0, false); }},
-    {95, "hears any", hasDown, [](History& h, Side& s) { h.takeDown(s, h.any(s.down), false); }},
-    {30, "hears first", hasDown, [](History& h, Side& s) { h.takeDown(s, h.any(s.down), true); }},
-    {35, "misses", hasDown, [](History& h, Side& s) { h.loseDown(s, h.any(s.down)); }},
-    {100, "connects", isOff, [](History& h, Side& s) { h.connect(s); }},
-    {20, "disconnects", always, [](History& h, Side& s) { h.disconnect(s); }},
-    {20, "starts anew", always, [](History& h, Side& s) { h.start(s); }},
+     [](History& h, WireEnd& s) { h.takeUp(s, 0, false), h.disconnect(s); }},
+    {6, "the broker refuses", hasUp,
+     [](History& h, WireEnd& s) { h.refuse(s), h.hasRefused = true; }},
+    {175, "hears", hasDown, [](History& h, WireEnd& s) { h.takeDown(s, 0, false); }},
+    {95, "hears any", hasDown, [](History& h, WireEnd& s) { h.takeDown(s, h.any(s.down), false); }},
+    {30, "hears first", hasDown,
+     [](History& h, WireEnd& s) { h.takeDown(s, h.any(s.down), true); }},
+    {35, "misses", hasDown, [](History& h, WireEnd& s) { h.loseDown(s, h.any(s.down)); }},
+    {100, "connects", isOff, [](History& h, WireEnd& s) { h.connect(s); }},
+    {20, "disconnects", always, [](History& h, WireEnd& s) { h.disconnect(s); }},
+    {15, "starts anew", always, [](History& h, WireEnd& s) { h.start(s); }},
+    {5, "ends in order, and starts anew", always,
+     [](History& h, WireEnd& s) { h.leave(s), h.start(s); }},
     {10, "is set back",
-     [](const History& h, const Side& s) { return s.isConnected && h.canBeSetBack(s); },
-     [](History& h, Side& s) { h.setBack(s); }},
-    {10, "a root moves", always, [](History& h, Side&) { h.move(); }},
+     [](const History& h, const WireEnd& s) { return s.isConnected && h.canBeSetBack(s); },
+     [](History& h, WireEnd& s) { h.setBack(s); }},
+    {10, "a root moves", always, [](History& h, WireEnd&) { h.move(); }},
     {10, "the broker refuses a root for a while", always,
-     [](History& h, Side&) {
+     [](History& h, WireEnd&) {
        h.refused.insert(Topics("orv/1").event("r" + std::to_string(h.pick(3))));
        h.hasRefused = true;
      }},
     {8, "the broker refuses nothing any more", always,
-     [](History& h, Side&) { h.refused.clear(); }},
+     [](History& h, WireEnd&) { h.refused.clear(); }},
     {5, "the collector may not read events", always,
-     [](History& h, Side&) { h.sides.back().isBlind = true; }},
+     [](History& h, WireEnd&) { h.ends.back().denied = {"orv/1/event/+/+"}; }},
     {5, "the collector may read events again", always,
-     [](History& h, Side&) {
-       if (std::exchange(h.sides.back().isBlind, false)) h.disconnect(h.sides.back());
+     [](History& h, WireEnd&) {
+       if (!std::exchange(h.ends.back().denied, {}).empty()) h.disconnect(h.ends.back());
      }},
-    {5, "the broker saves", always, [](History& h, Side&) { h.saved = h.retained; }},
-    {20, "waits", always, [](History& h, Side&) { h.now += 1ms * h.pick(3'000); }},
-    {6, "waits long", always, [](History& h, Side&) { h.now += 1ms * h.pick(100'000); }},
-    {27, "a will comes", [](const History& h, const Side&) { return !h.wills.empty(); },
-     [](History& h, Side&) { h.publishWill(); }},
+    {5, "the broker saves", always, [](History& h, WireEnd&) { h.saved = h.retained; }},
+    {20, "waits", always, [](History& h, WireEnd&) { h.now += 1ms * h.pick(3'000); }},
+    {6, "waits long", always, [](History& h, WireEnd&) { h.now += 1ms * h.pick(100'000); }},
+    {27, "a will comes", [](const History& h, const WireEnd&) { return !h.wills.empty(); },
+     [](History& h, WireEnd&) { h.publishWill(); }},
     {5, "the broker comes back as it was saved", always,
-     [](History& h, Side&) {
+     [](History& h, WireEnd&) {
        h.retained = h.saved;
-       for (Side& side : h.sides) h.disconnect(side), side.down.clear();
+       for (WireEnd& side : h.ends) h.disconnect(side), side.down.clear();
        h.wills.clear();
      }},
 };
