@@ -31,6 +31,9 @@ constexpr std::chrono::milliseconds betweenTrees(10);
 // A process that comes back looks at its own last state before it goes on: it may have been set
 // back. Where it may not read that, it goes on after so long.
 constexpr std::chrono::seconds lookBack(1);
+// Who asks so often for a tree that was sent each time does not get it, or cannot use it.
+constexpr unsigned int inVain = 4;
+constexpr std::chrono::minutes inOneGo(10);  // who asks later is somebody else, or has a new reason
 constexpr const char* endsConnection = "It ends the connection";
 
 }  // namespace
@@ -73,6 +76,8 @@ class Reporter::Core {
     Tree live;               // empty: the root is to be removed
     bool isChanged = false;  // since its last event was made, or that was refused
     std::string problem;     // why its latest tree is held back, as it was told; empty if it is not
+    unsigned int timesAsked = 0;  // for the whole tree, which was sent each time
+    Time lastAsked;
     std::optional<Sequence> resendAfter;  // what follows this is to go out once more
     std::size_t kept = 0;                 // counted in `kept_`
   };
@@ -98,7 +103,8 @@ class Reporter::Core {
   void publishAgain(const std::string& id, Root& root);
   Message eventOf(const std::string& id, const Sequence& sequence) const;
   Message state(bool isOnline) const;
-  void receiveRequest(const Message& message);
+  void receiveRequest(const Message& message, Time now);
+  void countRequest(const std::string& id, Root& root, Time now);
   void receiveState(const Message& message, Time now);
   void receiveList(unsigned int partition, const Message& message);
   void saySoon() { stateDue_ = std::min(stateDue_, lastState_ + betweenStates); }
@@ -130,6 +136,7 @@ class Reporter::Core {
   std::set<std::string> left_;         // roots that an earlier process listed and this one has not
   std::set<unsigned int> leftLists_;   // and its lists
   std::optional<std::uint64_t> gone_;  // start of an earlier process that is gone for sure
+  bool isAskedInVain_ = false;         // which was told
   bool isOwnStateAwaited_ = false;     // none has arrived on this connection
   Time opensAt_;                       // for events
   Time lastState_;
@@ -356,7 +363,7 @@ void Reporter::Core::tellRefusal(const std::string& what, const std::string& rea
 }
 
 void Reporter::Core::received(const Message& message, Time now) {
-  if (message.topic == topics_.request(name_)) receiveRequest(message);
+  if (message.topic == topics_.request(name_)) receiveRequest(message, now);
   if (message.topic == topics_.state(name_)) receiveState(message, now);
   const auto list = topics_.listOf(message.topic);
   if (list && list->second == name_) receiveList(list->first, message);
@@ -484,20 +491,34 @@ void Reporter::Core::publishLists() {
   }
 }
 
-void Reporter::Core::receiveRequest(const Message& message) {
+// The sequence of an event gets lost on a bridge that does not speak MQTT 5. Nobody behind it can
+// use the events, and here that does not show but in this.
+void Reporter::Core::countRequest(const std::string& id, Root& root, Time now) {
+  if (root.sender.treeDue()) return;  // it has not been sent yet
+  root.timesAsked = now - root.lastAsked < inOneGo ? root.timesAsked + 1 : 1;
+  root.lastAsked = now;
+  if (root.timesAsked < inVain || std::exchange(isAskedInVain_, true)) return;
+  const std::string text = "The tree of " + id + " was sent " + std::to_string(inVain - 1) +
+                           " times, and somebody still asks for it: is there a bridge without "
+                           "MQTT 5?";
+  complain({Problem::Kind::NOTHING_HEARD, id, "", text});
+}
+
+void Reporter::Core::receiveRequest(const Message& message, Time now) {
   monitoring::TreeRequest request;
   if (!request.ParseFromString(message.payload)) {
     const std::string text = "A request to " + name_ + " cannot be read";
     return complain({Problem::Kind::UNUSABLE, "", "", text});
   }
   ++counters_.requests;
-  const auto ask = [this](const std::string& id, const std::optional<Sequence>& have) {
+  const auto ask = [this, now](const std::string& id, const std::optional<Sequence>& have) {
     const auto entry = roots_.find(id);
     if (entry == roots_.end()) {
       return clear(id);  // somebody has found a tree there that says it is this reporter's
     }
     Root& root = entry->second;
     if (have && root.sender.lackedAfter(*have)) return resends_.ask(id, have->n);
+    countRequest(id, root, now);
     root.sender.requestTree();
     awaitTreeDue(id, root);
   };
