@@ -1,5 +1,7 @@
 #include "history/Rebuild.h"
 
+#include <google/protobuf/arena.h>
+
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
@@ -18,22 +20,18 @@ namespace monitoring = orv::proto::monitoring;
 
 namespace {
 
-monitoring::DeviceNode messageOf(const Store& store, const Row& row) {
-  monitoring::DeviceNode message;
+void readTree(const Store& store, const Row& row, monitoring::DeviceNode& message) {
   const auto bytes = unpack(wholeOf(row).tree);
   if (!bytes || !message.ParseFromString(*bytes)) {
     store.damaged("the tree of row " + std::to_string(row.id));
   }
-  return message;
 }
 
-Event statusEventOf(const Store& store, const Row& row) {
-  Event event;
+void readEvent(const Store& store, const Row& row, Event& event) {
   const auto bytes = unpack(row.data);
   if (!bytes || !event.ParseFromString(*bytes)) {
     store.damaged("the event of row " + std::to_string(row.id));
   }
-  return event;
 }
 
 void apply(const Store& store, const Row& row, const Event& event, Tree& tree) {
@@ -91,7 +89,9 @@ class Changes {
 
 Tree treeOf(const Store& store, const Row& row) {
   if (wholeOf(row).tree.empty()) return nullptr;
-  const monitoring::DeviceNode message = messageOf(store, row);
+  google::protobuf::Arena arena;  // which is released at once
+  auto& message = *google::protobuf::Arena::CreateMessage<monitoring::DeviceNode>(&arena);
+  readTree(store, row, message);
   try {
     return std::make_shared<DeviceNode>(message);
   } catch (const std::runtime_error& refusal) {
@@ -100,19 +100,20 @@ Tree treeOf(const Store& store, const Row& row) {
 }
 
 Event eventOf(const Store& store, const std::string& root, const Row& row) {
-  if (row.kind == Kind::STATUS) return statusEventOf(store, row);
   Event event;
-  if (wholeOf(row).tree.empty()) {
+  if (row.kind == Kind::STATUS) {
+    readEvent(store, row, event);
+  } else if (wholeOf(row).tree.empty()) {
     event.set_event_type(Event::DEVICE_REMOVE);
     event.MutableExtension(monitoring::DeviceRemoveEvent::base)->set_device_id(root);
   } else if (row.kind == Kind::CONFIGURED) {
     event.set_event_type(Event::CONFIGURATION_CHANGE);
-    *event.MutableExtension(monitoring::ConfigurationChangeEvent::base)->mutable_device() =
-        messageOf(store, row);
+    readTree(store, row,
+             *event.MutableExtension(monitoring::ConfigurationChangeEvent::base)->mutable_device());
   } else {
     event.set_event_type(Event::DEVICE_ADD);
-    *event.MutableExtension(monitoring::DeviceAddEvent::base)->mutable_device() =
-        messageOf(store, row);
+    readTree(store, row,
+             *event.MutableExtension(monitoring::DeviceAddEvent::base)->mutable_device());
   }
   return event;
 }
@@ -122,14 +123,19 @@ Tree treeOf(const Store& store, const Segment& segment) {
   Tree tree = treeOf(store, rows.front());
   if (rows.size() == 1) return tree;
   if (!tree) store.damaged("row " + std::to_string(rows[1].id) + " changes no tree");
+  Event event;
   if (!isEachIdentifierUnique(*tree)) {  // which device is meant can depend on the whole list then
     for (std::size_t i = 1; i < rows.size(); ++i) {
-      apply(store, rows[i], statusEventOf(store, rows[i]), tree);
+      readEvent(store, rows[i], event);
+      apply(store, rows[i], event, tree);
     }
     return tree;
   }
   Changes changes;
-  for (std::size_t i = 1; i < rows.size(); ++i) changes.add(statusEventOf(store, rows[i]));
+  for (std::size_t i = 1; i < rows.size(); ++i) {
+    readEvent(store, rows[i], event);
+    changes.add(event);
+  }
   apply(store, rows.back(), changes.event(), tree);
   return tree;
 }

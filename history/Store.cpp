@@ -266,12 +266,13 @@ std::optional<Segment> Store::segment(const RootEntry& root, std::int64_t id) {
 }
 
 std::vector<Row> Store::watches() {
-  const std::int64_t horizon = state().horizon;
+  const State now = state();
   std::vector<Row> found;
+  if (now.last == 0) return found;  // nobody has recorded yet
   for (std::int64_t id = root(watchRoot).head; id != 0;) {
     found.push_back(row(id));
     if (found.back().root != watchRoot || found.back().previous >= id) damaged("its watches");
-    id = found.back().id <= horizon ? 0 : found.back().previous;
+    id = found.back().id <= now.horizon ? 0 : found.back().previous;
   }
   return found;
 }
