@@ -44,6 +44,7 @@ using orv::history::Reader;
 using orv::history::Recorder;
 
 void fail(const std::string& problem) { throw std::runtime_error(problem); }
+void failFor(const Problem& problem) { fail(problem.text); }
 void log(const std::string& text) { std::cerr << text << '\n'; }
 
 double processorTime() {
@@ -150,12 +151,12 @@ class Recording final : public Link {
   Nowhere nowhere_;
   std::unique_ptr<Recorder> recorder_;
   std::string file_;
-  Reporter reporter_{"bench", {{}, fail}};
-  Collector plain_{{{}, {}, fail}};
+  Reporter reporter_{"bench", {{}, failFor}};
+  Collector plain_{{{}, {}, failFor}};
   Collector recording_{
       {[this](const std::string& root, const Step& step) { recorder_->record(root, step); },
        {},
-       fail}};
+       failFor}};
 };
 
 // Fills a file with the course of one tree, which the roots have under many names.
@@ -220,7 +221,7 @@ void report(const Broker& broker, const std::string& prefix, std::size_t roots, 
   Plant plant(roots, devices);
   ReporterOptions options;
   options.prefix = prefix;
-  Reporter reporter("bench", {{}, fail}, options);
+  Reporter reporter("bench", {{}, failFor}, options);
   Connection connection(broker, reporter, log);
   const nanoseconds pause(static_cast<long>(1e9 / rate));
   Time due = steady_clock::now();
@@ -273,7 +274,7 @@ class Life {
               if (condition == Condition::CURRENT) current_.insert(root);
               if (condition != Condition::CURRENT) current_.erase(root);
             },
-            fail};
+            failFor};
   }
   void serve(const std::function<bool()>& isDone) {
     const Time end = steady_clock::now() + minutes(2);

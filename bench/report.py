@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """Writes performance.md and performance.svg from the results of one run of the benchmarks, or the
-last section of performance.md from those of a fleet.
+last sections of performance.md from those of a fleet and of a history.
 
   report.py RESULTS.json DIRECTORY
 """
@@ -189,14 +189,39 @@ def fleet(results):
         growth=markdown(["", "1,000 roots", "10,000 roots", "ratio"], growth))
 
 
+def history(results):
+    """The section about a history."""
+    recording = []
+    for devices, run in zip((100, 10), results["history"]):
+        ratio = (run["recording"] - run["plain"]) / run["plain"]
+        recording.append([f"{devices}", f"{run['bytes']:.0f}", duration(run["plain"]),
+                          duration(run["recording"] - run["plain"]), f"**{number(ratio)}**",
+                          f"**{number(run['disk'])}**"])
+    restarts = [[f"{run['roots']:,} of {run['devices']}", f"{run['rate']:,.0f}",
+                 "yes" if run["session"] else "no", duration(run["resumed"] * 1e6),
+                 duration(run["current"] * 1e6), f"{run['asked']:,}", f"{run['whole']:,}"]
+                for run in results["restarts"]]
+    return template("history.md.in").substitute(
+        cost=recording[0][4].strip("*"),
+        disk=recording[0][5].strip("*"),
+        median=duration(results["trees"]["median"]),
+        percentile=duration(results["trees"]["percentile"]),
+        roots=f"{results['resume']['roots']:,}",
+        resume=duration(results["resume"]["time"]),
+        recording=markdown(["devices of a root", "bytes of an event", "an event", "to record it",
+                            "ratio", "on the disk"], recording),
+        restarts=markdown(["roots, of devices", "events a second", "session", "trees read",
+                           "all current", "asked for", "whole"], restarts))
+
+
 def main():
     if len(sys.argv) != 3:
         sys.exit(__doc__.strip())
     results = json.loads(pathlib.Path(sys.argv[1]).read_text())
     directory = pathlib.Path(sys.argv[2])
     page = directory / "performance.md"
-    if "growth" in results:
-        section = fleet(results)
+    if "growth" in results or "restarts" in results:
+        section = fleet(results) if "growth" in results else history(results)
         others = page.read_text().partition(section.splitlines()[0])[0]
         page.write_text(f"{others.rstrip()}\n\n{section}")
         return

@@ -1,11 +1,11 @@
 #include "history/Database.h"
 
-#include <fcntl.h>
 #include <sqlite3.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace orv::history {
 
@@ -95,8 +95,7 @@ Database::Database(const std::string& file, Mode mode, std::chrono::milliseconds
     : file_(file), connection_(nullptr, sqlite3_close_v2) {
   if (mode == Mode::WRITE) {
     // SQLite would let everybody read it. What is made beside the file gets the same mode.
-    const int made = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_EXCL, 0640);
-    if (made >= 0) close(made);
+    mknod(file.c_str(), S_IFREG | 0640, 0);
   }
   const int flags = (mode == Mode::WRITE ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY) |
                     SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
@@ -107,10 +106,11 @@ Database::Database(const std::string& file, Mode mode, std::chrono::milliseconds
   if (code != SQLITE_OK) fail();
   sqlite3_busy_timeout(connection, static_cast<int>(patience.count()));
   // The file may come from anywhere: nothing in it is run.
-  sqlite3_db_config(connection, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
-  sqlite3_db_config(connection, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-  sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
-  sqlite3_db_config(connection, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+  for (const auto& [option, value] :
+       {std::pair(SQLITE_DBCONFIG_DEFENSIVE, 1), std::pair(SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0),
+        std::pair(SQLITE_DBCONFIG_ENABLE_TRIGGER, 0), std::pair(SQLITE_DBCONFIG_ENABLE_VIEW, 0)}) {
+    sqlite3_db_config(connection, option, value, nullptr);  // NOLINT(*-vararg)
+  }
   run("PRAGMA cell_size_check = ON; PRAGMA mmap_size = 0");
   if (mode == Mode::WRITE) {
     // A reader that may not write needs the files beside it, also when nobody records.

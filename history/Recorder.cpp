@@ -57,7 +57,7 @@ class Lock {
  public:
   explicit Lock(const std::string& file) {
     const std::string name = file + "-lock";
-    descriptor_ = open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+    descriptor_ = open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);  // NOLINT(*-vararg)
     if (descriptor_ >= 0 && flock(descriptor_, LOCK_EX | LOCK_NB) == 0) return;
     const bool isTaken = errno == EWOULDBLOCK;
     const std::string reason = std::strerror(errno);

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the benchmarks, runs them, and writes docs/performance.md and
 # docs/performance.svg from the results. The last part measures a fleet over a broker of its own on
-# the loopback.
+# the loopback, and a history of one.
 #
 #   ./scripts/bench.sh            the full form, about 12 minutes
-#   ./scripts/bench.sh --fleet    the last part alone, under two minutes; replaces the last section
+#   ./scripts/bench.sh --fleet    the last part alone, ten minutes; replaces the last two sections
 #                                 of docs/performance.md and leaves the rest as it is
 #   ./scripts/bench.sh --quick    fewer sizes and rounds, under three minutes; writes the two files
 #                                 to build/bench instead, which leaves the page in docs as it is.
@@ -46,4 +46,8 @@ start_broker
 build/bench/bench/orv_fleet_bench "${options[@]}" "$broker" \
   build/bench/programs/collector >build/bench/fleet.json
 /usr/bin/python3 bench/report.py build/bench/fleet.json "$pages"
-echo "Wrote the last section of $pages/performance.md"
+mkdir "$work/histories"
+build/bench/bench/orv_history_bench "${options[@]}" "$broker" "$work/histories" \
+  >build/bench/history.json
+/usr/bin/python3 bench/report.py build/bench/history.json "$pages"
+echo "Wrote the last sections of $pages/performance.md"
