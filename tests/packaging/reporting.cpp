@@ -10,7 +10,7 @@ using namespace orv::reporting;
 
 int main() {
   const auto ignore = [](const std::string&) {};
-  Reporter reporter("monitor", {{}, ignore});
+  Reporter reporter("monitor", {});
   const Connection connection(Broker::parse("mqtt://localhost"), reporter, ignore);
   assert(!connection.isConnected());
   try {
