@@ -141,6 +141,11 @@ void collect(const Broker& broker, const std::string& client) {
       }
       say("== end");
     }
+    if (order == "requests") {
+      const Collector::Counters& counters = collector.counters();
+      say("requests " + std::to_string(counters.requests) + ", of whole trees " +
+          std::to_string(counters.treeRequests) + ".");
+    }
     connection.serve(milliseconds(20));
   }
 }

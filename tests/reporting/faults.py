@@ -528,6 +528,53 @@ def strangers(stage):
     stage.agree()
 
 
+def packets(stream):
+    """The packets of an MQTT connection: the first byte, the length as it stands, the rest."""
+    while first := stream.read(1):
+        size, length = 0, b""
+        while not length or length[-1] & 128:
+            length += stream.read(1)
+            size |= (length[-1] & 127) << 7 * (len(length) - 1)
+        yield first, length, stream.read(size)
+
+
+def lose_events(listener, port):
+    """Passes on between a collector and the broker, and loses every tenth event, as if it had come."""
+    client = listener.accept()[0]
+    broker = socket.create_connection(("localhost", port))
+    threading.Thread(target=lambda: [broker.sendall(b"".join(packet)) for packet in
+                                     packets(client.makefile("rb"))], daemon=True).start()
+    events = 0
+    for first, length, rest in packets(broker.makefile("rb")):
+        topic = 2 + int.from_bytes(rest[:2], "big")
+        if first[0] & 0xf1 == 0x30 and rest[2:].startswith(b"orv/1/event/"):
+            events += 1
+            if events % 10 == 0:
+                broker.sendall(b"\x40\x02" + rest[topic:topic + 2])
+                continue
+        client.sendall(first + length + rest)
+
+
+def events_that_are_lost(stage):
+    stage.begin()
+    listener = socket.create_server(("localhost", 0))
+    threading.Thread(target=lose_events, args=(listener, stage.port), daemon=True).start()
+    url, stage.url = stage.url, f"mqtt://localhost:{listener.getsockname()[1]}"
+    stage.collector = stage.start("collector")
+    stage.url = url
+    for _ in range(3):
+        stage.agree()
+        time.sleep(2)
+    stage.collector.order("requests")
+    stage.collector.tells("of whole trees ")
+    asked, whole = map(int, re.search(r"requests (\d+), of whole trees (\d+)\.",
+                                      stage.collector.path.read_text()).groups())
+    assert asked > 3 and whole * 5 < asked, f"asks {asked} times, {whole} times for whole trees"
+    stage.collector.end()  # what is lost at the end stays lost
+    stage.collector = stage.start("collector")
+    stage.agree()
+
+
 def receiver_in_python(stage):
     """Encrypted, with a password, of two roots, of which one then misses something."""
     key, certificate = stage.certify("key", "certificate")
@@ -585,7 +632,7 @@ SCENARIOS = [
     brokers_that_stand_in, site_and_centre, sessions_that_go_on, own_event_loop, peers_killed,
     two_reporters_of_one_name, clocks_set_back, event_too_large, event_not_allowed,
     rights_that_are_missing, wrong_password,
-    encrypted, example_of_a_broker, strangers, receiver_in_python]
+    encrypted, example_of_a_broker, strangers, receiver_in_python, events_that_are_lost]
 # Free ports below those that the system gives to clients.
 PORTS = iter([port for port in random.sample(range(20000, 32000), 4 * len(SCENARIOS))
               if socket.socket().connect_ex(("localhost", port)) != 0])
