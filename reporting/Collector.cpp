@@ -634,7 +634,7 @@ void Collector::Core::check(Time now) {
 // A broker grants subscriptions also to those who may not read, and then sends nothing.
 void Collector::Core::checkHearing(Time now) {
   hearingDue_ = now + hearing;
-  const bool areEventsMissed = std::any_of(roots_.begin(), roots_.end(), [this](const auto& entry) {
+  const bool areEventsMissed = std::any_of(roots_.begin(), roots_.end(), [](const auto& entry) {
     return entry.second.condition == Condition::AWAITED && entry.second.heldBack.empty();
   });
   const std::string states = topics_.allStates();
