@@ -25,7 +25,7 @@ constexpr const char* schema =
     "CREATE TABLE whole(root INTEGER, id INTEGER, PRIMARY KEY(root, id)) WITHOUT ROWID;";
 
 std::int64_t sumOf(std::initializer_list<std::int64_t> numbers, std::string_view bytes) {
-  std::array<unsigned char, 8 * 8> packed{};
+  std::array<unsigned char, 64> packed{};
   std::size_t size = 0;
   for (const std::int64_t number : numbers) {
     for (unsigned int i = 0; i < 8; ++i) {

@@ -17,9 +17,12 @@ struct HistoryOptions {
   std::string file;     // empty: nothing is recorded
   double keepDays = 0;  // 0: for ever
   double keepSize = 0;  // in GB; 0: as much as there is
+  // Of the session at the broker that goes on when this process ends; empty: there is none.
+  std::string session;
+  long sessionExpiry = 3600;  // in seconds
 };
 
-// Declares --history, --keep and --keep-size.
+// Declares --history and the options that go with it.
 void addHistoryOptions(CLI::App& app, HistoryOptions& options);
 
 class FleetHistory {

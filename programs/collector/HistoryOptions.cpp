@@ -22,4 +22,15 @@ void addHistoryOptions(CLI::App& app, HistoryOptions& options) {
       ->option_text("GB")
       ->check(positive)
       ->needs(history);
+  CLI::Option* const session =
+      app.add_option("--session", options.session,
+                     "with --history: have the broker hold what comes while no collector runs,\n"
+                     "under NAME, which no other client has")
+          ->option_text("NAME")
+          ->needs(history);
+  app.add_option("--session-expiry", options.sessionExpiry,
+                 "with --session: for so long (default: 3600)")
+      ->option_text("SECONDS")
+      ->check(CLI::Range(5L, 30L * 86400L))
+      ->needs(session);
 }

@@ -120,8 +120,14 @@ void collect(const Options& options) {
   };
   callbacks.problem = [](const auto& problem) { logLine(problem.text); };
   Fleet fleet(callbacks, options.collector);
+  auto connectionOptions = connectionOptionsOf(options.broker);
+  if (!options.history.session.empty()) {
+    connectionOptions.clientName = options.history.session;
+    connectionOptions.sessionExpiry = std::chrono::seconds(options.history.sessionExpiry);
+    connectionOptions.outlivesProcess = true;
+  }
   orv::reporting::Connection connection(brokerOf(options.broker), fleet, logLine,
-                                        connectionOptionsOf(options.broker));
+                                        connectionOptions);
   if (history) history->resume(fleet);
   std::shared_ptr<void> http;
   if (options.httpPort) {
