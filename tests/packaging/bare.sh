@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Makes a bare Debian with a broker, boots it in a container without a network, and has bare_inside.sh
+# Makes a bare Debian with a broker and a Prometheus, boots it in a container without a network, and has bare_inside.sh
 # install the packages of the programs there, use the programs and remove them. It takes Debian from where this
 # machine has it from, and needs to be root.
 #   ./tests/packaging/bare.sh DIRECTORY    with the packages, e.g. build/package
@@ -17,7 +17,7 @@ root=$work/root
 release=$(. /etc/os-release && echo "$VERSION_CODENAME")
 mirror=$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' 'Origin: Debian' \
   "Codename: $release" | head -n 1)
-debootstrap --variant=minbase --include=systemd-sysv,mosquitto,openssl,curl,bash-completion \
+debootstrap --variant=minbase --include=systemd-sysv,mosquitto,openssl,curl,bash-completion,prometheus \
   "$release" "$root" "$mirror" >"$work/log" || { cat "$work/log" >&2; exit 1; }
 
 echo "127.0.0.1 localhost" >"$root/etc/hosts"

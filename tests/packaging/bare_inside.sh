@@ -18,7 +18,7 @@ await() {
 files() {
   find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp \
     -o -path /packages -o -path /var/tmp -o -path /var/log -o -path /var/cache -o -path /var/lib/apt \
-    -o -path /var/lib/dpkg -o -path '*mosquitto*' -o -path /var/lib/private \) -prune -o -print | sort
+    -o -path /var/lib/dpkg -o -path '*mosquitto*' -o -path '*prometheus*' -o -path /var/lib/private \) -prune -o -print | sort
 }
 
 is() { [ "$(systemctl show --property "$2" --value "$1")" = "$3" ]; }
@@ -75,7 +75,40 @@ fleet
 curl --silent --fail http://localhost:8080/api/roots/station-7 >tree
 grep -q '{"name":"access","type":"STRING","string_value":"rw"}' tree
 curl --silent --fail http://localhost:8080/metrics | grep '^orv_root_up{root="station-7"} 1'
-orv-history /var/lib/orv-collector/history changes | grep '^.* station-7'
+recorded() { orv-history /var/lib/orv-collector/history changes | grep '^.* station-7'; }
+await recorded
+
+step "Prometheus raises an alarm when a device fails, and ends it when the device is well again"
+machine=/srv/machine
+chip=$machine/sys/class/hwmon/hwmon0
+mkdir -p $chip $machine/proc/sys/kernel
+echo station-7 >$machine/proc/sys/kernel/hostname
+echo 95000 >$chip/temp1_crit
+echo 41500 >$chip/temp1_input
+printf 'root = %s\ninterval = 1\n' $machine >>/etc/orv/host-monitor.conf
+systemctl restart orv-host-monitor
+sed 's/for: .*/for: 0s/' /usr/share/orv-collector/prometheus/alerts.yml >/etc/prometheus/alerts.yml
+cat >/etc/prometheus/prometheus.yml <<'END'
+global: {scrape_interval: 1s, evaluation_interval: 1s}
+rule_files: [alerts.yml]
+scrape_configs:
+  - job_name: fleet
+    static_configs:
+      - targets: ['localhost:8080']
+END
+systemctl restart prometheus
+has() { promtool query instant http://localhost:9090 "$1" | grep -q .; }
+alarm='ALERTS{alertname="OrvDeviceError",device="station-7",alertstate="firing"}'
+await has 'orv_status_celsius{device="station-7/hwmon0/temp1"} == 41.5'
+echo 95000 >$chip/temp1_input
+await has "$alarm"
+echo 41500 >$chip/temp1_input
+await has "absent($alarm)"
+systemctl stop prometheus
+rm -r $machine
+sed -i '/^root = /d; /^interval = 1$/d' /etc/orv/host-monitor.conf
+systemctl restart orv-host-monitor
+await shows current
 
 step "Killed or hanging, it is restarted, later each time"
 impatient() {  # UNIT
