@@ -17,8 +17,8 @@ namespace orv::history {
 /// A root of which something is kept.
 struct Root {
   std::string id;
-  bool isThere;  ///< according to what was recorded last
-  Time changed;  ///< when that was
+  bool isThere = false;  ///< according to what was recorded last
+  Time changed;          ///< when that was
 };
 
 /// The tree of a root at a time.
@@ -60,7 +60,7 @@ struct Recorded {
   reporting::Event event;
   /// Steps before it were not recorded: the event has the whole tree after them, or says that the
   /// root was gone.
-  bool isCaughtUp;
+  bool isCaughtUp = false;
 };
 
 /// Answers in the order that was asked for. There can be fewer than were asked for, even none,
@@ -74,10 +74,10 @@ struct Page {
 /// The course of a number during a part of the time that was asked for.
 struct Span {
   Time time;  ///< of the first value in it
-  double smallest;
-  double largest;
-  double last;
-  bool isUnknown;  ///< at the end of it the value was not known
+  double smallest = 0;
+  double largest = 0;
+  double last = 0;
+  bool isUnknown = false;  ///< at the end of it the value was not known
 };
 
 struct Course {

@@ -116,6 +116,7 @@ class Recorder::Core {
   void appendWhole(Root& root, Kind kind);
   void write(const std::string& id, Root& root, const Event& event);
   void catchUp();
+  void keep();
   void commitAll();
 
   std::string file_;
@@ -127,6 +128,7 @@ class Recorder::Core {
   std::optional<Store> store_;
   std::optional<Transaction> transaction_;
   Keeping keeping_;
+  bool isKeeping_ = true;
   std::unordered_map<std::string, Root> roots_;
   std::vector<Root*> dirty_;
   std::vector<std::string> missed_;
@@ -358,8 +360,18 @@ void Recorder::Core::serve() {
   attempt([&] {
     if (!missed_.empty()) catchUp();
     if (transaction_ ? time >= commitDue_ : time >= watchDue_) commitAll();
-    if (!transaction_) keeping_.serve(*store_, now());
+    if (!transaction_ && isKeeping_) keep();
   });
+}
+
+// What is damaged and old is no reason to record nothing.
+void Recorder::Core::keep() {
+  try {
+    keeping_.serve(*store_, now());
+  } catch (const Damage& damage) {
+    isKeeping_ = false;
+    tell(std::string("What is too old is not let go: ") + damage.what());
+  }
 }
 
 bool Recorder::Core::commit() {
