@@ -52,12 +52,9 @@ Statement::Statement(const Database& database, const char* text)
 
 bool Statement::next() {
   const int code = sqlite3_step(statement_.get());
-  if (code == SQLITE_ROW) return true;
-  if (code == SQLITE_DONE) {
-    reset();
-    return false;
-  }
-  database_->fail();
+  if (code != SQLITE_ROW && code != SQLITE_DONE) database_->fail();
+  if (code == SQLITE_DONE) reset();
+  return code == SQLITE_ROW;
 }
 
 void Statement::run() {

@@ -98,10 +98,10 @@ class Rows {
   std::vector<Row> segmentUpTo(std::int64_t high) {
     auto segment = store_.segment(*root_, high);
     if (!segment) return {};
-    std::vector<Row>& rows = segment->rows;
+    std::vector<Row> rows = std::move(segment->rows);
     rows.erase(rows.begin(), std::find_if(rows.begin(), rows.end(),
                                           [this](const Row& row) { return row.id > range_.low; }));
-    return std::move(rows);
+    return rows;
   }
 
   std::vector<Row> newestOfRoot() {
