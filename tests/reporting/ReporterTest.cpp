@@ -213,7 +213,7 @@ TEST_F(ReporterTest, SendsAgainWhatACollectorLacks) {
   ask(epoch, 4);
   changeAll(0, 0);
   talk.expect("").takeEach({"", "change 0, change 0"});
-  for (const std::uint64_t n : {0, 9}) {
+  for (const std::uint64_t n : {0U, 9U}) {
     ask(epoch + n / 9, n);
     talk.after(10s).takeEach({"tree 0"}).after(10s);
   }
