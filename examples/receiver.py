@@ -163,16 +163,17 @@ def follow(options):
     partitions = {partition(root) for root in followers}
     reporters = {}  # the last state of each, by name
     summaries = {}  # the last of each list, by name and partition
+    versions = {}  # of the last lists
     lacking = {}  # lists to be asked for, and when
 
     def on_connect(client, *_):
-        client.subscribe([("orv/1/state/+", 1), *((f"orv/1/roots/{part}/+", 1) for part in partitions),
+        client.subscribe([("orv/1/state/+", 1), ("orv/1/gone/+", 1), *((f"orv/1/roots/{part}/+", 1) for part in partitions),
                           *((topic, 1) for topic in topics)])
 
     def on_message(client, _, message):
         try:
             *_, kind, part, name = message.topic.split("/")
-            if part == "state":
+            if part in ("state", "gone"):
                 take_state(name, reporting_pb2.ReporterState.FromString(message.payload))
             elif kind == "roots":
                 take_list(name, int(part), reporting_pb2.RootList.FromString(message.payload))
@@ -195,6 +196,9 @@ def follow(options):
                      (state.connection, state.version) < (last.connection, last.version)):
             return  # the late will of an earlier connection, or an earlier state
         reporters[name] = state
+        if not state.online:
+            for part in partitions:
+                summaries.pop((name, part), None)
         parts = {part.partition: part for part in state.parts if state.online}
         for root, follower in followers.items():
             if partition(root) not in parts and follower.reported and follower.reported[0] == name:
@@ -207,8 +211,10 @@ def follow(options):
 
     def take_list(name, number, listing):
         state = reporters.get(name)
-        if state is None or listing.start != state.start:
-            return  # that of an earlier process
+        if (state is None or listing.start != state.start
+                or listing.version < versions.get((name, number, listing.start), 0)):
+            return  # that of an earlier process, or an earlier one
+        versions[name, number, listing.start] = listing.version
         lacking.pop((name, number), None)
         listed = {entry.root: entry for entry in listing.roots}
         for root, follower in followers.items():

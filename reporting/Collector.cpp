@@ -73,8 +73,10 @@ class Collector::Core {
                    Time now);
   void forgetPeer(const std::string& name, Time now);
   Root& takeUp(const std::string& id, Time now);
-  void list(const std::string& id, const std::string& name, bool isOfNow, Time now);
+  void noteListed(const std::string& id, const std::string& name, bool isOfNow, Time now);
   void choose(const std::string& id, Root& root, const std::string& name, bool isOfNow);
+  void chooseAnother(const std::string& id, Root& root);
+  void distrust(const Peer& peer);
   void unlist(const std::string& id, const std::string& name, Time now);
   void unclaim(const std::string& id, const Root& root);
   void checkClaims(const std::string& name, Time now);
@@ -191,7 +193,7 @@ void Collector::Core::connected(Link& link, Time now) {
     if (root.reporter.empty()) root.since = now;
   }
   // The states first, then the lists: they tell which of the trees that follow are the right ones.
-  link_->subscribe({topics_.allStates()}, Kept::ALWAYS);
+  link_->subscribe({topics_.allStates(), topics_.allGone()}, Kept::ALWAYS);
   std::vector<std::string> lists;
   std::vector<std::string> topics;
   if (options_.firstPartition == 0 && options_.lastPartition + 1 == Topics::PARTITIONS) {
@@ -313,10 +315,13 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
 
 void Collector::Core::receiveState(const std::string& name, const Message& message, Time now) {
   monitoring::ReporterState state;
-  if (!state.ParseFromString(message.payload)) {
+  if (message.payload.size() > options_.mostBytes || !state.ParseFromString(message.payload)) {
     return refuse("A state of " + name + " cannot be read");
   }
-  if (message.payload.empty()) return forgetPeer(name, now);  // the name does not come back
+  if (message.payload.empty()) {  // the name does not come back
+    if (message.topic == topics_.state(name)) forgetPeer(name, now);
+    return;
+  }
   const bool isFirst = peers_.empty();
   Peer& peer =
       peers_.try_emplace(name, now, options_.firstPartition, options_.lastPartition).first->second;
@@ -334,6 +339,7 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
   };
   for (const unsigned int partition : news.announced) need(partition, options_.firstPause);
   for (const unsigned int partition : news.differing) need(partition, options_.gapPause);
+  if (news.wasSetBack) distrust(peer);
   // The reporter and the collector are in the same place with each of these roots.
   for (const unsigned int partition : news.agreed) {
     lists_.drop(topics_.roots(partition, name));
@@ -348,7 +354,9 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
   if (news.isOther) {
     for (const auto& [partition, part] : peer.parts()) {
       for (const auto& [id, listed] : part.roots) {
-        if (roots_.at(id).reporter != name) list(id, name, false, now);
+        Root& root = roots_.at(id);
+        if (root.reporter != name) noteListed(id, name, false, now);
+        if (!peer.isOnline() && root.reporter == name) chooseAnother(id, root);
       }
     }
     updateRootsOf(peer, now);
@@ -366,7 +374,7 @@ void Collector::Core::receiveList(unsigned int partition, const std::string& nam
                                   const Message& message, Time now) {
   if (message.payload.empty()) return;  // the next state says so too
   monitoring::RootList list;
-  if (!list.ParseFromString(message.payload)) {
+  if (message.payload.size() > options_.mostBytes || !list.ParseFromString(message.payload)) {
     return refuse("A list of the roots of " + name + " cannot be read");
   }
   const auto entry = peers_.find(name);
@@ -374,10 +382,10 @@ void Collector::Core::receiveList(unsigned int partition, const std::string& nam
   Peer& peer = entry->second;
   Peer::Roots unlisted;
   if (!peer.take(partition, list, message.isRetained, now, unlisted)) return;
-  if (!message.isRetained) lists_.drop(message.topic);
+  if (!message.isRetained) lists_.rest(message.topic);
   std::uint64_t sum = 0;
   for (const auto& [id, listed] : peer.part(partition)->roots) {
-    this->list(id, name, !message.isRetained && peer.isThere(), now);
+    noteListed(id, name, !message.isRetained && peer.isThere(), now);
     sum += roots_.at(id).mark;
   }
   peer.move(partition, sum);
@@ -444,7 +452,8 @@ Collector::Core::Root& Collector::Core::takeUp(const std::string& id, Time now) 
 
 // Of two reporters of one root the first counts, as long as it is online and lists the root. If the
 // last word counted, the two would take the root from each other with every state.
-void Collector::Core::list(const std::string& id, const std::string& name, bool isOfNow, Time now) {
+void Collector::Core::noteListed(const std::string& id, const std::string& name, bool isOfNow,
+                                 Time now) {
   Root& root = takeUp(id, now);
   if (std::find(root.listers.begin(), root.listers.end(), name) == root.listers.end()) {
     root.listers.push_back(name);
@@ -473,6 +482,21 @@ void Collector::Core::choose(const std::string& id, Root& root, const std::strin
   root.follower.reported(listed->latest, isOfNow);
 }
 
+// The one that counted is there no longer.
+void Collector::Core::chooseAnother(const std::string& id, Root& root) {
+  for (const std::string& other : root.listers) {
+    if (peers_.at(other).isOnline()) choose(id, root, other, false);
+  }
+}
+
+// The reporter goes on with numbers that it had given to other events. So nothing that it says of
+// them tells whether a tree is right, and each has to come whole.
+void Collector::Core::distrust(const Peer& peer) {
+  for (const auto& [partition, part] : peer.parts()) {
+    for (const auto& [id, listed] : part.roots) roots_.at(id).follower.distrust();
+  }
+}
+
 void Collector::Core::unlist(const std::string& id, const std::string& name, Time now) {
   const auto entry = roots_.find(id);
   if (entry == roots_.end()) return;
@@ -484,9 +508,7 @@ void Collector::Core::unlist(const std::string& id, const std::string& name, Tim
   root.heldBack.clear();
   root.rival.clear();
   root.since = now;
-  for (const std::string& other : root.listers) {
-    if (peers_.at(other).isOnline()) choose(id, root, other, false);
-  }
+  chooseAnother(id, root);
   if (root.reporter.empty()) root.follower.forget();
   update(id, now);
 }
@@ -552,7 +574,7 @@ bool Collector::Core::isConfirmed(const Root& root, const Peer& peer) const {
   return !peer.isOnline() || root.reporter.empty() || (part != nullptr && part->isConfirmed);
 }
 
-// Until a state has listed the root, its reporter is the one that its last event names.
+// Until a list has the root, its reporter is the one that its last event names.
 const Peer* Collector::Core::peerOf(const Root& root) const {
   const auto peer = peers_.find(root.reporter.empty() ? root.claimer : root.reporter);
   return peer == peers_.end() ? nullptr : &peer->second;
@@ -618,7 +640,7 @@ void Collector::Core::check(Time now) {
     Root& root = entry->second;
     const Time::duration age = now - root.since;
     const bool isForgotten = root.condition == Condition::FORGOTTEN;
-    if (root.reporter.empty() && isForgotten && age > memory) {
+    if (root.listers.empty() && isForgotten && age > memory) {
       unclaim(entry->first, root);
       --conditions_.at(static_cast<std::size_t>(root.condition));
       roots_.erase(entry);
@@ -639,8 +661,11 @@ void Collector::Core::checkHearing(Time now) {
   });
   const std::string states = topics_.allStates();
   const std::string events = topics_.allEvents();
-  const auto hasParts = [](const auto& entry) { return !entry.second.parts().empty(); };
-  const bool areListsMissed = std::any_of(peers_.begin(), peers_.end(), hasParts);
+  const bool areListsMissed = std::any_of(peers_.begin(), peers_.end(), [](const auto& entry) {
+    const auto lacksList = [](const auto& part) { return part.second.version == 0; };
+    const auto& parts = entry.second.parts();
+    return entry.second.isThere() && std::any_of(parts.begin(), parts.end(), lacksList);
+  });
   std::string problem;
   if (!areStatesHeard_ && !areEventsHeard_) {
     problem = "Nothing arrives: either nobody reports, or the broker does not let this user read " +
@@ -699,6 +724,7 @@ void Collector::Core::ask(Time now) {
   }
   while (const auto name = states_.next(now, random_)) requests[*name];
   while (const auto topic = lists_.next(now, random_)) {
+    ++counters_.listRequests;
     const auto [partition, name] = topics_.listOf(*topic).value();
     requests[name].add_parts(partition);
   }

@@ -82,6 +82,7 @@ class ORV_REPORTING_EXPORT Collector final : public Endpoint {
   struct Counters {
     std::array<std::uint64_t, 4> outcomes{};  ///< events by Follower::Outcome
     std::uint64_t requests = 0;               ///< roots that were asked for
+    std::uint64_t listRequests = 0;           ///< lists that were asked for
     std::uint64_t treeRequests = 0;           ///< those of them that were asked for whole
     std::uint64_t strangers = 0;              ///< messages that are none of the protocol's
   };

@@ -45,8 +45,12 @@ Flights::Rest Flights::disconnected(Time now) {
 // it go alone, also while the others never come to rest.
 bool Flights::mayGo(const std::string& root) const {
   if (isDoubted(root)) return bytes_.empty();
+  return roots_.size() < window_ && hasRoom();
+}
+
+bool Flights::hasRoom() const {
   const bool isAlone = roots_.size() == 1 && isDoubted(roots_.begin()->second);
-  return !isAlone && roots_.size() < window_ && hasRoom();
+  return !isAlone && allBytes_ < MOST_BYTES;
 }
 
 void Flights::goes(std::uint64_t number, const std::string& root, std::size_t bytes) {
@@ -60,7 +64,7 @@ void Flights::goesBeside(std::uint64_t number, std::size_t bytes) {
   allBytes_ += bytes;
 }
 
-// Whether it was an event of a root for the first time.
+// Whether it was an event of a root, and not what went out beside.
 bool Flights::land(std::uint64_t number, std::string& root) {
   const auto bytes = bytes_.find(number);
   if (bytes == bytes_.end()) return false;

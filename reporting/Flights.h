@@ -63,7 +63,7 @@ class Flights {
   // Whether the root whose turn it is may go out now. If not, nobody behind it may.
   bool mayGo(const std::string& root) const;
   // Whether anything may go out beside what is on its way.
-  bool hasRoom() const { return allBytes_ < MOST_BYTES; }
+  bool hasRoom() const;
   void goes(std::uint64_t number, const std::string& root, std::size_t bytes);
   void goesBeside(std::uint64_t number, std::size_t bytes);
   bool isOnItsWay(const std::string& root) const { return numbers_.count(root) > 0; }

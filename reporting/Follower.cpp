@@ -71,6 +71,12 @@ void Follower::miss() noexcept {
   if (reported_) highest_ = std::max(highest_, reported_->n);
 }
 
+void Follower::distrust() noexcept {
+  sequence_ = {};
+  highest_ = doubted_ = 0;
+  reported_.reset();
+}
+
 void Follower::resume(Tree tree, const Sequence& sequence) {
   leaveEpoch();
   tree_ = std::move(tree);

@@ -61,6 +61,9 @@ class ORV_REPORTING_EXPORT Follower {
   /// What the reporter spoke of last is missing, and not on its way.
   void miss() noexcept;
 
+  /// The reporter uses numbers again: the tree stays, and only a whole tree is right.
+  void distrust() noexcept;
+
   /// Begins with a tree that somebody has kept, as it was after that event.
   void resume(Tree tree, const Sequence& sequence);
 

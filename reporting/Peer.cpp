@@ -22,8 +22,10 @@ Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, boo
     // The will of a connection that is over can come after the first state of the next one.
     if (state.connection() < connection_) return Verdict::OLD;
     // A will has the version of the moment when its connection began.
-    if (isOnline && state.connection() == connection_ && state.version() < version_) {
-      return Verdict::OLD;
+    if (isOnline && state.version() < version_) {
+      if (state.connection() == connection_) return Verdict::OLD;
+      news.wasSetBack = true;
+      forgetVersions();
     }
   } else if (isKnown_) {
     if (!isOnline) return Verdict::OLD;
@@ -34,18 +36,22 @@ Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, boo
       rival_ = state.start();
       return isNew ? Verdict::RIVAL : Verdict::OLD;
     }
-    replaceProcess();
+    earlier_.push_back(start_);
+    if (earlier_.size() > mostEarlier) earlier_.pop_front();
+    forgetVersions();
   }
   isKnown_ = true;
   start_ = state.start();
   connection_ = state.connection();
-  version_ = state.version();
+  if (isOnline) version_ = state.version();
   isOnline_ = isOnline;
   isConfirmed_ = !isOnline || !isRetained;
   heard_ = now;
-  news.isOther = before != std::tuple(start_, isOnline_, isConfirmed_);
+  news.isOther = news.wasSetBack || before != std::tuple(start_, isOnline_, isConfirmed_);
   spokenOf_.clear();
-  for (const auto& told : state.parts()) spokenOf_.insert(told.partition());
+  for (const auto& told : state.parts()) {
+    if (told.partition() >= first_ && told.partition() <= last_) spokenOf_.insert(told.partition());
+  }
   // A will tells nothing of the parts: it is as old as its connection.
   if (!isOnline) return Verdict::TAKEN;
 
@@ -60,6 +66,7 @@ Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, boo
     part.agrees = part.version == told.version() && part.roots.size() == told.roots() &&
                   part.sum == told.sum();
     if (isRetained) continue;
+    if (!part.agrees) part.isAwaited = true;
     if (part.version < told.version()) {
       news.announced.push_back(told.partition());
     } else if (!part.agrees) {
@@ -90,6 +97,7 @@ bool Peer::take(unsigned int partition, const orv::proto::monitoring::RootList& 
   if (list.version() < part.version || (isRetained && part.isConfirmed)) return false;
   heard_ = now;
   unlisted = std::move(part.roots);
+  const bool wasAwaited = part.isAwaited;
   part = {};
   for (const auto& root : list.roots()) {
     if (Topics::partitionOf(root.root()) != partition) continue;
@@ -97,13 +105,13 @@ bool Peer::take(unsigned int partition, const orv::proto::monitoring::RootList& 
     unlisted.erase(root.root());
   }
   part.version = list.version();
+  part.isAwaited = wasAwaited;
   part.isConfirmed = part.agrees = !isRetained;
   return true;
 }
 
-void Peer::replaceProcess() {
-  earlier_.push_back(start_);
-  if (earlier_.size() > mostEarlier) earlier_.pop_front();
+void Peer::forgetVersions() {
+  version_ = 0;
   for (auto& [partition, part] : parts_) {
     part.version = 0;
     part.isConfirmed = part.agrees = false;

@@ -8,6 +8,8 @@
 // - Of one process (`start`) the state of a later connection counts, so that the will of an earlier
 //   one does not say that the reporter is gone while it is there. Of one connection the later state
 //   counts, but for its will.
+// - A state that is online, of a later connection, with a lower version than was heard before: the
+//   process was set back to an earlier moment.
 // - A state that is not online, of another process, is the late will of an earlier one: it is old.
 // - A state that is online, of another process, is a new process. But if that process had the name
 //   before and the present one is online, then two processes have one name, and the later one
@@ -60,8 +62,8 @@ class Peer {
     std::uint64_t version = 0;  // of the list; 0: it is that of an earlier process
     std::uint64_t sum = 0;      // of the marks of where the collector is
     bool isConfirmed = false;
-    bool agrees = false;     // the last word on it, which was a state, or is its list
-    bool isAwaited = false;  // some root waits for the next word
+    bool agrees = false;     // the last state or list of it is in step with the collector
+    bool isAwaited = false;  // some root waits for the next word, or the list was needed
   };
   // What follows from a message for the parts.
   struct News {
@@ -69,8 +71,9 @@ class Peer {
     std::vector<unsigned int> differing;  // their lists have to be asked for
     std::vector<unsigned int> agreed;     // that were not confirmed, or awaited
     std::vector<unsigned int> gone;
-    Roots unlisted;        // roots that were listed and are no longer
-    bool isOther = false;  // whether it is there, or which process it is, has changed
+    Roots unlisted;           // roots that were listed and are no longer
+    bool isOther = false;     // whether it is there, or which process it is, has changed
+    bool wasSetBack = false;  // it goes on from an earlier moment of the same process
   };
 
   // It tells of the partitions from the first to the last.
@@ -110,7 +113,7 @@ class Peer {
   bool isLongGone(Time now, Time::duration age);
 
  private:
-  void replaceProcess();
+  void forgetVersions();
 
   unsigned int first_;
   unsigned int last_;

@@ -10,6 +10,7 @@
 
 #include "proto/monitoring/reporting.pb.h"
 #include "reporting/Agenda.h"
+#include "reporting/Backoff.h"
 #include "reporting/Flights.h"
 #include "reporting/Resends.h"
 #include "reporting/Roster.h"
@@ -82,6 +83,12 @@ class Reporter::Core {
     std::size_t kept = 0;                 // counted in `kept_`
   };
 
+  // What the broker has kept of another process of this name.
+  struct Left {
+    std::set<std::string> roots;
+    std::set<unsigned int> parts;
+  };
+
   Root& takeUp(const std::string& id);
   void queue(const std::string& id);
   void awaitTreeDue(const std::string& id, const Root& root);
@@ -98,7 +105,8 @@ class Reporter::Core {
   void relist(const std::string& id);
   void publishState(bool isOnline);
   void publishLists();
-  void clearLeft();
+  void noteGone(std::uint64_t start);
+  void clearLeft(std::uint64_t start);
   void publishNext(const std::string& id, Time now);
   void publishAgain(const std::string& id, Root& root);
   Message eventOf(const std::string& id, const Sequence& sequence) const;
@@ -106,7 +114,8 @@ class Reporter::Core {
   void receiveRequest(const Message& message, Time now);
   void countRequest(const std::string& id, Root& root, Time now);
   void receiveState(const Message& message, Time now);
-  void receiveList(unsigned int partition, const Message& message);
+  void receiveGone(const Message& message);
+  void receiveList(unsigned int partition, const Message& message, Time now);
   void saySoon() { stateDue_ = std::min(stateDue_, lastState_ + betweenStates); }
   void complain(const Problem& problem) const {
     if (callbacks_.problem) callbacks_.problem(problem);
@@ -132,16 +141,18 @@ class Reporter::Core {
   Roster roster_;
   std::optional<std::uint64_t> stateOnItsWay_;
   std::map<std::uint64_t, unsigned int> listsOnTheirWay_;
-  std::optional<Time> doubtEnds_;      // until then the broker sends the lists that it has kept
-  std::set<std::string> left_;         // roots that an earlier process listed and this one has not
-  std::set<unsigned int> leftLists_;   // and its lists
-  std::optional<std::uint64_t> gone_;  // start of an earlier process that is gone for sure
-  bool isAskedInVain_ = false;         // which was told
-  bool isOwnStateAwaited_ = false;     // none has arrived on this connection
-  Time opensAt_;                       // for events
+  std::optional<Time> doubtEnds_;       // until then the broker sends the lists that it has kept
+  std::map<std::uint64_t, Left> left_;  // by start, until that process is gone for sure
+  std::optional<std::uint64_t> gone_;   // start of an earlier process that is gone for sure
+  bool isAskedInVain_ = false;          // which was told
+  bool isOwnStateAwaited_ = false;      // none has arrived on this connection
+  Time opensAt_;                        // for events
   Time lastState_;
   Time stateDue_;
   std::map<std::string, std::string> refusals_;  // that were told last, of states and of lists
+  unsigned int endsOnLists_ = 0;                 // the same of lists
+  Backoff listPauses_{std::chrono::seconds(5), std::chrono::minutes(10)};
+  Time listsOpenAt_;
   unsigned int endsOnState_ = 0;        // of connections, in a row, on which nothing was answered
   std::optional<std::uint64_t> rival_;  // start of a second process of this name
 };
@@ -149,7 +160,6 @@ class Reporter::Core {
 Reporter::Core::Root& Reporter::Core::takeUp(const std::string& id) {
   const auto known = roots_.find(id);
   if (known != roots_.end()) return known->second;
-  left_.erase(id);
   return roots_.emplace(id, Sender(random_(), options_.treePause, options_.leastKept))
       .first->second;
 }
@@ -198,7 +208,9 @@ std::optional<Reporter::View> Reporter::Core::view(const std::string& id) const 
 
 Message Reporter::Core::connecting() {
   ++connection_;
-  return state(false);
+  Message will = state(false);
+  will.topic = topics_.gone(name_);
+  return will;
 }
 
 void Reporter::Core::connected(Link& link, Time now) {
@@ -210,11 +222,12 @@ void Reporter::Core::connected(Link& link, Time now) {
   doubtEnds_ = now + lookBack;
   opensAt_ = connection_ > 1 ? now + lookBack : now;
   flights_.connected(now);
-  link_->subscribe({topics_.request(name_), topics_.state(name_), topics_.rootsOf(name_)},
-                   Kept::ALWAYS);
+  link_->subscribe(
+      {topics_.request(name_), topics_.state(name_), topics_.gone(name_), topics_.rootsOf(name_)},
+      Kept::ALWAYS);
 }
 
-// Collectors hear at once that this was in order, and where every root is.
+// Collectors hear at once that this was in order.
 bool Reporter::Core::ending(Time /*now*/) {
   if (link_ == nullptr) return false;
   publishState(false);
@@ -224,6 +237,7 @@ bool Reporter::Core::ending(Time /*now*/) {
 
 void Reporter::Core::disconnected(Time now) {
   link_ = nullptr;
+  const bool hadLists = !listsOnTheirWay_.empty();
   for (const auto& [number, partition] : listsOnTheirWay_) roster_.owe(partition);
   listsOnTheirWay_.clear();
   const Flights::Rest rest = flights_.disconnected(now);
@@ -238,6 +252,12 @@ void Reporter::Core::disconnected(Time now) {
     const std::string& known = roots_.at(*rest.refused).problem;
     refuse(*rest.refused, known.empty() ? endsConnection : known);
   }
+  // Where lists end connections, events have to get out between two attempts.
+  endsOnLists_ = rest.roots.empty() && !stateOnItsWay_ && hadLists ? endsOnLists_ + 1 : 0;
+  if (endsOnLists_ > 1) {
+    tellRefusal("a list of the roots", endsConnection);
+    listsOpenAt_ = now + listPauses_.next();
+  }
   endsOnState_ = rest.roots.empty() && stateOnItsWay_ ? endsOnState_ + 1 : 0;
   if (endsOnState_ > 1) tellRefusal("the state", endsConnection);
   stateOnItsWay_.reset();
@@ -251,7 +271,10 @@ void Reporter::Core::settled(std::uint64_t number, const std::string& refusal, T
   }
   if (const auto list = listsOnTheirWay_.extract(number)) {
     flights_.taken(number, now);
-    if (!refusal.empty()) roster_.owe(list.mapped());  // with the next state
+    endsOnLists_ = 0;
+    listPauses_.reset();
+    if (refusal.empty()) return;
+    roster_.owe(list.mapped());  // with the next state
     return tellRefusal("a list of the roots", refusal);
   }
   if (!refusal.empty()) {
@@ -365,8 +388,9 @@ void Reporter::Core::tellRefusal(const std::string& what, const std::string& rea
 void Reporter::Core::received(const Message& message, Time now) {
   if (message.topic == topics_.request(name_)) receiveRequest(message, now);
   if (message.topic == topics_.state(name_)) receiveState(message, now);
+  if (message.topic == topics_.gone(name_)) receiveGone(message);
   const auto list = topics_.listOf(message.topic);
-  if (list && list->second == name_) receiveList(list->first, message);
+  if (list && list->second == name_) receiveList(list->first, message, now);
 }
 
 Time Reporter::Core::serve(Time now) {
@@ -375,20 +399,27 @@ Time Reporter::Core::serve(Time now) {
     doubtEnds_.reset();
     if (roster_.oweDoubted()) saySoon();
   }
+  // What a state has announced comes before the next one: else lists would never go out where
+  // answers take longer than the time between two states.
+  if (!stateOnItsWay_ && listsOpenAt_ <= now) publishLists();
   if (stateDue_ <= now && !stateOnItsWay_) {
     publishState(true);
     lastState_ = now;
     stateDue_ = now + options_.heartbeat;
   }
-  if (!stateOnItsWay_) publishLists();
+  const bool areListsHeldUp = roster_.next() && now < listsOpenAt_;
   const Time next =
-      std::min(stateOnItsWay_ ? Time::max() : stateDue_, doubtEnds_.value_or(Time::max()));
+      std::min({stateOnItsWay_ ? Time::max() : stateDue_, doubtEnds_.value_or(Time::max()),
+                areListsHeldUp ? listsOpenAt_ : Time::max()});
   if (now < opensAt_) return std::min(opensAt_, next);
   agenda_.advance(now);
   if (const auto id = flights_.retry(now)) agenda_.queue(*id);
   while (const auto again = resends_.next(now)) {
     Root& root = roots_.at(again->first);
-    root.resendAfter = Sequence{root.sender.last().epoch, again->second};
+    const Sequence after{root.sender.last().epoch, again->second};
+    const bool isWiderAsked =
+        root.resendAfter && root.resendAfter->epoch == after.epoch && root.resendAfter->n < after.n;
+    if (!isWiderAsked) root.resendAfter = after;
     queue(again->first);
   }
   const std::string* first = agenda_.first();
@@ -474,7 +505,7 @@ Message Reporter::Core::state(bool isOnline) const {
 // The lists that a state announces go out once the broker has taken it: it says which process they
 // are of, and if the broker refuses it, that is not to be lost among the answers to the lists.
 void Reporter::Core::publishState(bool isOnline) {
-  version_ = roster_.stamp(version_) + 1;
+  version_ = roster_.announce(version_) + 1;
   stateOnItsWay_ = link_->publish(state(isOnline));
 }
 
@@ -525,7 +556,8 @@ void Reporter::Core::receiveRequest(const Message& message, Time now) {
   for (const std::string& id : request.roots()) ask(id, std::nullopt);
   for (const auto& have : request.have()) ask(have.root(), Sequence{have.epoch(), have.n()});
   for (const unsigned int partition : request.parts()) roster_.owe(partition);
-  if (request.roots().empty() && request.have().empty()) saySoon();
+  const bool isForRoots = !request.roots().empty() || !request.have().empty();
+  if (!isForRoots || !request.parts().empty()) saySoon();
 }
 
 void Reporter::Core::receiveState(const Message& message, Time now) {
@@ -536,46 +568,55 @@ void Reporter::Core::receiveState(const Message& message, Time now) {
   }
   opensAt_ = now;
   const bool isOwn = state.start() == start_;
-  const bool wasSetBack = isOwn && state.version() > version_;
+  const bool wasSetBack = isOwn && (state.version() > version_ || state.connection() > connection_);
   // The topic was subscribed to before the first state went out. So if that arrives as news, the
   // broker had none: it has lost the trees as well, and who asks for them may come too late.
   const bool isFirst = std::exchange(isOwnStateAwaited_, false);
   if (wasSetBack) {
-    gone_ = start_;
     beginAnew(now);
-    clearLeft();
   } else if (isFirst && isOwn && state.online() && !message.isRetained && connection_ > 1) {
     renewTrees(now);
   }
-  if (!state.online()) {  // the will of a connection that ended earlier
+  if (!state.online()) {  // the last word of an earlier process, in place of the present state
     saySoon();
   } else if (!isOwn && !message.isRetained && rival_ != state.start()) {
     rival_ = state.start();
     complain({Problem::Kind::RIVAL, "", "", "Another process reports under the name " + name_});
   }
-  if (!isOwn && !state.online()) {
-    gone_ = state.start();
-    clearLeft();
-  }
+  if (!isOwn && !state.online()) noteGone(state.start());
+}
+
+// A will of this process is that of a connection that is over, as everybody can tell.
+void Reporter::Core::receiveGone(const Message& message) {
+  monitoring::ReporterState will;
+  if (will.ParseFromString(message.payload) && will.start() != start_) noteGone(will.start());
+}
+
+void Reporter::Core::noteGone(std::uint64_t start) {
+  gone_ = start;
+  clearLeft(start);
 }
 
 // What the broker has kept of this process tells what it has; of an earlier one, which roots must
-// not stay. That one may still be there, as another process of this name, until its will says that
-// it is gone.
-void Reporter::Core::receiveList(unsigned int partition, const Message& message) {
+// not stay. That one may still be there, as another process of this name, until it or its will says
+// that it is gone.
+void Reporter::Core::receiveList(unsigned int partition, const Message& message, Time now) {
   monitoring::RootList list;
-  if (!message.isRetained || !list.ParseFromString(message.payload)) return;
+  if (!list.ParseFromString(message.payload)) return;
+  if (list.start() == start_ && list.version() > version_) return beginAnew(now);
+  if (!message.isRetained) return;
   if (list.start() == start_ && roster_.foundKept(partition, list.version())) return;
-  leftLists_.insert(partition);
-  for (const auto& root : list.roots()) {
-    if (roots_.count(root.root()) == 0) left_.insert(root.root());
-  }
-  if (list.start() == start_ || list.start() == gone_) clearLeft();
+  Left& left = left_[list.start()];
+  left.parts.insert(partition);
+  for (const auto& root : list.roots()) left.roots.insert(root.root());
+  if (list.start() == start_ || list.start() == gone_) clearLeft(list.start());
 }
 
-void Reporter::Core::clearLeft() {
-  for (const std::string& id : std::exchange(left_, {})) clear(id);
-  for (const unsigned int partition : std::exchange(leftLists_, {})) roster_.replace(partition);
+void Reporter::Core::clearLeft(std::uint64_t start) {
+  const auto left = left_.extract(start);
+  if (left.empty()) return;
+  for (const std::string& id : left.mapped().roots) clear(id);
+  for (const unsigned int partition : left.mapped().parts) roster_.oweEvenIfEmpty(partition);
   saySoon();
 }
 
@@ -585,7 +626,7 @@ void Reporter::Core::beginAnew(Time now) {
   complain({Problem::Kind::SET_BACK, "", "",
             "This process was set back in time, or copied: all trees are sent anew"});
   random_.seed(drawSeed());
-  start_ = random_();
+  gone_ = std::exchange(start_, random_());
   flights_.forget(now);
   stateOnItsWay_.reset();
   listsOnTheirWay_.clear();
@@ -595,11 +636,13 @@ void Reporter::Core::beginAnew(Time now) {
     root.sender.restart(random_());
     countKept(root);
     resends_.drop(id);
+    root.resendAfter.reset();
     root.isChanged = true;
     agenda_.drop(id);
     relist(id);
     queue(id);
   }
+  clearLeft(*gone_);
 }
 
 void Reporter::Core::renewTrees(Time now) {

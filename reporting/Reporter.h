@@ -44,8 +44,8 @@ struct ReporterCallbacks {
 /// while there is no connection, goes out as one event later; nothing that lasts is lost. An event
 /// that the broker refuses is made anew and tried again, after pauses that double from five seconds
 /// to ten minutes. It then goes out alone, so that a broker that ends the connection with a
-/// refusal, or in place of one, holds up no other root. A root that comes or goes is listed by the
-/// next state of the reporter, within a second.
+/// refusal, or in place of one, holds up no other root. A root that comes or goes is listed within
+/// a second.
 ///
 /// Every reporter of a fleet needs a name of its own, and every root one reporter. A second process
 /// of the same name is told of, once; both go on.
@@ -79,9 +79,7 @@ class ORV_REPORTING_EXPORT Reporter final : public Endpoint {
   /// in place of the tree reported for that root before. O(log of the number of roots); the cost of
   /// `Sender::next` falls due in `serve`. Throws std::invalid_argument for no tree.
   ///
-  /// The will of a connection lists the roots of the moment when it is made: report the trees that
-  /// are there before the first `serve`. A root that comes back while its removal is on its way
-  /// goes on with its sequence.
+  /// A root that comes back while its removal is on its way goes on with its sequence.
   void report(const Tree& live);
 
   /// The root is gone: its tree is let go, receivers forget it. Does nothing for an unknown root.

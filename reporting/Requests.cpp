@@ -28,6 +28,9 @@ void Requests::need(const std::string& id, Time now, milliseconds patience, std:
   Needed& needed = entry->second;
   if (isNew) {
     needed.pauses.next();
+  } else if (!agenda_.contains(id)) {
+    agenda_.at(id, roundUp(now + needed.pauses.next(random), grainAgain));
+    return;
   } else if (needed.pauses.count() > 1 || patience >= needed.patience) {
     return;
   }
@@ -42,6 +45,12 @@ void Requests::drop(const std::string& id) {
   makeRoom(id);
   agenda_.drop(id);
   needed_.erase(entry);
+}
+
+void Requests::rest(const std::string& id) {
+  if (needed_.count(id) == 0) return;
+  makeRoom(id);
+  agenda_.drop(id);
 }
 
 void Requests::makeRoom(const std::string& id) {

@@ -1,4 +1,4 @@
-// When a collector asks for what it lacks: trees of roots, and states of reporters.
+// When a collector asks for what it lacks: trees of roots, states of reporters, lists of roots.
 //
 // - Each is asked for at first within a time that the caller says, spread at random, because
 //   whatever made one collector lack it made others lack it as well. Then again with pauses that
@@ -42,6 +42,10 @@ class Requests {
             std::mt19937_64& random);
   // It has come, or nobody can be asked.
   void drop(const std::string& id);
+  // Something has come, and it is not known yet whether that helps. It is asked for again when it
+  // is needed once more, with pauses that go on growing: else an answer that does not help would be
+  // asked for without end.
+  void rest(const std::string& id);
 
   // How often it was asked for since it is needed.
   unsigned int timesAsked(const std::string& id) const;

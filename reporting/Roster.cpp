@@ -1,5 +1,7 @@
 #include "reporting/Roster.h"
 
+#include <utility>
+
 #include "reporting/Mark.h"
 #include "reporting/Topics.h"
 
@@ -8,15 +10,25 @@ namespace orv::reporting {
 bool Roster::put(const std::string& root, const Sequence& latest, const std::string& heldBack) {
   const unsigned int partition = Topics::partitionOf(root);
   Part& part = parts_[partition];
-  const auto [entry, isNew] = part.roots.try_emplace(root, Root{latest, heldBack, hashOf(root)});
+  auto entry = part.roots.find(root);
+  const bool isNew = entry == part.roots.end();
+  if (isNew) {
+    entry = part.roots.emplace(root, Root{latest, heldBack, hashOf(root)}).first;
+  } else {
+    part.sum -= markOf(entry->second.hash, entry->second.latest);
+  }
   Root& known = entry->second;
-  if (!isNew) part.sum -= markOf(known.hash, known.latest);
   part.sum += markOf(known.hash, latest);
-  const bool isOwed = isNew || known.heldBack != heldBack;
   known.latest = latest;
-  if (known.heldBack != heldBack) known.heldBack = heldBack;
-  if (isOwed) owe(partition);
-  return isOwed;
+  if (!isNew && known.heldBack == heldBack) return false;
+  known.heldBack = heldBack;
+  change(partition, part);
+  return true;
+}
+
+void Roster::change(unsigned int partition, Part& part) {
+  part.isChanged = true;
+  owed_.insert(partition);
 }
 
 bool Roster::drop(const std::string& root) {
@@ -27,7 +39,7 @@ bool Roster::drop(const std::string& root) {
   if (entry == part->second.roots.end()) return false;
   part->second.sum -= markOf(entry->second.hash, entry->second.latest);
   part->second.roots.erase(entry);
-  owe(partition);
+  change(partition, part->second);
   return true;
 }
 
@@ -35,7 +47,7 @@ void Roster::owe(unsigned int partition) {
   if (parts_.count(partition) > 0) owed_.insert(partition);
 }
 
-void Roster::replace(unsigned int partition) {
+void Roster::oweEvenIfEmpty(unsigned int partition) {
   parts_.try_emplace(partition);
   owe(partition);
 }
@@ -62,29 +74,29 @@ bool Roster::oweDoubted() {
 }
 
 void Roster::oweAll() {
-  for (const auto& [partition, part] : parts_) owed_.insert(partition);
+  for (auto& [partition, part] : parts_) change(partition, part);
 }
 
-std::uint64_t Roster::stamp(std::uint64_t version) {
+std::uint64_t Roster::announce(std::uint64_t version) {
   for (const unsigned int partition : owed_) {
     Part& part = parts_.at(partition);
-    part.version = ++version;
-    part.isDoubted = false;
-    stamped_.insert(partition);
+    if (std::exchange(part.isChanged, false) || part.version == 0) part.version = ++version;
+    announced_.insert(partition);
   }
   owed_.clear();
   return version;
 }
 
 std::optional<unsigned int> Roster::next() const {
-  if (stamped_.empty()) return std::nullopt;
-  return *stamped_.begin();
+  if (announced_.empty()) return std::nullopt;
+  return *announced_.begin();
 }
 
 std::string Roster::list(unsigned int partition, std::uint64_t start) {
-  stamped_.erase(partition);
+  announced_.erase(partition);
   const auto entry = parts_.find(partition);
-  const Part& part = entry->second;
+  Part& part = entry->second;
+  part.isDoubted = false;
   if (part.roots.empty()) {
     if (owed_.count(partition) == 0) parts_.erase(entry);
     return "";

@@ -3,7 +3,7 @@
 //
 // - A list says which roots there are, where each is, and what is held back. It goes out when a
 //   root comes or goes, or when what is held back changes; when the broker may not have it; and
-//   when somebody asks. With each it gets a new version.
+//   when somebody asks. If it says something else of what is there, it gets a new version.
 // - Where the roots are changes with each event. The sum of their marks in the summary tells that,
 //   so no list goes out for it: whoever has the same sum is where the reporter is.
 //
@@ -41,7 +41,7 @@ class Roster {
   void owe(unsigned int partition);
 
   // The broker has kept a list of that partition which is not to stay.
-  void replace(unsigned int partition);
+  void oweEvenIfEmpty(unsigned int partition);
 
   // The broker may have lost the lists that went out. What is not found to be kept, with its
   // version, is owed after `oweDoubted`.
@@ -51,9 +51,10 @@ class Roster {
   // All lists are owed, as those of another process.
   void oweAll();
 
-  // Gives each list that is owed a version, from `version` + 1 on, and returns the last.
-  std::uint64_t stamp(std::uint64_t version);
-  // The next list to go out, once it has a version.
+  // Announces the lists that are owed: gives those that say something else a version, from
+  // `version` + 1 on, and returns the last.
+  std::uint64_t announce(std::uint64_t version);
+  // The next list to go out of those that are announced.
   std::optional<unsigned int> next() const;
   // It goes out: empty for a list without roots, which the broker shall forget.
   std::string list(unsigned int partition, std::uint64_t start);
@@ -71,12 +72,15 @@ class Roster {
     std::map<std::string, Root> roots;
     std::uint64_t version = 0;
     std::uint64_t sum = 0;
+    bool isChanged = false;  // since it got its version
     bool isDoubted = false;
   };
 
+  void change(unsigned int partition, Part& part);
+
   std::map<unsigned int, Part> parts_;
   std::set<unsigned int> owed_;
-  std::set<unsigned int> stamped_;  // those of them that have their version
+  std::set<unsigned int> announced_;
 };
 
 }  // namespace orv::reporting

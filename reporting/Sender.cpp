@@ -40,7 +40,9 @@ const Publication* Sender::next(const Tree& live, Time now, std::string& errorMe
     return nullptr;
   }
   const bool isOutgrown = sinceTree_ > std::max(treeBytes_, leastBytes_);
+  isByChoice_ = fromNothing && snapshot_;
   if (isOutgrown && live && !isWholeTree(publication.event)) {
+    isByChoice_ = true;
     publication.event.Clear();
     EventHelper::ComputeEvent(nullptr, live, publication.event);
   }
@@ -95,6 +97,11 @@ void Sender::refused() noexcept {
     last_ = publication_->sequence;
     snapshot_.reset();
     letGo();
+  }
+  // It need not have been a whole tree, and the broker may take what has changed.
+  if (std::exchange(isByChoice_, false)) {
+    sinceTree_ = 0;
+    owesTree_ = false;
   }
   mayHaveArrived_ = false;
   publication_.reset();

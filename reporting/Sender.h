@@ -94,6 +94,7 @@ class ORV_REPORTING_EXPORT Sender {
   Tree published_;  // of a publication with the whole tree: the next snapshot
   std::optional<Time> lastTree_;
   bool owesTree_ = false;
+  bool isByChoice_ = false;  // what is on its way is a whole tree, and need not be
   std::size_t leastBytes_;
   std::size_t treeBytes_ = 0;  // of the last whole tree that the broker took
   std::size_t sinceTree_ = 0;  // bytes of the events after it

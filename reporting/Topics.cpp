@@ -56,6 +56,7 @@ unsigned int Topics::partitionOf(const std::string& root) {
 Topics::Topics(const std::string& prefix)
     : events_(prefix + "/event/"),
       states_(prefix + "/state/"),
+      gone_(prefix + "/gone/"),
       roots_(prefix + "/roots/"),
       requests_(prefix + "/request/") {
   if (!isPrefix(prefix)) {
@@ -104,6 +105,8 @@ std::string Topics::event(const std::string& root) const {
 
 std::string Topics::state(const std::string& name) const { return states_ + encode(name); }
 
+std::string Topics::gone(const std::string& name) const { return gone_ + encode(name); }
+
 std::string Topics::roots(unsigned int partition, const std::string& name) const {
   return roots_ + std::to_string(partition) + "/" + encode(name);
 }
@@ -111,6 +114,8 @@ std::string Topics::roots(unsigned int partition, const std::string& name) const
 std::string Topics::request(const std::string& name) const { return requests_ + encode(name); }
 
 std::string Topics::allStates() const { return states_ + "+"; }
+
+std::string Topics::allGone() const { return gone_ + "+"; }
 
 std::string Topics::allEvents() const { return events_ + "+/+"; }
 
@@ -135,8 +140,10 @@ std::optional<std::string> Topics::rootOf(const std::string& topic) const {
 }
 
 std::optional<std::string> Topics::reporterOf(const std::string& topic) const {
-  if (!startsWith(topic, states_)) return std::nullopt;
-  return decode(topic.substr(states_.size()));
+  for (const std::string& start : {states_, gone_}) {
+    if (startsWith(topic, start)) return decode(topic.substr(start.size()));
+  }
+  return std::nullopt;
 }
 
 std::optional<std::pair<unsigned int, std::string>> Topics::listOf(const std::string& topic) const {

@@ -12,6 +12,7 @@ namespace orv::reporting {
 ///
 ///     PREFIX/event/<partition>/<root>   the events of one root
 ///     PREFIX/state/<name>               the state of one reporter
+///     PREFIX/gone/<name>                its will
 ///     PREFIX/roots/<partition>/<name>   its roots in one partition
 ///     PREFIX/request/<name>             requests to it
 ///
@@ -39,12 +40,14 @@ class ORV_REPORTING_EXPORT Topics {
 
   std::string event(const std::string& root) const;
   std::string state(const std::string& name) const;
+  std::string gone(const std::string& name) const;
   std::string roots(unsigned int partition, const std::string& name) const;
   std::string request(const std::string& name) const;
 
-  /// What to subscribe to for the states of all reporters, for the events and lists of all roots,
-  /// for those of one partition, and for all lists of one reporter.
+  /// What to subscribe to for the states and wills of all reporters, for the events and lists of
+  /// all roots, for those of one partition, and for all lists of one reporter.
   std::string allStates() const;
+  std::string allGone() const;
   std::string allEvents() const;
   std::string eventsOf(unsigned int partition) const;
   std::string allRoots() const;
@@ -53,13 +56,14 @@ class ORV_REPORTING_EXPORT Topics {
 
   /// The root or name of a topic that the operations above made; nothing for every other topic.
   std::optional<std::string> rootOf(const std::string& topic) const;
-  std::optional<std::string> reporterOf(const std::string& topic) const;  ///< of its state
+  std::optional<std::string> reporterOf(const std::string& topic) const;  ///< of its state or will
   /// The partition and the reporter of a list.
   std::optional<std::pair<unsigned int, std::string>> listOf(const std::string& topic) const;
 
  private:
   std::string events_;
   std::string states_;
+  std::string gone_;
   std::string roots_;
   std::string requests_;
 };

@@ -31,8 +31,9 @@ class Forgetter final : public Endpoint {
     link_ = &link;
     lastNews_ = now;
     hasBegun_ = false;
-    link.subscribe({topics_.state(name_), topics_.rootsOf(name_), topics_.allEvents()},
-                   Kept::ALWAYS);
+    link.subscribe(
+        {topics_.state(name_), topics_.gone(name_), topics_.rootsOf(name_), topics_.allEvents()},
+        Kept::ALWAYS);
   }
 
   void disconnected(Time /*now*/) override {
@@ -56,6 +57,8 @@ class Forgetter final : public Endpoint {
     const auto list = topics_.listOf(message.topic);
     if (message.topic == topics_.state(name_)) {
       isKnown_ = state_.ParseFromString(message.payload) && !message.payload.empty();
+    } else if (message.topic == topics_.gone(name_)) {
+      will_.ParseFromString(message.payload);
     } else if (list && list->second == name_ && message.isRetained) {
       lists_.insert(message.topic);
     } else if (message.isRetained && Topics::decode(message.reporter) == name_) {
@@ -69,7 +72,9 @@ class Forgetter final : public Endpoint {
     if (!isKnown_ && trees_.empty() && lists_.empty()) {
       throw std::runtime_error("the broker knows no reporter '" + name_ + "'");
     }
-    if (state_.online() && !isForced_) {
+    const bool isWillOfState =
+        will_.start() == state_.start() && will_.connection() >= state_.connection();
+    if (state_.online() && !isWillOfState && !isForced_) {
       throw std::runtime_error("the reporter '" + name_ +
                                "' is online: stop it first, or say --force");
     }
@@ -77,6 +82,7 @@ class Forgetter final : public Endpoint {
     for (const std::string& topic : trees_) clear(topic);
     for (const std::string& topic : lists_) clear(topic);
     // The state last: should this break off, the next attempt finds the reporter again.
+    clear(topics_.gone(name_));
     clear(topics_.state(name_));
     return Time::max();
   }
@@ -98,8 +104,9 @@ class Forgetter final : public Endpoint {
   bool hasBegun_ = false;
   bool isKnown_ = false;
   orv::proto::monitoring::ReporterState state_;
-  std::set<std::string> trees_;  // topics of its trees
-  std::set<std::string> lists_;  // and of its lists
+  orv::proto::monitoring::ReporterState will_;  // of its last connection that broke
+  std::set<std::string> trees_;                 // topics of its trees
+  std::set<std::string> lists_;                 // and of its lists
   std::map<std::uint64_t, std::string> onTheirWay_;
 };
 

@@ -77,7 +77,13 @@ class CollectorTest : public ::testing::Test {
     return {{}, changed, [this](const auto& problem) { talk.tell(problem.text); }};
   }
 
-  Collector collector{callbacks()};
+  static CollectorOptions seeded() {
+    CollectorOptions options;
+    options.seed = 1;
+    return options;
+  }
+
+  Collector collector{callbacks(), seeded()};
   Conversation talk{collector};
 };
 
@@ -90,9 +96,8 @@ TEST_F(CollectorTest, OfTwoReportersOfOneRootFollowsTheFirst) {
     talk.hear(state("a", 1, {{"r", {10, n}}})).hear(state("b", 2, {{"r", {20, 1}}}));
   }
   talk.expect("r is out of date, r is current");
-  talk.hear(goodbye("a", 1)).expect("r has no reporter");
-  talk.hear(state("b", 2, {{"r", {20, 1}}})).hear(tree("r", {20, 2}));
-  talk.expect("r is out of date, r is current");
+  talk.hear(goodbye("a", 1)).expect("r is out of date");
+  talk.hear(state("b", 2, {{"r", {20, 1}}})).hear(tree("r", {20, 2})).expect("r is current");
   talk.after(100s).expect("").after(2s).expect("r has no reporter");
   talk.hear({topics.state("b"), "", true, {}, {}}).expect("r is forgotten");
 }
@@ -115,9 +120,9 @@ TEST_F(CollectorTest, OfAPartHearsOfThatPart) {
   other.hear(tree("r", {1, 1})).hear(tree("elsewhere", {2, 1}));
   const std::string events = topics.event("r");
   const std::string lists = topics.roots(options.firstPartition, "a");
-  EXPECT_EQ(other.topics,
-            (std::vector<std::string>{"orv/1/state/+", lists.substr(0, lists.size() - 1) + "+",
-                                      events.substr(0, events.size() - 1) + "+"}));
+  EXPECT_EQ(other.topics, (std::vector<std::string>{"orv/1/state/+", "orv/1/gone/+",
+                                                    lists.substr(0, lists.size() - 1) + "+",
+                                                    events.substr(0, events.size() - 1) + "+"}));
   EXPECT_EQ(some.roots(), std::vector<std::string>{"r"});
 }
 
@@ -155,6 +160,33 @@ TEST_F(CollectorTest, TakesAKeptStateForNoSignOfLife) {
   talk.hear(state("a", 1, {{"r", {1, 6}}})).after(1s).expect("ask a r after 1");
 }
 
+// The sum is that of the marks, which every reporter has to compute in the same way.
+TEST_F(CollectorTest, AsksForNoListWhileAStateAgrees) {
+  std::vector<Message> said = state("a", 1, {{"r", {1, 1}}});
+  talk.hear(said).hear(tree("r", {1, 1})).expect("r is awaited, r is current");
+  orv::proto::monitoring::ReporterState state;
+  state.ParseFromString(said.front().payload);
+  auto& part = *state.mutable_parts(0);
+  part.set_roots(1);
+  for (const std::uint64_t sum : {17942013593802900437U, 17942013593802900436U}) {
+    part.set_sum(sum);
+    state.set_version(state.version() + 1);
+    said.front().payload = state.SerializeAsString();
+    talk.hear(said.front()).after(90s);
+    EXPECT_EQ(talk.count("ask a part 213") > 0, sum % 2 == 0);
+    talk.forget();
+  }
+}
+
+// Two hours later nothing of the root is left that its former reporter could stumble over.
+TEST_F(CollectorTest, OutlivesARootThatAReporterWhichIsGoneLists) {
+  talk.hear(state("b", 2, {{"r", {1, 1}}, {"s", {2, 1}}})).hear(tree("r", {1, 1}));
+  talk.hear(goodbye("b", 2)).hear(state("a", 1, {{"r", {3, 1}}})).hear(state("a", 1, {}));
+  for (int i = 0; i < 150; ++i) talk.hear(state("a", 1, {})).after(50s);
+  talk.forget().hear(state("b", 2, {{"r", {1, 1}}, {"s", {2, 1}}}));
+  talk.expect("r is awaited");
+}
+
 TEST_F(CollectorTest, GathersAndLimitsRequestsThatGrowRare) {
   Roots roots;
   for (int i = 0; i < 1000; ++i) roots.push_back({std::to_string(i), {1, 1}});
@@ -172,7 +204,7 @@ TEST_F(CollectorTest, GathersAndLimitsRequestsThatGrowRare) {
 }
 
 TEST_F(CollectorTest, AsksForTheEventsThatItLacks) {
-  CollectorOptions options;
+  CollectorOptions options = seeded();
   options.mostAwaited = 1;
   Collector one(callbacks(), options);
   Conversation other(one);
@@ -264,12 +296,13 @@ TEST_F(CollectorTest, SaysOnceWhatItSeemsToHaveNoRightToRead) {
 
 TEST_F(CollectorTest, SaysOnceThatEventsAreTooLarge) {
   CollectorOptions options;
-  options.mostBytes = 10;
+  options.mostBytes = 80;
   Collector small(callbacks(), options);
   Conversation other(small);
-  other.connect().hear(state("a", 1, {{"r", {1, 1}}})).hear(tree("r", {1, 1}));
-  other.hear(tree("r", {1, 2}));
-  talk.expect("r is awaited, An event of r is refused: it has 27 bytes");
+  const std::string large(100, 'x');
+  other.connect().hear(state("a", 1, {{"r", {1, 1}}})).hear(tree("r", {1, 1}, large));
+  other.hear(tree("r", {1, 2}, large));
+  talk.expect("r is awaited, An event of r is refused: it has 227 bytes");
   EXPECT_EQ(small.view("r")->reason, "its events are larger than this collector takes");
 }
 

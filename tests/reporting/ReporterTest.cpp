@@ -27,6 +27,8 @@ class ReporterTest : public ::testing::Test {
     return options;
   }
 
+  const Message ask{"orv/1/request/a", "", false, {}, {}};  // for the state
+
   Reporter reporter{"a", {{}, [this](const auto& problem) { talk.tell(problem.text); }}, options()};
   Conversation talk{reporter};
   std::vector<Tree> live;
@@ -53,7 +55,7 @@ TEST_F(ReporterTest, FindsTheRootForWhichTheBrokerEndsTheConnection) {
   changeAll(0, 0);
   talk.expect("tree 50").cut().connect().expect("state, change 0");  // once is no proof
   talk.take().expect("tree 50");
-  talk.hear(talk.will.value()).after(1s).expect("state");  // beside it, and not the culprit
+  talk.hear(ask).after(1s).expect("state");  // beside it, and not the culprit
   talk.cut().expect("The broker refuses 50: It ends the connection");
 
   // It is tried again after pauses that double up to ten minutes, with nothing beside it.
@@ -78,10 +80,10 @@ TEST_F(ReporterTest, BlamesNoRootWhenTheConnectionEndsForOtherReasons) {
   changeAll(0, 1);
   talk.connect().takeEach({"state, tree 0-1"});
   for (int i = 0; i < 3; ++i) {
-    talk.hear(talk.will.value()).after(1s).expect("state");
+    talk.hear(ask).after(1s).expect("state");
     talk.cut().connect().takeEach({"state"}).after(1s);
   }
-  talk.hear(talk.will.value()).expect("state").cut().connect().expect("state");
+  talk.hear(ask).expect("state").cut().connect().expect("state");
   talk.cut().expect("The broker refuses the state of a: It ends the connection");
   talk.connect().expect("state").cut().expect("");
 }
@@ -164,7 +166,7 @@ TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
   first.connect().takeEach({"state, tree r"});
   second.connect().takeEach({"state, tree r"});
   before.report(nodes::node("r", {nodes::node("later")}));
-  first.takeEach({"tree r"}).hear(first.will.value()).after(1s).expect("state");
+  first.takeEach({"tree r"}).hear(ask).after(1s).expect("state");
   EXPECT_EQ(second.last.sequence, Sequence::parse(second.last.sequence)->text());
   const std::string sequence = second.last.sequence;
   second.kept = first.kept;
@@ -180,15 +182,15 @@ TEST_F(ReporterTest, ClearsATreeThatItDoesNotHave) {
   changeAll(0, 1);
   orv::proto::monitoring::TreeRequest request;
   request.add_roots("gone");
-  const Message ask = {"orv/1/request/a", request.SerializeAsString(), false, {}, {}};
-  talk.withoutStates().connect().takeEach({"tree 0-1"}).hear(ask).takeEach({"no tree gone"});
-  talk.hear(ask).expect("no tree gone").refuse("not allowed");
+  const Message askFor = {"orv/1/request/a", request.SerializeAsString(), false, {}, {}};
+  talk.withoutStates().connect().takeEach({"tree 0-1"}).hear(askFor).takeEach({"no tree gone"});
+  talk.hear(askFor).expect("no tree gone").refuse("not allowed");
   talk.expect("The broker refuses gone: not allowed").after(3600s).expect("");
   EXPECT_TRUE(reporter.isSettled()) << "and leaves it alone";
 }
 
 TEST_F(ReporterTest, SendsAgainWhatACollectorLacks) {
-  const auto ask = [this](std::uint64_t epoch, std::uint64_t n) {
+  const auto askAfter = [this](std::uint64_t epoch, std::uint64_t n) {
     orv::proto::monitoring::TreeRequest request;
     auto& have = *request.add_have();
     have.set_root("0");
@@ -201,20 +203,20 @@ TEST_F(ReporterTest, SendsAgainWhatACollectorLacks) {
   for (int i = 0; i < 3; ++i) changeAll(0, 0), talk.takeEach({"change 0"});
   const Message last = talk.last;
   const std::uint64_t epoch = Sequence::parse(last.sequence)->epoch;
-  ask(epoch, 2), ask(epoch, 3), ask(epoch, 2);  // of three who ask at once
+  askAfter(epoch, 2), askAfter(epoch, 3), askAfter(epoch, 2);  // of three who ask at once
   talk.expect("change 0, change 0");
   EXPECT_TRUE(talk.last.sequence == last.sequence && talk.last.payload == last.payload);
   EXPECT_FALSE(talk.last.isRetained);
-  ask(epoch, 1),
+  askAfter(epoch, 1),
       talk.expect("").after(999ms).expect("").after(1ms).takeEach({"change 0, change 0, change 0"});
   // The fate of what is on its way is open, and what comes next follows what was lacked.
   changeAll(0, 0);
   talk.expect("change 0").after(1s);
-  ask(epoch, 4);
+  askAfter(epoch, 4);
   changeAll(0, 0);
   talk.expect("").takeEach({"", "change 0, change 0"});
   for (const std::uint64_t n : {0U, 9U}) {
-    ask(epoch + n / 9, n);
+    askAfter(epoch + n / 9, n);
     talk.after(10s).takeEach({"tree 0"}).after(10s);
   }
   // As many bytes again as the tree has: it goes out in place of the next change.

@@ -19,6 +19,7 @@ TEST(Topics, CarryEveryRootAndNothingElse) {
   for (const std::string& id : {std::string(), odd, std::string("%"), std::string("a/b")}) {
     EXPECT_EQ(topics.rootOf(topics.event(id)), id);
     EXPECT_EQ(topics.reporterOf(topics.state(id)), id);
+    EXPECT_EQ(topics.reporterOf(topics.gone(id)), id);
     EXPECT_EQ(topics.listOf(topics.roots(1023, id)), std::pair(1023U, id));
   }
   for (const char* topic :

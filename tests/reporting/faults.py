@@ -388,7 +388,7 @@ def event_not_allowed(stage):
 def rights_that_are_missing(stage):
     """Of a reporter that is not called like its user, and of collectors."""
     events = "topic read orv/1/event/#"
-    states = "topic read orv/1/state/#\ntopic read orv/1/roots/#"
+    states = "topic read orv/1/state/#\ntopic read orv/1/gone/#\ntopic read orv/1/roots/#"
     requests = "topic write orv/1/request/#"
     rules = stage.directory / "rules"
     rules.write_text("\n".join([
