@@ -23,7 +23,6 @@ using orv::device_tree::NamedStatus;
 using orv::device_tree::utils::EventHelper;
 using orv::reporting::Event;
 using orv::reporting::Sequence;
-using orv::reporting::Step;
 using orv::reporting::Tree;
 namespace fs = std::filesystem;
 
@@ -252,7 +251,8 @@ TEST(History, OfDamagedFilesTellsNothingThatWasNotSo) {
     for (unsigned int count = 1 + fleet.pick(16); count > 0; --count) {
       bytes[fleet.pick(size)] = static_cast<char>(fleet.pick(256));
     }
-    if (fleet.pick(4) == 0) bytes.replace(fleet.pick(size / 4096) * 4096, 4096, whole, 8192, 4096);
+    if (fleet.pick(4) == 0)
+      bytes.replace(std::size_t{4096} * fleet.pick(size / 4096), 4096, whole, 8192, 4096);
     if (fleet.pick(20) == 0) bytes.resize(fleet.pick(size));
     for (const char* end : {"-wal", "-shm"}) fs::remove(place.file() + end);
     write(place.file(), bytes);

@@ -5,7 +5,6 @@
 // A reporter has many roots, each a row of devices. The change number k of a root is written into
 // its first device and into one of the others, in turn. So a tree says by itself whether it ever
 // was like that.
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -138,12 +138,15 @@ class Child {
   pid_t id_;
 };
 
-void collect(const std::string& broker, const std::string& program, const std::string& file) {
-  const int nowhere = open("/dev/null", O_WRONLY);
-  dup2(nowhere, STDOUT_FILENO);
-  dup2(nowhere, STDERR_FILENO);
-  execl(program.c_str(), program.c_str(), "--broker", broker.c_str(), "--history", file.c_str(),
-        nullptr);
+void collect(std::string broker, std::string program, std::string file) {
+  for (std::FILE* const stream : {stdout, stderr}) {
+    if (std::freopen("/dev/null", "w", stream) == nullptr) std::_Exit(1);
+  }
+  std::string brokerOption = "--broker";
+  std::string historyOption = "--history";
+  const std::array<char*, 6> arguments = {program.data(),       brokerOption.data(), broker.data(),
+                                          historyOption.data(), file.data(),         nullptr};
+  execv(program.c_str(), arguments.data());
 }
 
 // Each change of a root follows on the one before it, or comes with a whole tree, as the broker
