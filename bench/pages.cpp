@@ -16,12 +16,13 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
 
+#include "Fleet.h"
+#include "Processes.h"
 #include "Trees.h"
 
 namespace bench {
@@ -39,18 +40,6 @@ sockaddr_in addressOf(std::uint16_t port) {
   return address;
 }
 
-// One that nobody listens on.
-std::uint16_t freePort() {
-  const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address = addressOf(0);
-  socklen_t size = sizeof address;
-  const bool isBound = bind(socket, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
-                       getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) == 0;
-  close(socket);
-  require(isBound, "No port is free");
-  return ntohs(address.sin_port);
-}
-
 pid_t startCollector(const std::string& program, const std::string& broker, std::uint16_t port) {
   std::vector<std::string> words = {program,  "--broker",          broker, "--prefix", "pages",
                                     "--http", std::to_string(port)};
@@ -66,17 +55,6 @@ pid_t startCollector(const std::string& program, const std::string& broker, std:
   posix_spawn_file_actions_destroy(&actions);
   require(fault == 0, "The collector does not start");
   return process;
-}
-
-// Seconds of processor time that the process has taken.
-double processorTime(pid_t process) {
-  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-  std::string word;
-  for (int i = 0; i < 13; ++i) file >> word;  // the program's name has no blank
-  double user = 0;
-  double system = 0;
-  file >> user >> system;
-  return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 // A page that is open: it reads the news of one root.
@@ -144,25 +122,17 @@ std::vector<double> read(const Pages& pages, milliseconds length) {
 
 }  // namespace
 
-Json measurePages(const std::string& broker, const std::string& collector,
-                  const std::function<void(int control)>& report, bool quick) {
+Json measurePages(const std::string& settings, const std::string& collector, bool quick) {
   constexpr std::size_t count = 200;
   const seconds length(quick ? 5 : 20);
-  const nanoseconds pause = milliseconds(1);
-  std::array<int, 2> ends{};
-  require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) == 0, "No pair of sockets");
-  const pid_t reporter = fork();
-  close(ends[reporter == 0 ? 0 : 1]);
-  if (reporter == 0) {
-    report(ends[1]);
-    std::exit(0);
-  }
-  nanoseconds ready{};
-  require(recv(ends[0], &ready, sizeof ready, 0) > 0, "The reporter has ended");
+  const BrokerProcess broker(settings);
+  const Child reporter(
+      [&](int control) { report(broker.url(), {1000, 100, 1, 8, "pages"}, control); });
+  reporter.read();
   const std::uint16_t port = freePort();
-  const pid_t process = startCollector(collector, broker, port);
+  const pid_t process = startCollector(collector, broker.url(), port);
   while (waitpid(process, nullptr, WNOHANG) == 0 && !Page(port, "").isOpen()) usleep(10'000);
-  send(ends[0], &pause, sizeof pause, MSG_NOSIGNAL);
+  reporter.write(1e6);  // 1,000 events a second
   read({}, seconds(5));  // until all trees are there
 
   const auto timeOf = [&](const Pages& pages, std::vector<double>& delays) {
@@ -185,9 +155,7 @@ Json measurePages(const std::string& broker, const std::string& collector,
   result["median"] = delays[delays.size() / 2];
   result["percentile"] = delays[delays.size() * 99 / 100];
   kill(process, SIGINT);
-  close(ends[0]);
   waitpid(process, nullptr, 0);
-  waitpid(reporter, nullptr, 0);
   return result;
 }
 

@@ -42,10 +42,10 @@ elif [ ! -e "$pages/performance.md" ]; then
 fi
 
 . scripts/functions.sh
-start_broker
-build/bench/bench/orv_fleet_bench "${options[@]}" "$broker" \
-  build/bench/programs/collector >build/bench/fleet.json
+PATH=$PATH:/usr/sbin build/bench/bench/orv_fleet_bench "${options[@]}" \
+  examples/broker/mosquitto.conf build/bench/programs/orv-collector >build/bench/fleet.json
 /usr/bin/python3 bench/report.py build/bench/fleet.json "$pages"
+start_broker
 mkdir "$work/histories"
 build/bench/bench/orv_history_bench "${options[@]}" "$broker" "$work/histories" \
   >build/bench/history.json

@@ -1,0 +1,216 @@
+#include <mosquitto.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <iostream>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Bare.h"
+#include "Fleet.h"
+#include "reporting/Collector.h"
+#include "reporting/Connection.h"
+
+namespace bench {
+
+namespace {
+
+using namespace orv::reporting;
+using namespace std::chrono;
+using Json = nlohmann::json;
+
+void log(const std::string& text) { std::cerr << text << '\n'; }
+
+double secondsSince(Time begin) { return duration<double>(steady_clock::now() - begin).count(); }
+
+// A collector that one event does not reach when it is told so, and what that costs.
+class Observer final : public Endpoint, private Link {
+ public:
+  Observer(const std::string& broker, std::size_t roots)
+      : roots_(roots), collector_(callbacks()), connection_(Broker::parse(broker), *this, log) {}
+
+  void serve(milliseconds duration) { connection_.serve(duration); }
+  bool isConnected() const { return connection_.isConnected(); }
+  bool areAllCurrent() const { return current_.size() == roots_; }
+  std::uint64_t requests() const { return collector_.counters().requests; }
+
+  void await(const std::function<bool()>& isDone) {
+    const Time end = steady_clock::now() + minutes(1);
+    while (!isDone()) {
+      if (steady_clock::now() > end) throw std::runtime_error("The fleet does not become current");
+      serve(milliseconds(1));
+    }
+  }
+
+  // Loses the next event and says what came of it.
+  Json lose() {
+    loss_ = {};
+    loss_.isWanted = true;
+    await([this] { return loss_.lost != Time() && loss_.repaired != Time(); });
+    const auto between = [](Time from, Time to) { return duration<double>(to - from).count(); };
+    return {{"since_lost", between(loss_.lost, loss_.repaired)},
+            {"since_noticed", between(loss_.noticed, loss_.repaired)},
+            {"bytes", loss_.bytes},
+            {"repair_bytes", loss_.repairBytes}};
+  }
+
+  std::optional<Message> connecting() override { return collector_.connecting(); }
+  void connected(Link& link, Time now) override {
+    link_ = &link;
+    collector_.connected(*this, now);
+  }
+  void disconnected(Time now) override { collector_.disconnected(now); }
+  void settled(std::uint64_t number, const std::string& refusal, Time now) override {
+    collector_.settled(number, refusal, now);
+  }
+  void received(const Message& message, Time now) override {
+    const auto sequence = Sequence::parse(message.sequence);
+    const std::size_t bytes = message.topic.size() + message.payload.size();
+    if (loss_.isWanted && sequence && !message.isRetained) {
+      loss_.isWanted = false;
+      loss_.lost = now;
+      loss_.topic = message.topic;
+      loss_.latest = sequence->n;
+      loss_.bytes = bytes;
+      return;
+    }
+    if (sequence && message.topic == loss_.topic) {
+      if (sequence->n <= loss_.latest) loss_.repairBytes += bytes;
+      loss_.latest = std::max(loss_.latest, sequence->n);
+    }
+    collector_.received(message, now);
+  }
+  Time serve(Time now) override { return collector_.serve(now); }
+
+ private:
+  struct Loss {
+    bool isWanted = false;
+    std::string topic;
+    std::uint64_t latest = 0;
+    std::size_t bytes = 0;
+    std::size_t repairBytes = 0;  // of requests and of what comes again
+    Time lost;
+    Time noticed;
+    Time repaired;
+  };
+
+  CollectorCallbacks callbacks() {
+    const auto changed = [this](const std::string& root, Condition condition) {
+      const bool isCurrent = condition == Condition::CURRENT;
+      if (isCurrent) current_.insert(root);
+      if (!isCurrent) current_.erase(root);
+      if (loss_.topic.empty() || topics_.event(root) != loss_.topic) return;
+      (isCurrent ? loss_.repaired : loss_.noticed) = steady_clock::now();
+    };
+    const auto problem = [](const Problem& told) { throw std::runtime_error(told.text); };
+    return {{}, changed, problem};
+  }
+
+  void subscribe(const std::vector<std::string>& topics, Kept kept) override {
+    link_->subscribe(topics, kept);
+  }
+  std::uint64_t publish(const Message& message) override {
+    loss_.repairBytes += message.topic.size() + message.payload.size();
+    return link_->publish(message);
+  }
+
+  Topics topics_{"orv/1"};
+  std::size_t roots_;
+  std::set<std::string> current_;
+  Loss loss_;
+  Link* link_ = nullptr;
+  Collector collector_;
+  Connection connection_;
+};
+
+// Seconds in which the broker hands over the trees that it has kept to a client that counts them.
+double timeOfTrees(std::uint16_t port, std::size_t roots) {
+  const Time begin = steady_clock::now();
+  std::size_t count = 0;
+  BareClient client(port, [&count](const mosquitto_message& message) {
+    if (message.retain) ++count;
+  });
+  client.subscribe("orv/1/event/+/+");
+  while (count < roots) client.serve(10);
+  return secondsSince(begin);
+}
+
+double timeOfCollector(const std::string& broker, std::size_t roots) {
+  const Time begin = steady_clock::now();
+  Observer observer(broker, roots);
+  observer.await([&] { return observer.areAllCurrent(); });
+  return secondsSince(begin);
+}
+
+Json measureLosses(const std::string& broker, std::size_t roots, int times) {
+  Observer observer(broker, roots);
+  observer.await([&] { return observer.areAllCurrent(); });
+  Json losses;
+  for (int i = 0; i < times; ++i) losses.push_back(observer.lose());
+  return losses;
+}
+
+// The time from the new start of the broker, for a collector that was there before and for one
+// that was not.
+Json measureForgetfulBroker(BrokerProcess& broker, std::size_t roots) {
+  Observer old(broker.url(), roots);
+  old.await([&] { return old.areAllCurrent(); });
+  broker.restart();
+  const Time begin = steady_clock::now();
+  while (old.isConnected()) old.serve(milliseconds(1));
+  Observer newcomer(broker.url(), roots);
+  Json result;
+  while (result.size() < 2) {
+    old.serve(milliseconds(1));
+    newcomer.serve(milliseconds(1));
+    const double time = secondsSince(begin);
+    if (time > 240) throw std::runtime_error("The fleet does not become current");
+    if (!result.contains("old") && old.areAllCurrent()) result["old"] = time;
+    if (!result.contains("newcomer") && newcomer.areAllCurrent()) result["newcomer"] = time;
+  }
+  return result;
+}
+
+// 1 % of all statuses changes each second, by 1,000 events a second.
+Json measureFleet(const std::string& settings, std::size_t roots, std::size_t reporters,
+                  bool quick) {
+  BrokerProcess broker(settings);
+  const double rate = std::min<double>(1000, static_cast<double>(roots));
+  const Fleet fleet{roots, 100, reporters,
+                    static_cast<std::size_t>(8 * static_cast<double>(roots) / rate)};
+  const Child sender([&](int control) { report(broker.url(), fleet, control); });
+  sender.read();
+  sender.write(0);
+  timeOfCollector(broker.url(), roots);
+  sender.write(1e9 / rate);
+  // Each root goes on, beyond the tree that the broker has kept.
+  std::this_thread::sleep_for(seconds(2) + milliseconds(1000 * roots / 1000));
+  Json result{{"roots", roots}, {"reporters", reporters}, {"statuses", fleet.statuses}};
+  for (int round = 0; round < (quick ? 1 : 3); ++round) {
+    const double bare = timeOfTrees(broker.port(), roots);
+    result["rounds"].push_back({bare, timeOfCollector(broker.url(), roots)});
+  }
+  if (roots <= 1000) result["losses"] = measureLosses(broker.url(), roots, quick ? 3 : 10);
+  result["forgotten"] = measureForgetfulBroker(broker, roots);
+  return result;
+}
+
+}  // namespace
+
+Json measureStarts(const std::string& settings, bool quick) {
+  Json result;
+  for (const std::size_t roots : {1000, 10000}) {
+    for (const std::size_t reporters : {1, 200}) {
+      result.push_back(measureFleet(settings, quick ? roots / 10 : roots,
+                                    quick ? reporters / 10 + 1 : reporters, quick));
+    }
+  }
+  return result;
+}
+
+}  // namespace bench
