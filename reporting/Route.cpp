@@ -28,8 +28,9 @@ std::optional<Route::Place> Route::next(Time now) {
     if (!lookup) lookup = std::make_unique<Lookup>(broker().host);
     if (!lookupEnd_) lookupEnd_ = now + patience;
     if (!lookup->isDone()) {
-      if (now < *lookupEnd_) return std::nullopt;
-      throw std::runtime_error("No name server answers");
+      if (now >= *lookupEnd_) throw std::runtime_error("No name server answers");
+      nextAttempt_ = now + betweenLooks;
+      return std::nullopt;
     }
     const std::unique_ptr<Lookup> done = std::move(lookup);
     for (std::string& address : done->addresses()) addresses_.push_back(std::move(address));
@@ -40,9 +41,7 @@ std::optional<Route::Place> Route::next(Time now) {
   return place;
 }
 
-Time Route::due(Time now) const {
-  return lookupEnd_ ? now + betweenLooks : std::max(now, nextAttempt_);
-}
+Time Route::due(Time now) const { return std::max(now, nextAttempt_); }
 
 void Route::failed(Time now, std::mt19937_64& random) {
   lookupEnd_.reset();
