@@ -84,7 +84,8 @@ class Collector::Core {
   bool reportsAny(const std::string& name, const Peer& peer) const;
   void dropRequests(const std::string& name, const Peer& peer);
   void remark(Root& root);
-  void update(const std::string& id, Time now);
+  void update(const std::string& id, Time now) { update(id, roots_.at(id), now); }
+  void update(const std::string& id, Root& root, Time now);
   static unsigned int partitionOf(const Root& root);
   const Peer* peerOf(const Root& root) const;
   bool isConfirmed(const Root& root, const Peer& peer) const;
@@ -216,7 +217,7 @@ void Collector::Core::disconnected(Time now) {
     peer.doubt();
     dropRequests(name, peer);
   }
-  for (const auto& [id, root] : roots_) update(id, now);
+  for (auto& [id, root] : roots_) update(id, root, now);
 }
 
 void Collector::Core::settled(const std::string& refusal) {
@@ -309,7 +310,7 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
         callbacks_.applied(id, {*sequence, std::move(event), before, root.follower.tree()});
       }
     }
-    update(id, now);
+    update(id, root, now);
   }
 }
 
@@ -367,7 +368,7 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
   }
   if (peer.isThere()) checkClaims(name, now);
   if (!isFirst) return;
-  for (const auto& [id, root] : roots_) update(id, now);
+  for (auto& [id, root] : roots_) update(id, root, now);
 }
 
 void Collector::Core::receiveList(unsigned int partition, const std::string& name,
@@ -530,8 +531,7 @@ void Collector::Core::remark(Root& root) {
 }
 
 // Follows up whatever has changed about the root: what its condition is, and what is asked for.
-void Collector::Core::update(const std::string& id, Time now) {
-  Root& root = roots_.at(id);
+void Collector::Core::update(const std::string& id, Root& root, Time now) {
   remark(root);
   const Condition condition = conditionOf(root);
   if (condition != root.condition) {
@@ -647,7 +647,7 @@ void Collector::Core::check(Time now) {
     } else if (root.reporter.empty() && !isForgotten && areAllThere && age > options_.silence) {
       // While a reporter is gone it may have the root: its will can be older than that.
       root.follower.forget();
-      update(entry->first, now);
+      update(entry->first, root, now);
     }
     entry = next;
   }

@@ -35,6 +35,9 @@ constexpr std::chrono::seconds lookBack(1);
 // Who asks so often for a tree that was sent each time does not get it, or cannot use it.
 constexpr unsigned int inVain = 4;
 constexpr std::chrono::minutes inOneGo(10);  // who asks later is somebody else, or has a new reason
+// A step of a reporter with many roots is so long at most: then the program's loop has its turn.
+constexpr std::size_t mostAtOnce = 100;  // events, and lists
+constexpr std::size_t mostBytesAtOnce = 250'000;
 constexpr const char* endsConnection = "It ends the connection";
 
 }  // namespace
@@ -104,10 +107,10 @@ class Reporter::Core {
   void tellRefusal(const std::string& what, const std::string& reason);
   void relist(const std::string& id);
   void publishState(bool isOnline);
-  void publishLists();
+  void publishLists(std::size_t most);
   void noteGone(std::uint64_t start);
   void clearLeft(std::uint64_t start);
-  void publishNext(const std::string& id, Time now);
+  std::size_t publishNext(const std::string& id, Time now);
   void publishAgain(const std::string& id, Root& root);
   Message eventOf(const std::string& id, const Sequence& sequence) const;
   Message state(bool isOnline) const;
@@ -231,7 +234,7 @@ void Reporter::Core::connected(Link& link, Time now) {
 bool Reporter::Core::ending(Time /*now*/) {
   if (link_ == nullptr) return false;
   publishState(false);
-  publishLists();
+  publishLists(Topics::PARTITIONS);
   return true;
 }
 
@@ -401,16 +404,21 @@ Time Reporter::Core::serve(Time now) {
   }
   // What a state has announced comes before the next one: else lists would never go out where
   // answers take longer than the time between two states.
-  if (!stateOnItsWay_ && listsOpenAt_ <= now) publishLists();
-  if (stateDue_ <= now && !stateOnItsWay_) {
+  const auto areListsDue = [&] {
+    return !stateOnItsWay_ && listsOpenAt_ <= now && roster_.next() && flights_.hasRoom();
+  };
+  if (areListsDue()) publishLists(mostAtOnce);
+  if (stateDue_ <= now && !stateOnItsWay_ && !areListsDue()) {
     publishState(true);
     lastState_ = now;
     stateDue_ = now + options_.heartbeat;
   }
   const bool areListsHeldUp = roster_.next() && now < listsOpenAt_;
   const Time next =
-      std::min({stateOnItsWay_ ? Time::max() : stateDue_, doubtEnds_.value_or(Time::max()),
-                areListsHeldUp ? listsOpenAt_ : Time::max()});
+      areListsDue()
+          ? now
+          : std::min({stateOnItsWay_ ? Time::max() : stateDue_, doubtEnds_.value_or(Time::max()),
+                      areListsHeldUp ? listsOpenAt_ : Time::max()});
   if (now < opensAt_) return std::min(opensAt_, next);
   agenda_.advance(now);
   if (const auto id = flights_.retry(now)) agenda_.queue(*id);
@@ -423,19 +431,25 @@ Time Reporter::Core::serve(Time now) {
     queue(again->first);
   }
   const std::string* first = agenda_.first();
-  for (; first != nullptr && flights_.mayGo(*first); first = agenda_.first()) {
+  std::size_t events = 0;
+  std::size_t bytes = 0;
+  const auto isEnough = [&] { return events >= mostAtOnce || bytes >= mostBytesAtOnce; };
+  for (; first != nullptr && !isEnough() && flights_.mayGo(*first); first = agenda_.first()) {
     const std::string id = *first;
     agenda_.drop(id);
-    publishNext(id, now);
+    bytes += publishNext(id, now);
+    ++events;
   }
   if (first == nullptr) flights_.rest();
-  const Time turn = first == nullptr ? agenda_.due() : Time::max();
+  const bool waits = first != nullptr && !flights_.mayGo(*first);
+  const Time turn = waits ? Time::max() : agenda_.due();
   return std::max(now, std::min({next, flights_.retryDue(), turn, resends_.due()}));
 }
 
-void Reporter::Core::publishNext(const std::string& id, Time now) {
+// Returns how many bytes the event has.
+std::size_t Reporter::Core::publishNext(const std::string& id, Time now) {
   Root& root = roots_.at(id);
-  if (flights_.isOnItsWay(id)) return;
+  if (flights_.isOnItsWay(id)) return 0;
   if (root.resendAfter) publishAgain(id, root);
   const Publication* publication = root.sender.onItsWay();
   std::string refusal;
@@ -464,6 +478,7 @@ void Reporter::Core::publishNext(const std::string& id, Time now) {
     flights_.trust(id);
     awaitTreeDue(id, root);
   }
+  return message.payload.size();
 }
 
 // Only what the broker took goes out once more, in its order and before what comes next. An event
@@ -509,9 +524,9 @@ void Reporter::Core::publishState(bool isOnline) {
   stateOnItsWay_ = link_->publish(state(isOnline));
 }
 
-void Reporter::Core::publishLists() {
-  for (auto partition = roster_.next(); partition && flights_.hasRoom();
-       partition = roster_.next()) {
+void Reporter::Core::publishLists(std::size_t most) {
+  for (auto partition = roster_.next(); partition && flights_.hasRoom() && most > 0;
+       partition = roster_.next(), --most) {
     Message message;
     message.topic = topics_.roots(*partition, name_);
     message.payload = roster_.list(*partition, start_);
@@ -555,7 +570,9 @@ void Reporter::Core::receiveRequest(const Message& message, Time now) {
   };
   for (const std::string& id : request.roots()) ask(id, std::nullopt);
   for (const auto& have : request.have()) ask(have.root(), Sequence{have.epoch(), have.n()});
-  for (const unsigned int partition : request.parts()) roster_.owe(partition);
+  for (const unsigned int partition : request.parts()) {
+    if (!roster_.repeat(partition)) roster_.owe(partition);
+  }
   const bool isForRoots = !request.roots().empty() || !request.have().empty();
   if (!isForRoots || !request.parts().empty()) saySoon();
 }

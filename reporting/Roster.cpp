@@ -47,6 +47,16 @@ void Roster::owe(unsigned int partition) {
   if (parts_.count(partition) > 0) owed_.insert(partition);
 }
 
+bool Roster::repeat(unsigned int partition) {
+  const auto part = parts_.find(partition);
+  const bool isAnnounced = part != parts_.end() && part->second.version > 0 &&
+                           !part->second.roots.empty() && owed_.count(partition) == 0;
+  if (!isAnnounced || part->second.isRepeated) return false;
+  part->second.isRepeated = true;
+  announced_.insert(partition);
+  return true;
+}
+
 void Roster::oweEvenIfEmpty(unsigned int partition) {
   parts_.try_emplace(partition);
   owe(partition);
@@ -78,6 +88,7 @@ void Roster::oweAll() {
 }
 
 std::uint64_t Roster::announce(std::uint64_t version) {
+  for (auto& [partition, part] : parts_) part.isRepeated = false;
   for (const unsigned int partition : owed_) {
     Part& part = parts_.at(partition);
     if (std::exchange(part.isChanged, false) || part.version == 0) part.version = ++version;

@@ -40,6 +40,10 @@ class Roster {
   // a partition that is not known.
   void owe(unsigned int partition);
 
+  // The list of that partition shall go out once more as the last state announced it: whoever asks
+  // need not wait for the next state. Once between two states; returns whether it does.
+  bool repeat(unsigned int partition);
+
   // The broker has kept a list of that partition which is not to stay.
   void oweEvenIfEmpty(unsigned int partition);
 
@@ -74,13 +78,14 @@ class Roster {
     std::uint64_t sum = 0;
     bool isChanged = false;  // since it got its version
     bool isDoubted = false;
+    bool isRepeated = false;  // since the last state
   };
 
   void change(unsigned int partition, Part& part);
 
   std::map<unsigned int, Part> parts_;
   std::set<unsigned int> owed_;
-  std::set<unsigned int> announced_;
+  std::set<unsigned int> announced_;  // that go out
 };
 
 }  // namespace orv::reporting

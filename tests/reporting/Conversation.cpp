@@ -85,8 +85,8 @@ Conversation& Conversation::cut() {
 
 Conversation& Conversation::after(std::chrono::milliseconds duration) {
   const Time end = now_ + duration;
-  for (Time due = endpoint_->serve(now_); now_ < end; due = endpoint_->serve(now_)) {
-    now_ = std::min(end, std::max(due, now_ + std::chrono::milliseconds(1)));
+  for (Time due = endpoint_->serve(now_); due <= now_ || now_ < end; due = endpoint_->serve(now_)) {
+    if (due > now_) now_ = std::min(end, std::max(due, now_ + std::chrono::milliseconds(1)));
   }
   while (!hidden_.empty()) {
     const std::uint64_t number = hidden_.front();
