@@ -50,8 +50,7 @@ void BareClient::subscribe(const std::string& topics) {
 void BareClient::publish(const std::string& topic, const std::string& payload) {
   mosquitto_property* properties = nullptr;
   const auto add = [&properties](const char* name, const char* value) {
-    require(
-        mosquitto_property_add_string_pair(&properties, MQTT_PROP_USER_PROPERTY, name, value));
+    require(mosquitto_property_add_string_pair(&properties, MQTT_PROP_USER_PROPERTY, name, value));
   };
   add("sequence", "12345678901234567890.1234");
   add("reporter", "bench-0");

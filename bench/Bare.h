@@ -1,5 +1,5 @@
-// A client that speaks MQTT and has no protocol on top of it: what reporters and collectors are held
-// against.
+// A client that speaks MQTT and has no protocol on top of it: what reporters and collectors are
+// held against.
 #pragma once
 
 #include <cstddef>

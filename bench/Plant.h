@@ -11,10 +11,9 @@ namespace bench {
 
 class Plant {
  public:
-  // Each change is of 1 % of a root's statuses, or of so many, but of one at least. A root is called
-  // WORDNUMBER.
-  Plant(std::size_t roots, std::size_t devices)
-      : Plant(roots, devices, devices * 8 / 100) {}
+  // Each change is of 1 % of a root's statuses, or of so many, but of one at least. A root is
+  // called WORDNUMBER.
+  Plant(std::size_t roots, std::size_t devices) : Plant(roots, devices, devices * 8 / 100) {}
   Plant(std::size_t roots, std::size_t devices, std::size_t statuses, const char* word = "root-")
       : statuses_(statuses) {
     const std::vector<std::size_t> parents = parentPlaces(Shape::FAN_OUT, devices);

@@ -47,7 +47,8 @@ class BrokerProcess {
   BrokerProcess& operator=(const BrokerProcess&) = delete;
   ~BrokerProcess();
 
-  std::string url() const { return "mqtt://localhost:" + std::to_string(port_); }
+  // With a numeric host, as no thread that looks up names survives a fork.
+  std::string url() const { return "mqtt://127.0.0.1:" + std::to_string(port_); }
   std::uint16_t port() const { return port_; }
   pid_t process() const { return process_; }
 

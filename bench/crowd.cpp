@@ -35,8 +35,8 @@ double clockTime() {
   return 1e6 * static_cast<double>(time.tv_sec) + 1e-3 * static_cast<double>(time.tv_nsec);
 }
 
-// A reporter with many roots, others with one, and a collector. In place of the broker it hands over
-// what they publish and keeps their states and lists.
+// A reporter with many roots, others with one, and a collector. In place of the broker it hands
+// over what they publish and keeps their states and lists.
 class Crowd {
  public:
   Crowd(std::size_t roots, std::size_t devices, std::size_t others)
@@ -177,8 +177,11 @@ class Crowd {
   void act(const std::function<void()>& action) { step(longest_.first, action); }
   void collect(const std::function<void()>& action) { step(longest_.second, action); }
 
-  void serveReporter(Member& member) {
-    act([&] { member.reporter.serve(now_); });
+  // Whether it has more to do at once.
+  bool serveReporter(Member& member) {
+    Time due;
+    act([&] { due = member.reporter.serve(now_); });
+    return due <= now_;
   }
   void serveCollector() {
     collect([&] { collector_.serve(now_); });
@@ -187,12 +190,12 @@ class Crowd {
   void exchange() {
     for (Member& member : members_) {
       if (std::exchange(member.isNew, false)) bringKept(member);
-      serveReporter(member);
+      while (serveReporter(member)) deliver();
     }
     while (!sent_.empty() || !asked_.empty()) {
       for (const Message& message : std::exchange(asked_, {})) hand(message);
       deliver();
-      serveReporter(members_.front());
+      while (serveReporter(members_.front())) deliver();
     }
     if (std::exchange(inbox_.isNew, false)) {
       for (const auto& [topic, message] : kept_) {

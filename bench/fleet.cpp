@@ -2,13 +2,14 @@
 // one process and without a broker, many roots and many reporters. Last, what open pages of the
 // collector program cost.
 
+#include "Fleet.h"
+
 #include <exception>
 #include <iostream>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "Fleet.h"
 #include "Pages.h"
 
 namespace {

@@ -126,13 +126,14 @@ Json measurePages(const std::string& settings, const std::string& collector, boo
   constexpr std::size_t count = 200;
   const seconds length(quick ? 5 : 20);
   const BrokerProcess broker(settings);
-  const Child reporter(
-      [&](int control) { report(broker.url(), {1000, 100, 1, 8, "pages"}, control); });
+  const Child reporter([&](int control) {
+    report(broker.url(), {1000, 100, 1, 8, "pages"}, control);
+  });
   reporter.read();
   const std::uint16_t port = freePort();
   const pid_t process = startCollector(collector, broker.url(), port);
   while (waitpid(process, nullptr, WNOHANG) == 0 && !Page(port, "").isOpen()) usleep(10'000);
-  reporter.write(1e6);  // 1,000 events a second
+  reporter.write(1e6);   // 1,000 events a second
   read({}, seconds(5));  // until all trees are there
 
   const auto timeOf = [&](const Pages& pages, std::vector<double>& delays) {

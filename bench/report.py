@@ -155,22 +155,55 @@ def template(name):
     return string.Template(pathlib.Path(__file__).with_name(name).read_text())
 
 
+def rates(pair):
+    """The rows of roots of one size."""
+    runs = [("a bare pair, the highest rate that holds", pair["bare"]["highest"]),
+            ("1,000 events a second", pair["base"]),
+            ("the highest rate that holds", pair["highest"]),
+            ("a rate that does not hold", pair["too_high"]),
+            ("half of the highest rate", pair["half"])]
+    bare = pair["bare"]["highest"]["rate"]
+    return [[f"{pair['devices']}: {name}", f"{run['rate']:,.0f}", f"{run['events']:,.0f}",
+             f"**{number(run['rate'] / bare)}**", duration(run["median"] * 1e3),
+             duration(run["percentile"] * 1e3), str(run["gaps"]), str(run["requests"])]
+            for name, run in runs]
+
+
+def starts(fleets):
+    """A row for each fleet, and the ratio of each."""
+    rows = []
+    ratios = []
+    for run in fleets:
+        bare, collector = map(statistics.median, zip(*run["rounds"]))
+        ratios.append(number(statistics.median(ours / theirs for theirs, ours in run["rounds"])))
+        forgotten = (f"**{number(run['forgotten'][who] / bare)}** "
+                     f"{duration(run['forgotten'][who] * 1e6)}" for who in ("old", "newcomer"))
+        rows.append([f"{run['roots']:,}, {run['reporters']}", duration(bare * 1e6),
+                     f"**{ratios[-1]}** {duration(collector * 1e6)}", *forgotten])
+    heads = ["roots, reporters", "bare client", "collector", "broker forgot: was there", "starts"]
+    return markdown(heads, rows), ratios
+
+
 def fleet(results):
     """The section about a fleet."""
-    broker = results["broker"]
-    rates = []
-    for key, name in (("base", "1 % of all statuses"), ("highest", "the highest rate that holds"),
-                      ("too_high", "a rate that does not hold")):
-        if run := broker.get(key):
-            rates.append([name, *(f"{run[count]:,.0f}" for count in ("rate", "events", "changes")),
-                          *(duration(run[delay] * 1e3) for delay in ("median", "percentile")),
-                          str(run["gaps"]), str(run["requests"])])
-    growth = []
-    for key, name in (("event", "an event"), ("state", "a state, for each root")):
-        rounds = [costs[key] for costs in results["growth"]]
-        few, many = map(statistics.median, zip(*rounds))
-        ratio = statistics.median(many / few for few, many in rounds)
-        growth.append([name, duration(few), duration(many), f"**{number(ratio)}**"])
+    large, small = results["rates"]
+    costs = []
+    for pair in (large, small):
+        for name, run in (("bare", pair["bare"]["highest"]), ("ours", pair["highest"])):
+            costs.append([f"{pair['devices']}: {name}", *map(duration, run["cost"])])
+    fleets, ratios = starts(results["starts"])
+    losses = [loss for run in results["starts"] for loss in run.get("losses", [])]
+    crowd = results["crowd"]
+    few, many = map(statistics.median, zip(*crowd["events"]))
+
+    def heartbeat(key):
+        return statistics.median(run[key] for run in crowd["heartbeats"])
+
+    steps = [[name, *map(duration, crowd["steps"][key])] for key, name in (
+        ("start", "start, all trees are new"), ("events", "events"),
+        ("heartbeats", "nothing comes or goes"), ("removal", "1 % of the roots go"),
+        ("reporter_again", "the reporter connects again"),
+        ("collector_again", "the collector connects again"))]
     pages = results["pages"]
     return template("fleet.md.in").substitute(
         pages=pages["pages"],
@@ -179,14 +212,36 @@ def fleet(results):
         news=f"{pages['news']:,.0f}",
         news_median=duration(pages["median"] * 1e3),
         news_percentile=duration(pages["percentile"] * 1e3),
-        delay=duration(broker["base"]["percentile"] * 1e3),
-        start=duration(broker["start"] * 1e6),
-        root=f"{broker['root'] / 1e3:.0f} kB",
-        collector=f"{broker['collector'] / 1e6:.0f} MB",
-        reporter=f"{broker['reporter'] / 1e6:.0f} MB",
-        rates=markdown(["each second", "events made", "arrived", "statuses", "median delay",
-                        "99th percentile", "gaps", "requests"], rates),
-        growth=markdown(["", "1,000 roots", "10,000 roots", "ratio"], growth))
+        devices=" or ".join(str(pair["devices"]) for pair in (large, small)),
+        delay=duration(large["base"]["percentile"] * 1e3),
+        step=f"{results['step'] * 100 - 100:.0f} %",
+        start=duration(large["start"] * 1e6),
+        root=f"{large['root'] / 1e3:.0f} kB",
+        collector=f"{large['collector'] / 1e6:.0f} MB",
+        reporter=f"{large['reporter'] / 1e6:.0f} MB",
+        memory=number(large["reporter"] / large["trees"]),
+        rates=markdown(["devices of a root", "events made a second", "arrived", "of the bare pair",
+                        "median delay", "99th percentile", "gaps", "requests"],
+                       rates(large) + rates(small)),
+        costs=markdown(["devices of a root", "sender", "broker", "receiver"], costs),
+        starts=fleets,
+        start_ratios=" to ".join(sorted({min(ratios, key=float), max(ratios, key=float)}, key=float)),
+        lost_bytes=f"{statistics.median(loss['bytes'] for loss in losses):.0f}",
+        repair=duration(statistics.median(loss["since_noticed"] for loss in losses) * 1e6),
+        repair_most=duration(max(loss["since_noticed"] for loss in losses) * 1e6),
+        repair_bytes=number(statistics.median(
+            loss["repair_bytes"] / loss["bytes"] for loss in losses)),
+        losses=len(losses),
+        roots=f"{crowd['roots']:,}",
+        crowd_devices=crowd["devices"],
+        others=f"{crowd['others']:,}",
+        many_event=duration(many),
+        few_event=duration(few),
+        event_ratio=number(statistics.median(most / least for least, most in crowd["events"])),
+        heartbeat_bytes=f"{heartbeat('bytes'):,.0f} bytes",
+        heartbeat_collector=duration(heartbeat("collector")),
+        heartbeat_reporter=duration(heartbeat("reporter")),
+        steps=markdown(["", "reporters", "collector"], steps))
 
 
 def history(results):
@@ -220,8 +275,8 @@ def main():
     results = json.loads(pathlib.Path(sys.argv[1]).read_text())
     directory = pathlib.Path(sys.argv[2])
     page = directory / "performance.md"
-    if "growth" in results or "restarts" in results:
-        section = fleet(results) if "growth" in results else history(results)
+    if "rates" in results or "restarts" in results:
+        section = fleet(results) if "rates" in results else history(results)
         others = page.read_text().partition(section.splitlines()[0])[0]
         page.write_text(f"{others.rstrip()}\n\n{section}")
         return
