@@ -73,7 +73,7 @@ void report(const std::string& broker, const Fleet& fleet, int control) {
   };
   Time due = steady_clock::now();
   for (std::size_t i = 0; i < fleet.roots; ++i) change(due);
-  nanoseconds pause(0);
+  nanoseconds pause(std::llround(told));
   while (const auto length = recv(control, &told, sizeof told, MSG_DONTWAIT)) {
     const Time now = steady_clock::now();
     if (length > 0) {

@@ -407,8 +407,8 @@ Time Reporter::Core::serve(Time now) {
   const auto areListsDue = [&] {
     return !stateOnItsWay_ && listsOpenAt_ <= now && roster_.next() && flights_.hasRoom();
   };
-  if (areListsDue()) publishLists(mostAtOnce);
-  if (stateDue_ <= now && !stateOnItsWay_ && !areListsDue()) {
+  if (areListsDue()) publishLists(stateDue_ <= now ? Topics::PARTITIONS : mostAtOnce);
+  if (stateDue_ <= now && !stateOnItsWay_) {
     publishState(true);
     lastState_ = now;
     stateDue_ = now + options_.heartbeat;
