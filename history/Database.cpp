@@ -125,6 +125,12 @@ std::int64_t Database::number(const char* query) const {
   return statement.next() ? statement.number(0) : 0;
 }
 
+bool Database::isMoved() const noexcept {
+  int moved = 0;
+  sqlite3_file_control(handle(), nullptr, SQLITE_FCNTL_HAS_MOVED, &moved);
+  return moved != 0;
+}
+
 void Database::fail() const {
   const int code = sqlite3_errcode(handle());
   if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB)

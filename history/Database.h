@@ -68,6 +68,8 @@ class Database {
   [[noreturn]] void fail() const;
   [[noreturn]] void fail(const std::string& reason) const;
   [[noreturn]] void failDamaged(const std::string& what) const;
+  // Whether the file is no longer where it was opened.
+  bool isMoved() const noexcept;
   sqlite3* handle() const noexcept { return connection_.get(); }
 
  private:

@@ -10,8 +10,9 @@ namespace orv::history {
 namespace {
 
 // At one time: so many rows are let go, and so many roots looked at, and some more. It takes some
-// ten milliseconds.
+// ten milliseconds. A large row counts as several.
 constexpr std::size_t mostRows = 2000;
+constexpr std::size_t bytesOfRow = 1024;
 constexpr std::size_t mostRoots = 500;
 constexpr std::size_t mostSegments = 500;
 constexpr std::chrono::seconds pause(10);
@@ -76,13 +77,15 @@ Keeping::Done Keeping::letGo(Store& store, const RootEntry& root) {
       if (done.rows >= mostRows) return {done.rows, false};
       const auto segment = store.segment(root, wholes[i + 1] - 1);
       if (!segment) continue;
-      for (const Row& row : segment->rows) store.eraseRow(row);
-      done.rows += segment->rows.size();
+      for (const Row& row : segment->rows) {
+        store.eraseRow(row);
+        done.rows += 1 + row.data.size() / bytesOfRow;
+      }
     }
-    const Row last = store.row(wholes.back());
-    if (root.number == Store::watchRoot || last.id != root.head || !wholeOf(last).tree.empty()) {
-      return done;
-    }
+    if (root.number == Store::watchRoot || wholes.back() != root.head) return done;
+    const Row last = store.row(root.head);
+    done.rows += last.data.size() / bytesOfRow;
+    if (!wholeOf(last).tree.empty()) return done;
     store.eraseRow(last);
     store.eraseRoot(root);
     gone_(root.name);

@@ -23,6 +23,11 @@ class Keeping {
   // `gone` is told of removed roots of which nothing is kept any longer.
   Keeping(const KeepingRule& rule, Gone gone) : rule_(rule), gone_(std::move(gone)) {}
 
+  // The file may be another one.
+  void restart() noexcept {
+    horizon_.reset();
+    next_ = {};
+  }
   // To be called when all is committed. Commits what it does. Throws Error.
   void serve(Store& store, Time now);
 

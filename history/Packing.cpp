@@ -17,6 +17,7 @@ constexpr std::size_t headerSize = 5;
 constexpr std::size_t leastSize = 512;
 // What deflate can do at best, so that a few bytes do not ask for much memory.
 constexpr std::size_t mostGain = 1040;
+constexpr std::size_t mostSize = 256 << 20;  // longer than what MQTT carries
 
 }  // namespace
 
@@ -35,7 +36,7 @@ Packer::~Packer() { deflateEnd(&stream_->stream); }
 
 void Packer::pack(std::string_view bytes, std::string& target) {
   const std::size_t begin = target.size();
-  if (bytes.size() >= leastSize && bytes.size() <= UINT32_MAX) {
+  if (bytes.size() >= leastSize && bytes.size() <= mostSize) {
     z_stream& stream = stream_->stream;
     deflateReset(&stream);
     // It ends without success where it saves nothing.
@@ -74,7 +75,7 @@ std::optional<std::string> unpack(std::string_view packed) {
   if (packed.empty()) return std::nullopt;
   if (packed[0] == plain) return std::string(packed.substr(1));
   const std::size_t size = unpackedSize(packed);
-  if (size == 0 || size / mostGain > packed.size()) return std::nullopt;
+  if (size == 0 || size > mostSize || size / mostGain > packed.size()) return std::nullopt;
   std::string bytes(size, '\0');
   uLongf length = size;
   const int code = uncompress(reinterpret_cast<Bytef*>(bytes.data()), &length,

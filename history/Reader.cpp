@@ -31,8 +31,13 @@ namespace {
 constexpr std::size_t mostWork = 100'000;
 constexpr std::size_t bytesOfWork = 512;
 constexpr std::size_t rowsAtOnce = 500;
+constexpr std::size_t bytesAtOnce = 1 << 20;
 
-std::size_t workOf(const Row& row) { return 1 + row.data.size() / bytesOfWork; }
+std::size_t workOf(const Row& row) {
+  const std::string_view packed =
+      row.kind == Kind::STATUS ? std::string_view(row.data) : wholeOf(row).tree;
+  return 1 + unpackedSize(packed) / bytesOfWork;
+}
 
 // A row and how many of its lines were answered. Their text is "row.lines".
 struct Place {
@@ -88,8 +93,10 @@ class Rows {
  private:
   std::vector<Row> ofAll() {
     std::vector<Row> rows;
-    while (!range_.isEmpty() && rows.size() < rowsAtOnce) {
+    std::size_t bytes = 0;
+    while (!range_.isEmpty() && rows.size() < rowsAtOnce && bytes < bytesAtOnce) {
       rows.push_back(store_.row(isNewestFirst_ ? range_.high-- : ++range_.low));
+      bytes += rows.back().data.size();
     }
     return rows;
   }

@@ -32,8 +32,8 @@ constexpr std::chrono::seconds watchPause(5);
 constexpr std::chrono::seconds smallStep(1);
 // Fewer bytes of events are no reason to record a tree again.
 constexpr std::size_t leastBytes = 4096;
-// Of so many roots the trees are recorded at one time when recording is possible again.
-constexpr std::size_t mostCaughtUp = 100;
+// For so long trees are recorded at one time when recording is possible again.
+constexpr std::chrono::milliseconds catchUpTime(40);
 
 Time systemTime() {
   return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
@@ -178,10 +178,14 @@ void Recorder::Core::open() {
   row.kind = Kind::WATCH;
   row.data = dataOf(Watch{state_.seen, failure_});
   append(watch_, std::move(row));
-  commitAll();
+  const bool isNew = state_.last == 0;
   for (auto& [id, root] : roots_) {
+    root.isMissed = root.isMissed || (isNew && root.tree);
     if (root.isMissed) missed_.push_back(id);
   }
+  commitAll();
+  keeping_.restart();
+  isKeeping_ = true;
   failure_.clear();
   if (!std::exchange(told_, "").empty()) tell(file_ + ": it is recorded again");
 }
@@ -257,8 +261,8 @@ void Recorder::Core::appendWhole(Root& root, Kind kind) {
   root.since = 0;
   root.isThere = root.tree != nullptr;
   root.recorded = root.latest;
-  root.isMissed = false;
   append(root, std::move(row));
+  root.isMissed = false;
 }
 
 // What is recorded from here on is of now.
@@ -319,16 +323,20 @@ void Recorder::Core::forget(const std::string& id) {
 }
 
 void Recorder::Core::catchUp() {
-  for (std::size_t i = 0; i < mostCaughtUp && !missed_.empty(); ++i) {
+  const auto end = steady_clock::now() + catchUpTime;
+  while (!missed_.empty() && steady_clock::now() < end) {
     const std::string id = std::move(missed_.back());
     missed_.pop_back();
     const auto root = roots_.find(id);
     if (root == roots_.end() || !root->second.isMissed) continue;
     load(id, root->second);
-    root->second.isMissed = false;
     const bool isThere = root->second.tree != nullptr;
-    if (root->second.recorded == root->second.latest && root->second.isThere == isThere) continue;
-    if (!isThere && root->second.entry.head == 0) continue;
+    const bool isSame =
+        root->second.recorded == root->second.latest && root->second.isThere == isThere;
+    if (isSame || (!isThere && root->second.entry.head == 0)) {
+      root->second.isMissed = false;
+      continue;
+    }
     if (!isThere && root->second.recorded) root->second.latest = *root->second.recorded;
     setTime();
     appendWhole(root->second, Kind::CAUGHT_UP);
@@ -337,13 +345,15 @@ void Recorder::Core::catchUp() {
 
 void Recorder::Core::commitAll() {
   begin();
+  if (store_->database().isMoved()) store_->database().fail("it was moved or removed");
   for (Root* const root : dirty_) {
     store_->setRoot(root->entry);
     root->isDirty = false;
   }
   state_.horizon = store_->state().horizon;
   state_.last = last_;
-  state_.seen = std::max(lastTime_, now());
+  // Until all is caught up on, some trees in the file are older than that.
+  if (missed_.empty()) state_.seen = std::max(lastTime_, now());
   store_->setState(state_);
   transaction_->commit();
   transaction_.reset();
@@ -360,7 +370,8 @@ void Recorder::Core::serve() {
   attempt([&] {
     if (!missed_.empty()) catchUp();
     if (transaction_ ? time >= commitDue_ : time >= watchDue_) commitAll();
-    if (!transaction_ && isKeeping_) keep();
+    // What is gone in the file could have come back and be missed.
+    if (!transaction_ && missed_.empty() && isKeeping_) keep();
   });
 }
 
@@ -395,6 +406,8 @@ std::vector<Recorder::Resumed> Recorder::Core::resume() {
           resumed.push_back({entry.name, std::move(tree), sequenceOf(*segment)});
           Root& root = roots_[entry.name];
           if (root.entry.number != 0) continue;
+          root.latest = resumed.back().sequence;
+          root.tree = resumed.back().tree;
           prime(root, *segment);
           root.entry = std::move(entry);
         } catch (const Damage& damage) {

@@ -140,16 +140,17 @@ State Store::state() {
   if (!statement.next()) damaged("it has no state");
   const State state{statement.number(0), statement.number(1),
                     Time(milliseconds(statement.number(2)))};
-  if (statement.number(3) != sumOf({state.horizon, state.last, statement.number(2)}, {})) {
-    damaged("its state");
-  }
+  const bool isRight =
+      statement.number(3) == sumOf({state.horizon, state.last, statement.number(2)}, {});
   statement.reset();
+  if (!isRight) damaged("its state");
   return state;
 }
 
-RootEntry Store::checked(const Statement& statement) const {
+RootEntry Store::checked(Statement& statement) const {
   RootEntry entry{statement.number(0), std::string(statement.bytes(1)), statement.number(2)};
   if (statement.number(3) != sumOf({entry.number, entry.head}, entry.name)) {
+    statement.reset();
     damaged("the entry of the root " + entry.name);
   }
   return entry;
@@ -161,8 +162,8 @@ std::optional<RootEntry> Store::root(const std::string& name) {
           .with(std::string_view(name));
   if (!statement.next()) return std::nullopt;
   RootEntry entry = checked(statement);
-  if (entry.name != name) damaged("the list of roots");
   statement.reset();
+  if (entry.name != name) damaged("the list of roots");
   return entry;
 }
 
@@ -186,7 +187,7 @@ std::vector<RootEntry> Store::rootsAfter(std::int64_t after, std::size_t most) {
   return entries;
 }
 
-Row Store::read(const Statement& statement) const {
+Row Store::read(Statement& statement) const {
   Row row;
   row.id = statement.number(0);
   row.root = statement.number(1);
@@ -194,7 +195,10 @@ Row Store::read(const Statement& statement) const {
   row.time = Time(milliseconds(statement.number(3)));
   row.kind = static_cast<Kind>(statement.number(4));
   row.data = statement.bytes(5);
-  if (statement.number(6) != sumOf(row)) damaged("row " + std::to_string(row.id));
+  if (statement.number(6) != sumOf(row)) {
+    statement.reset();
+    damaged("row " + std::to_string(row.id));
+  }
   return row;
 }
 

@@ -120,9 +120,9 @@ class Store {
   void eraseRoot(const RootEntry& root);
 
  private:
-  Row read(const Statement& statement) const;
-  static RootEntry readRoot(const Statement& statement);
-  RootEntry checked(const Statement& statement) const;
+  // A statement that stays within a row would keep its view of the file, and WAL would only grow.
+  Row read(Statement& statement) const;
+  RootEntry checked(Statement& statement) const;
 
   std::string file_;
   Database database_;

@@ -332,6 +332,9 @@ TEST(History, GoesOnAfterAFullDiskAndSaysWhatItMissed) {
   EXPECT_LE(problems.size(), 2U) << "once for each reason";
   fleet.now += 1s;
   recorder.serve();
+  for (const std::string id : {"r0", "r1", "r2", "r3"}) {
+    EXPECT_LE(Reader(place.file()).treeAt(id, fleet.now)->seen, last) << "not caught up on yet";
+  }
   fleet.now += 1s;
   recorder.serve();
   EXPECT_EQ(problems.back(), place.file() + ": it is recorded again");
@@ -355,6 +358,29 @@ TEST(History, GoesOnAfterAFullDiskAndSaysWhatItMissed) {
   EXPECT_EQ(std::count(texts.begin(), texts.end(),
                        "|Nothing was recorded since " + textOf(last) + ": " + reason),
             1);
+}
+
+TEST(History, BeginsAnewWithAllTreesWhereItsFileWasMovedAway) {
+  const Place place;
+  Fleet fleet(9);
+  std::vector<std::string> problems;
+  Recorder recorder(place.file(), optionsOf(fleet, &problems));
+  for (int i = 0; i < 50; ++i) fleet.step(recorder);
+  ASSERT_TRUE(recorder.commit());
+  for (const char* end : {"", "-wal", "-shm"}) {
+    fs::rename(place.file() + end, place.file() + "-old" + end);
+  }
+  fleet.step(recorder);
+  EXPECT_FALSE(recorder.commit());
+  EXPECT_EQ(recorder.failure(), place.file() + ": it was moved or removed");
+  for (int i = 0; i < 2; ++i) recorder.serve();
+  ASSERT_TRUE(recorder.commit());
+  Reader reader(place.file());
+  for (const std::string id : {"r0", "r1", "r2", "r3"}) {
+    const auto moment = reader.treeAt(id, fleet.now);
+    EXPECT_EQ(bytesOf(moment ? moment->tree : nullptr), bytesOf(fleet.held(id)));
+  }
+  EXPECT_EQ(Reader(place.file() + "-old").roots().size(), 4U);
 }
 
 TEST(History, KeepsWhatItShallKeep) {
