@@ -26,21 +26,23 @@ Text eventOf(const std::string& name, const std::string& id, const Json& data) {
 const Feed::Piece& Feed::after(std::uint64_t version, std::uint64_t latest) {
   using Clock = std::chrono::steady_clock;
   if (Clock::now() > keptUntil_) whole_ = Piece();
-  if (version == 0) {
-    if (!whole_.text) {
-      const auto begin = Clock::now();
-      whole_ = make_(0);
-      // What took long is kept for longer, or many readers would hold each other up.
-      const auto end = Clock::now();
-      keptUntil_ = end + std::max<Clock::duration>(std::chrono::seconds(1), 10 * (end - begin));
-    }
-    return whole_;
-  }
   if (latest != latest_) pieces_.clear();
   latest_ = latest;
-  const auto [piece, isNew] = pieces_.try_emplace(version);
-  if (isNew) piece->second = make_(version);
-  return piece->second;
+  if (version != 0) {
+    const auto [piece, isNew] = pieces_.try_emplace(version);
+    if (isNew) piece->second = make_(version);
+    if (piece->second) return *piece->second;
+  }
+  // Readers whose versions are too old share one text. It must take them further.
+  if (whole_.version <= version) whole_ = Piece();
+  if (!whole_.text) {
+    const auto begin = Clock::now();
+    whole_ = make_(0).value();
+    // What took long is kept for longer, or many readers would hold each other up.
+    const auto end = Clock::now();
+    keptUntil_ = end + std::max<Clock::duration>(std::chrono::seconds(1), 10 * (end - begin));
+  }
+  return whole_;
 }
 
 struct FleetNews::Root {
@@ -98,6 +100,7 @@ std::shared_ptr<News> FleetNews::follow(const std::string& lastEvent,
   std::uint64_t version = 0;
   if (lastEvent.compare(0, start.size(), start) == 0) {
     std::from_chars(lastEvent.data() + start.size(), lastEvent.data() + lastEvent.size(), version);
+    if (version > fleet_.listChanges().version()) version = 0;
   }
   std::shared_ptr<Root> followed;
   if (root) {
@@ -117,7 +120,7 @@ std::shared_ptr<News> FleetNews::follow(const std::string& lastEvent,
   return std::make_shared<Reader>(*this, version, followed);
 }
 
-Feed::Piece FleetNews::makeList(std::uint64_t after) const {
+std::optional<Feed::Piece> FleetNews::makeList(std::uint64_t after) const {
   std::vector<std::pair<std::string, Fleet::Summary>> roots;
   Json gone = Json::array();
   Json data;
@@ -126,6 +129,7 @@ Feed::Piece FleetNews::makeList(std::uint64_t after) const {
     const auto guard = fleet_.lock();
     const Changes& changes = fleet_.listChanges();
     const auto parts = after == 0 ? std::nullopt : changes.after(after);
+    if (after != 0 && !parts) return std::nullopt;
     piece.version = changes.version();
     data = {{"connected", fleet_.isConnected()},
             {"time", textOf(std::chrono::system_clock::now())},
@@ -147,20 +151,21 @@ Feed::Piece FleetNews::makeList(std::uint64_t after) const {
   return piece;
 }
 
-Feed::Piece FleetNews::makeRoot(const std::string& id, const Changes& changes,
-                                std::uint64_t after) const {
+std::optional<Feed::Piece> FleetNews::makeRoot(const std::string& id, const Changes& changes,
+                                               std::uint64_t after) const {
   Json data = {{"id", id}};
   std::optional<DeviceNode> tree;
   Feed::Piece piece;
   {
     const auto guard = fleet_.lock();
+    auto parts = after == 0 ? std::nullopt : changes.after(after);
+    if (after != 0 && !parts) return std::nullopt;
     piece.version = changes.version();
     const auto root = fleet_.roots().find(id);
     data["known"] = root != fleet_.roots().end();
     if (root != fleet_.roots().end()) {
       const auto view = fleet_.view(id);
       addHead(view, data);
-      auto parts = after == 0 ? std::nullopt : changes.after(after);
       // All of it takes less time under the lock than many of its devices.
       if (parts && parts->size() > root->second.summary.devices / 4 + 10) parts = std::nullopt;
       if (parts) data["devices"] = Json::array();

@@ -21,8 +21,8 @@ class Feed {
     std::uint64_t version = 0;  // that the reader has then
     Text text;                  // empty for nothing
   };
-  // What has changed after a version, or all if that cannot be told or the version is 0.
-  using Make = std::function<Piece(std::uint64_t after)>;
+  // What has changed after a version, nothing if that cannot be told; all if the version is 0.
+  using Make = std::function<std::optional<Piece>(std::uint64_t after)>;
 
   explicit Feed(Make make) : make_(std::move(make)) {}
 
@@ -33,8 +33,8 @@ class Feed {
   Make make_;
   Piece whole_;
   std::chrono::steady_clock::time_point keptUntil_;
-  std::map<std::uint64_t, Piece> pieces_;  // by the version after which they are
-  std::uint64_t latest_ = 0;               // of these
+  std::map<std::uint64_t, std::optional<Piece>> pieces_;  // by the version after which they are
+  std::uint64_t latest_ = 0;                              // of these
 };
 
 // The news of a fleet, for all readers.
@@ -51,8 +51,9 @@ class FleetNews {
   struct Root;
   class Reader;
 
-  Feed::Piece makeList(std::uint64_t after) const;
-  Feed::Piece makeRoot(const std::string& id, const Changes& changes, std::uint64_t after) const;
+  std::optional<Feed::Piece> makeList(std::uint64_t after) const;
+  std::optional<Feed::Piece> makeRoot(const std::string& id, const Changes& changes,
+                                      std::uint64_t after) const;
 
   Fleet& fleet_;
   Feed list_;
