@@ -198,11 +198,14 @@ class Connection::Client final : public Link {
   }
 
   ~Client() override {
-    if (!isConnected_) return;
-    try {
-      end();
-    } catch (...) {  // nobody is left who could be told
-    }
+    const auto dropFaults = [this](const auto& step) {
+      try {
+        if (isConnected_) step();
+      } catch (...) {  // nobody is left who could be told
+      }
+    };
+    dropFaults([this] { end(); });
+    dropFaults([this] { endpoint_.disconnected(steady_clock::now()); });
   }
 
   void subscribe(const std::vector<std::string>& topics, Kept kept) override {
@@ -284,7 +287,6 @@ class Connection::Client final : public Link {
       wait(writingEnd);
       if (mosquitto_loop_write(client_.get(), 1) != MOSQ_ERR_SUCCESS) break;
     }
-    endpoint_.disconnected(steady_clock::now());
   }
 
   struct Free {
@@ -392,6 +394,9 @@ class Connection::Client final : public Link {
       if (result == MOSQ_ERR_SUCCESS && isMute) result = MOSQ_ERR_KEEPALIVE;
       if (isConnected_ && now - connectedAt_ >= stable) notices_.lasts(connectedLine());
     }
+    if (result == MOSQ_ERR_SUCCESS && !isConnected_ && said_.empty() && hasHungUp()) {
+      return lose("Connection refused or reset");
+    }
     const std::string general = textOf(result);  // which errno is a part of
     deliver();
     if (client_ && (result != MOSQ_ERR_SUCCESS || mosquitto_socket(client) == -1)) lose(general);
@@ -411,6 +416,12 @@ class Connection::Client final : public Link {
     }
     isReached_ = true;
     return true;
+  }
+
+  // The library does not notice that where it begins to encrypt, and would try again at once.
+  bool hasHungUp() const {
+    pollfd socket = {mosquitto_socket(client_.get()), 0, 0};
+    return poll(&socket, 1, 0) > 0 && (socket.revents & POLLHUP) != 0;
   }
 
   // The client library says things while it holds locks and from C, which no exception may cross.

@@ -446,6 +446,7 @@ def encrypted(stage):
     key, certificate = stage.certify("key", "certificate")
     stage.url = f"mqtts://localhost:{stage.port}"
     strangers = [stage.start("collector")]
+    strangers[0].tells("Connection refused or reset")
     stage.environment = {"ORV_CA": str(certificate)}
     stage.url = f"mqtts://127.0.0.1:{stage.port}"
     strangers.append(stage.start("collector"))
