@@ -14,11 +14,15 @@ void require(int result) {
   if (result != MOSQ_ERR_SUCCESS) throw std::runtime_error(mosquitto_strerror(result));
 }
 
+mosquitto* newClient(void* self) {
+  mosquitto_lib_init();
+  return mosquitto_new(nullptr, true, self);
+}
+
 }  // namespace
 
-BareClient::BareClient(std::uint16_t port, Received received) : received_(std::move(received)) {
-  mosquitto_lib_init();
-  client_ = mosquitto_new(nullptr, true, this);
+BareClient::BareClient(std::uint16_t port, Received received)
+    : client_(newClient(this)), received_(std::move(received)) {
   if (client_ == nullptr) throw std::bad_alloc();
   mosquitto_int_option(client_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
   mosquitto_int_option(client_, MOSQ_OPT_RECEIVE_MAXIMUM, 1000);

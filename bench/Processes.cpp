@@ -16,6 +16,7 @@
 #include <iostream>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 namespace bench {
 
@@ -73,8 +74,9 @@ Child::Child(const std::function<void(int control)>& body) {
   std::array<int, 2> ends{};
   const bool hasPair = socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == 0;
   require(hasPair, "No pair of sockets");
-  process_ = fork();
-  require(process_ >= 0, "No process");
+  const pid_t forked = fork();
+  require(forked >= 0, "No process");
+  process_ = forked;
   close(ends.at(process_ == 0 ? 0 : 1));
   control_ = ends.at(process_ == 0 ? 1 : 0);
   if (process_ > 0) return;
@@ -117,16 +119,17 @@ BrokerProcess::~BrokerProcess() {
 }
 
 void BrokerProcess::start() {
-  const std::string port = std::to_string(port_);
+  std::vector<std::string> words = {"mosquitto", "-c", settings_, "-p", std::to_string(port_)};
+  std::vector<char*> arguments;
+  for (std::string& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
   process_ = fork();
   require(process_ >= 0, "No process");
   if (process_ == 0) {
-    const int log = open((directory_ + "/log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int log = creat((directory_ + "/log").c_str(), 0600);
     dup2(log, STDOUT_FILENO);
     dup2(log, STDERR_FILENO);
-    if (chdir(directory_.c_str()) == 0) {
-      execlp("mosquitto", "mosquitto", "-c", settings_.c_str(), "-p", port.c_str(), nullptr);
-    }
+    if (chdir(directory_.c_str()) == 0) execvp("mosquitto", arguments.data());
     _exit(127);
   }
   while (!isOpen(port_)) {

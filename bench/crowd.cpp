@@ -41,15 +41,7 @@ class Crowd {
  public:
   Crowd(std::size_t roots, std::size_t devices, std::size_t others)
       : plant_(roots, devices, 1), small_(others, 1, 1, "small-") {
-    collect([this] { collector_.connected(inbox_, now_); });
-    for (std::size_t i = 0; i <= others; ++i) members_.emplace_back(*this, i);
-    for (std::size_t i = 0; i < roots; ++i) change();
-    for (std::size_t i = 0; i < others; ++i) {
-      members_[i + 1].reporter.report(small_.change(now_));
-    }
-    // As it is for whoever reads devices for the first time, the links come last.
-    for (Member& member : members_) connect(member);
-    pass(seconds(5));
+    atStart_ = longest([&] { start(roots, others); });
     require(current_ == roots + others, "The trees are not current");
   }
 
@@ -82,10 +74,12 @@ class Crowd {
   // The longest step, in microseconds, of each side while that is going on.
   Json longest(const std::function<void()>& action) {
     longest_ = {};
+    isTimed_ = true;
     action();
+    isTimed_ = false;
     return {longest_.first, longest_.second};
   }
-  Json atStart() const { return {longest_.first, longest_.second}; }
+  Json atStart() const { return atStart_; }
 
   void events(int times) {
     for (int i = 0; i < times; ++i) {
@@ -157,6 +151,18 @@ class Crowd {
     Message message;
   };
 
+  void start(std::size_t roots, std::size_t others) {
+    collect([this] { collector_.connected(inbox_, now_); });
+    for (std::size_t i = 0; i <= others; ++i) members_.emplace_back(*this, i);
+    for (std::size_t i = 0; i < roots; ++i) change();
+    for (std::size_t i = 0; i < others; ++i) {
+      members_[i + 1].reporter.report(small_.change(now_));
+    }
+    // As it is for whoever reads devices for the first time, the links come last.
+    for (Member& member : members_) connect(member);
+    pass(seconds(5));
+  }
+
   void change() {
     const NodePtr& tree = plant_.change(now_);
     act([&] { members_.front().reporter.report(tree); });
@@ -170,6 +176,7 @@ class Crowd {
   }
 
   void step(double& longest, const std::function<void()>& action) {
+    if (!isTimed_) return action();  // to ask the clock takes longer than many a step
     const double begin = clockTime();
     action();
     longest = std::max(longest, clockTime() - begin);
@@ -257,7 +264,9 @@ class Crowd {
   std::deque<Sent> sent_;
   std::deque<Message> asked_;
   std::map<std::string, Message> kept_;
+  bool isTimed_ = false;
   std::pair<double, double> longest_;  // step of the reporters and of the collector
+  Json atStart_;
   std::size_t current_ = 0;
   Inbox inbox_{*this};
   Collector collector_{callbacks()};
@@ -266,7 +275,7 @@ class Crowd {
 }  // namespace
 
 Json measureCrowd(bool quick) {
-  const std::size_t devices = 10;
+  const std::size_t devices = 5;
   const std::size_t roots = quick ? 10'000 : 100'000;
   Crowd few(1000, devices, 0);
   Crowd many(roots, devices, quick ? 200 : 2000);

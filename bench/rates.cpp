@@ -240,7 +240,7 @@ Json highest(const std::function<Json(double rate)>& run, double step) {
 Json measurePair(const std::string& settings, std::size_t devices, std::size_t statuses,
                  bool quick) {
   const std::size_t roots = 1000;
-  const milliseconds length(quick ? 1000 : 4000);
+  const milliseconds length(quick ? 1000 : 2000);
   const double step = quick ? 1.3 : 1.05;
   Json result{{"devices", devices}, {"bytes", bytesOfEvent(devices, statuses)}};
   {
@@ -267,7 +267,7 @@ Json measurePair(const std::string& settings, std::size_t devices, std::size_t s
   const auto run = [&](double rate) {
     return receiver.run(sender, broker.process(), rate, length);
   };
-  result["base"] = receiver.run(sender, broker.process(), 1000, quick ? seconds(3) : seconds(20));
+  result["base"] = receiver.run(sender, broker.process(), 1000, quick ? seconds(3) : seconds(10));
   result["collector"] = residentBytes(getpid());
   result["root"] = (residentBytes(getpid()) - empty) / static_cast<double>(roots);
   result["reporter"] = residentBytes(sender.process());

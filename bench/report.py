@@ -176,11 +176,13 @@ def starts(fleets):
     for run in fleets:
         bare, collector = map(statistics.median, zip(*run["rounds"]))
         ratios.append(number(statistics.median(ours / theirs for theirs, ours in run["rounds"])))
-        forgotten = (f"**{number(run['forgotten'][who] / bare)}** "
-                     f"{duration(run['forgotten'][who] * 1e6)}" for who in ("old", "newcomer"))
-        rows.append([f"{run['roots']:,}, {run['reporters']}", duration(bare * 1e6),
+        forgotten = ["–", "–"]
+        if again := run.get("forgotten"):
+            forgotten = [f"**{number(again[who] / bare)}** {duration(again[who] * 1e6)}"
+                         for who in ("old", "newcomer")]
+        rows.append([f"{run['roots']:,} of {run['devices']}, {run['reporters']}", duration(bare * 1e6),
                      f"**{ratios[-1]}** {duration(collector * 1e6)}", *forgotten])
-    heads = ["roots, reporters", "bare client", "collector", "broker forgot: was there", "starts"]
+    heads = ["roots of devices, reporters", "bare client", "collector", "broker forgot: was there", "starts"]
     return markdown(heads, rows), ratios
 
 
@@ -212,9 +214,8 @@ def fleet(results):
         news=f"{pages['news']:,.0f}",
         news_median=duration(pages["median"] * 1e3),
         news_percentile=duration(pages["percentile"] * 1e3),
-        devices=" or ".join(str(pair["devices"]) for pair in (large, small)),
         delay=duration(large["base"]["percentile"] * 1e3),
-        step=f"{max(p['too_high']['rate'] / p['highest']['rate'] for p in (large, small)) - 1:.0%}",
+        step=f"{max(p['too_high']['rate'] / p['highest']['rate'] for p in (large, small)) * 100 - 100:.0f} %",
         start=duration(large["start"] * 1e6),
         root=f"{large['root'] / 1e3:.0f} kB",
         collector=f"{large['collector'] / 1e6:.0f} MB",

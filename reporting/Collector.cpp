@@ -590,14 +590,13 @@ bool Collector::Core::canAsk(const Root& root) const {
 // collector that is cut off, a reporter that was not heard, a word of it that is ahead, or one that
 // holds something back.
 Condition Collector::Core::conditionOf(const Root& root) const {
-  const Peer* const peer = peerOf(root);
   if (!root.follower.tree()) {
     const bool isListed = !root.reporter.empty() && !root.follower.isCurrent();
     return isListed ? Condition::AWAITED : Condition::FORGOTTEN;
   }
-  if (link_ == nullptr || (peer != nullptr && !isConfirmed(root, *peer))) {
-    return Condition::OUT_OF_DATE;
-  }
+  if (link_ == nullptr) return Condition::OUT_OF_DATE;
+  const Peer* const peer = peerOf(root);
+  if (peer != nullptr && !isConfirmed(root, *peer)) return Condition::OUT_OF_DATE;
   // Nobody has listed it yet: one that was resumed, or the event of a sender that has no name.
   if (peers_.empty() || (peer == nullptr && root.claimer.empty())) return Condition::OUT_OF_DATE;
   if (peer == nullptr || !peer->isOnline()) return Condition::REPORTER_GONE;
