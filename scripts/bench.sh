@@ -3,10 +3,10 @@
 # docs/performance.svg from the results. The last part measures a fleet over a broker of its own on
 # the loopback, and a history of one.
 #
-#   ./scripts/bench.sh            the full form, about 12 minutes
+#   ./scripts/bench.sh            the full form, about 20 minutes
 #   ./scripts/bench.sh --fleet    the last part alone, ten minutes; replaces the last two sections
 #                                 of docs/performance.md and leaves the rest as it is
-#   ./scripts/bench.sh --quick    fewer sizes and rounds, under three minutes; writes the two files
+#   ./scripts/bench.sh --quick    fewer sizes and rounds, under five minutes; writes the two files
 #                                 to build/bench instead, which leaves the page in docs as it is.
 #                                 Also together with --fleet
 set -euo pipefail
