@@ -279,8 +279,9 @@ def main():
     page = directory / "performance.md"
     if "rates" in results or "restarts" in results:
         section = fleet(results) if "rates" in results else history(results)
-        others = page.read_text().partition(section.splitlines()[0])[0]
-        page.write_text(f"{others.rstrip()}\n\n{section}")
+        before, _, after = page.read_text().partition(section.splitlines()[0])
+        _, next_heading, others = after.partition("\n## ")
+        page.write_text(f"{before.rstrip()}\n\n{section}{next_heading}{others}")
         return
     costs = read(results["benchmarks"])
     machine = f"{results['context']['num_cpus']} cores, {platform.machine()}, {compiler()}"
