@@ -27,7 +27,8 @@ struct Moment {
   reporting::Sequence sequence;
   Time since;  ///< when the step was recorded that made the tree
   /// Up to here it was recorded that nothing else happened. It is earlier than the time that was
-  /// asked for where nothing was recorded then: what happened in between nobody saw.
+  /// asked for where nothing was recorded then: what happened in between nobody saw. For now it is
+  /// up to some five seconds ago while a recorder is at work.
   Time seen;
 };
 

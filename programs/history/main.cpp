@@ -139,7 +139,10 @@ void tellTree(Reader& reader, const Options& options) {
   if (!options.against) {
     if (options.isJson) return print(dump(jsonOf(root, at, moment)) + '\n');
     std::string head = root + " at " + textOf(at) + ", like that since " + textOf(moment.since);
-    if (moment.seen < at) head += ", nothing was recorded after " + textOf(moment.seen);
+    // Of the last seconds a recorder at work has not said yet that it saw them.
+    const std::chrono::seconds lag(now() - at < std::chrono::seconds(10) ? 10 : 0);
+    const bool isUnseen = at - moment.seen > lag;
+    if (isUnseen) head += ", nothing was recorded after " + textOf(moment.seen);
     print(printable(head) + '\n');
     // It has lines of its own, which `printable` would join.
     print(moment.tree ? moment.tree->debugString() : "It was not there\n");
