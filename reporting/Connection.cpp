@@ -237,7 +237,7 @@ class Connection::Client final : public Link {
       refused_.emplace_back(number, mosquitto_strerror(result));
     } else {
       if (onTheirWay_.empty()) lastAnswer_ = steady_clock::now();
-      onTheirWay_[clientNumber] = {number, message.topic};
+      onTheirWay_.emplace(clientNumber, std::pair(number, message.topic));
     }
     return number;
   }
@@ -490,8 +490,8 @@ class Connection::Client final : public Link {
   }
 
   void handle(const Settled& answer, Time now) {
-    const auto entry = onTheirWay_.find(answer.clientNumber);
-    if (entry == onTheirWay_.end()) return;
+    const auto entry = onTheirWay_.lower_bound(answer.clientNumber);
+    if (entry == onTheirWay_.end() || entry->first != answer.clientNumber) return;
     const auto [number, topic] = std::move(entry->second);
     onTheirWay_.erase(entry);
     lastAnswer_ = now;
@@ -606,8 +606,9 @@ class Connection::Client final : public Link {
   std::deque<std::pair<std::uint64_t, std::string>> refused_;  // messages, at once, with the reason
   std::exception_ptr failure_;
   std::string reason_;  // why the broker ends the connection
-  std::map<int, std::pair<std::uint64_t, std::string>>
-      onTheirWay_;  // our number and the topic, by theirs
+  // Our number and the topic, by theirs. Of more than 65,535 messages some have the same there; the
+  // broker answers them in their order.
+  std::multimap<int, std::pair<std::uint64_t, std::string>> onTheirWay_;
   std::map<int, std::string> subscriptions_;
   std::uint64_t lastNumber_ = 0;
   std::optional<Message> will_;  // of the connection
