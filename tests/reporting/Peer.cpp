@@ -169,6 +169,37 @@ void hurry(const Broker& broker) {
   say("longest " + std::to_string(longest.count()));
 }
 
+// Has more messages on their way than the client library has numbers for.
+class Talker final : public Endpoint {
+ public:
+  static constexpr std::uint64_t MOST = 70'000;
+
+  bool isDone() const { return settled_ == MOST; }
+
+  std::optional<Message> connecting() override { return std::nullopt; }
+  void connected(Link& link, Time /*now*/) override {
+    Message message;
+    message.topic = "talk";
+    for (std::uint64_t i = 0; i < MOST; ++i) link.publish(message);
+  }
+  void disconnected(Time /*now*/) override {}
+  void settled(std::uint64_t number, const std::string& refusal, Time /*now*/) override {
+    if (number == settled_ + 1 && refusal.empty()) ++settled_;
+  }
+  void received(const Message& /*message*/, Time /*now*/) override {}
+  Time serve(Time /*now*/) override { return Time::max(); }
+
+ private:
+  std::uint64_t settled_ = 0;  // in their order
+};
+
+void talk(const Broker& broker) {
+  Talker talker;
+  Connection connection(broker, talker, say);
+  while (!talker.isDone()) connection.serve(milliseconds(20));
+  say("all are settled");
+}
+
 Broker brokerOf(const std::string& urls) {
   std::vector<std::string> list;
   std::istringstream stream(urls);
@@ -192,6 +223,8 @@ int main(int argc, char** argv) {
     idle(broker);
   } else if (arguments.at(1) == "hurry") {
     hurry(broker);
+  } else if (arguments.at(1) == "talker") {
+    talk(broker);
   } else {
     report(broker, arguments.at(3), arguments.at(4), std::stoi(arguments.at(5)));
   }

@@ -311,6 +311,12 @@ def own_event_loop(stage):
     stage.collector = stage.start("collector")
 
 
+def more_messages_than_numbers(stage):
+    stage.start_broker()
+    stage.start("talker").tells("all are settled")
+    stage.collector = stage.start("collector")
+
+
 def peers_killed(stage):
     """A reporter while it removes one root; the next of its name lacks another one, too."""
     stage.begin()
@@ -630,8 +636,8 @@ def play(scenario):
 
 SCENARIOS = [
     broker_back_in_an_earlier_state, broker_that_does_not_answer, addresses_that_do_not_answer,
-    brokers_that_stand_in, site_and_centre, sessions_that_go_on, own_event_loop, peers_killed,
-    two_reporters_of_one_name, clocks_set_back, event_too_large, event_not_allowed,
+    brokers_that_stand_in, site_and_centre, sessions_that_go_on, own_event_loop, more_messages_than_numbers,
+    peers_killed, two_reporters_of_one_name, clocks_set_back, event_too_large, event_not_allowed,
     rights_that_are_missing, wrong_password,
     encrypted, example_of_a_broker, strangers, receiver_in_python, events_that_are_lost]
 # Free ports below those that the system gives to clients.
