@@ -28,6 +28,8 @@ std::optional<std::string> passwordIn(const std::string& path) {
   std::ifstream file(path);
   std::string password;
   if (!std::getline(file, password)) return std::nullopt;
+  // An editor of another system may have written the file.
+  if (!password.empty() && password.back() == '\r') password.pop_back();
   return password;
 }
 

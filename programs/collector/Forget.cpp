@@ -1,5 +1,6 @@
 #include "collector/Forget.h"
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <set>
@@ -24,6 +25,8 @@ class Forgetter final : public Endpoint {
       : topics_(prefix), name_(std::move(name)), isForced_(isForced), log_(std::move(log)) {}
 
   bool isDone() const { return hasBegun_ && onTheirWay_.empty(); }
+  // When something was heard or settled.
+  Time lastNews() const { return lastNews_; }
 
   std::optional<Message> connecting() override { return std::nullopt; }
 
@@ -41,7 +44,8 @@ class Forgetter final : public Endpoint {
     onTheirWay_.clear();
   }
 
-  void settled(std::uint64_t number, const std::string& refusal, Time /*now*/) override {
+  void settled(std::uint64_t number, const std::string& refusal, Time now) override {
+    lastNews_ = now;
     const auto entry = onTheirWay_.find(number);
     if (entry == onTheirWay_.end()) return;
     if (!refusal.empty()) {
@@ -116,9 +120,9 @@ void forgetReporter(const Broker& broker, const std::string& prefix, const std::
                     bool isForced, const std::function<void(const std::string&)>& log) {
   Forgetter forgetter(prefix, name, isForced, log);
   Connection connection(broker, forgetter, log);
-  const Time end = std::chrono::steady_clock::now() + seconds(30);
+  const Time begin = std::chrono::steady_clock::now();
   while (!forgetter.isDone()) {
-    if (std::chrono::steady_clock::now() > end) {
+    if (std::chrono::steady_clock::now() > std::max(begin, forgetter.lastNews()) + seconds(30)) {
       throw std::runtime_error("the broker does not answer");
     }
     connection.serve(std::chrono::milliseconds(100));

@@ -82,6 +82,7 @@ std::optional<Options> parse(int argc, char** argv) {
       "clear the state and the trees of a reporter that will not come back from the\n"
       "broker, and end: forget NAME --broker URL");
   forget->fallthrough();
+  forget->configurable(false);  // a setting must not clear anything
   forget->set_help_flag();
   forget->add_option("NAME", options.forgotten, "the name of the reporter")->required();
   forget->add_flag("--force", options.isForced, "also one that is online");

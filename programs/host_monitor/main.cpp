@@ -138,7 +138,7 @@ void watch(const Options& options) {
   } while (!monitor.isLast() && !signals.arrive(intervalOf(options)));
 }
 
-void log(const std::string& line) { std::cerr << line << "\n"; }
+void log(const std::string& line) { std::cerr << printable(line) << "\n"; }
 
 void publish(const Options& options) {
   constexpr std::chrono::seconds farewell(10);  // how long the last report waits for the broker
