@@ -28,7 +28,7 @@ namespace {
 // one would cost the square of their number.
 constexpr std::chrono::seconds betweenStates(1);
 // Trees that the broker has lost are sent again at this pace: what changes goes out beside them.
-constexpr std::chrono::milliseconds betweenTrees(10);
+constexpr std::chrono::milliseconds betweenTrees(2);
 // A process that comes back looks at its own last state before it goes on: it may have been set
 // back. Where it may not read that, it goes on after so long.
 constexpr std::chrono::seconds lookBack(1);
