@@ -18,6 +18,10 @@ constexpr std::size_t mostSegments = 500;
 constexpr std::chrono::seconds pause(10);
 // Of what is there, so much is let go at once where the file is too large.
 constexpr std::int64_t share = 20;
+// It is looked at all the time. So a clock that moves by more was set, and it can be wrong: nothing
+// is too old until it has gone on from there for a while.
+constexpr std::chrono::minutes leastJump(10);
+constexpr std::chrono::hours patience(1);
 
 std::uint64_t usedBytes(Database& database) {
   const std::int64_t pages =
@@ -30,7 +34,11 @@ std::uint64_t usedBytes(Database& database) {
 std::optional<std::int64_t> Keeping::horizonOf(Store& store, Time now) {
   const std::int64_t old = store.state().horizon;
   std::int64_t horizon = old;
-  if (rule_.age.count() > 0) horizon = std::max(horizon, store.placeOf(now - rule_.age));
+  const Time oldest = now - rule_.age;
+  if (rule_.age.count() > 0 && now >= trusted_) {
+    const auto first = store.rowFrom(old + 1);
+    if (first && first->time <= oldest) horizon = std::max(horizon, store.placeOfOld(oldest, now));
+  }
   // A twentieth is left free for what comes until this is looked at again.
   if (rule_.bytes > 0 && usedBytes(store.database()) > rule_.bytes - rule_.bytes / 20) {
     const std::int64_t last = store.state().last;
@@ -41,6 +49,8 @@ std::optional<std::int64_t> Keeping::horizonOf(Store& store, Time now) {
 }
 
 void Keeping::serve(Store& store, Time now) {
+  if (now - looked_ > leastJump || looked_ - now > leastJump) trusted_ = now + patience;
+  looked_ = now;
   if (!horizon_) {
     if (now < next_ && next_ - now <= pause) return;
     next_ = now + pause;

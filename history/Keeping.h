@@ -44,6 +44,8 @@ class Keeping {
   std::optional<std::int64_t> horizon_;  // up to which is let go now
   std::int64_t root_ = -1;               // done with those up to this one
   Time next_;
+  Time looked_;   // when it was looked at last
+  Time trusted_;  // from here on the clock is believed
 };
 
 }  // namespace orv::history

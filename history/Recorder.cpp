@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <unordered_map>
 #include <utility>
@@ -96,8 +97,9 @@ class Recorder::Core {
     // According to the steps that came.
     Sequence latest;
     Tree tree;
-    bool isMissed = false;  // a step was not recorded
-    bool isDirty = false;   // the head is not in the file yet
+    bool isMissed = false;   // a step was not recorded
+    bool isLeftOut = false;  // its entry in the file is damaged
+    bool isDirty = false;    // the head is not in the file yet
   };
 
   template <typename Action>
@@ -110,7 +112,7 @@ class Recorder::Core {
   Time now() const { return options_.clock ? options_.clock() : systemTime(); }
   void begin();
   void setTime();
-  void load(const std::string& id, Root& root);
+  bool load(const std::string& id, Root& root);
   void prime(Root& root, const Segment& segment);
   void append(Root& root, Row row);
   void appendWhole(Root& root, Kind kind);
@@ -158,6 +160,8 @@ void Recorder::Core::attempt(const Action& action) {
     action();
   } catch (const Error& error) {
     fail(error.what());
+  } catch (const std::bad_alloc&) {
+    fail(file_ + ": there is not enough memory");
   }
 }
 
@@ -171,6 +175,7 @@ void Recorder::Core::open() {
     store_->damaged("there is more than was recorded");
   }
   lastRoot_ = store_->database().number("SELECT max(number) FROM root");
+  if (lastRoot_ < 0 || lastRoot_ > Store::largest) store_->damaged("the numbers of its roots");
   watch_ = {};
   if (last_ > 0) watch_.entry = store_->root(Store::watchRoot);
   lastTime_ = now();
@@ -198,6 +203,7 @@ void Recorder::Core::fail(const std::string& reason) {
   for (auto& [id, root] : roots_) {
     root.isMissed = root.isMissed || root.isDirty;
     root.isDirty = false;
+    root.isLeftOut = false;
     root.entry = {};
     root.recorded.reset();
   }
@@ -222,18 +228,29 @@ void Recorder::Core::prime(Root& root, const Segment& segment) {
   }
 }
 
-void Recorder::Core::load(const std::string& id, Root& root) {
-  if (root.entry.number != 0) return;
-  if (auto entry = store_->root(id)) {
-    root.entry = std::move(*entry);
-    try {
-      if (const auto segment = store_->segment(root.entry, last_)) prime(root, *segment);
-    } catch (const Damage&) {
-      root.recorded.reset();  // a whole tree comes next
-    }
-  } else {
-    root.entry = {++lastRoot_, id, 0};
+// Whether the root can be recorded. What is damaged of one root is no reason to leave out others.
+bool Recorder::Core::load(const std::string& id, Root& root) {
+  if (root.entry.number != 0) return true;
+  if (root.isLeftOut) return false;
+  std::optional<RootEntry> entry;
+  try {
+    entry = store_->root(id);
+  } catch (const Damage& damage) {
+    root.isLeftOut = true;
+    tell("The root " + id + " is not recorded: " + damage.what());
+    return false;
   }
+  if (!entry) {
+    root.entry = {++lastRoot_, id, 0};
+    return true;
+  }
+  root.entry = std::move(*entry);
+  try {
+    if (const auto segment = store_->segment(root.entry, last_)) prime(root, *segment);
+  } catch (const Damage&) {
+    root.recorded.reset();  // a whole tree comes next
+  }
+  return true;
 }
 
 // The row after the last one of its root.
@@ -279,15 +296,17 @@ void Recorder::Core::setTime() {
 
 void Recorder::Core::write(const std::string& id, Root& root, const Event& event) {
   begin();
-  load(id, root);
+  if (!load(id, root)) return;
   setTime();
   const Kind kind = kindOf(event);
-  if (root.isMissed) return appendWhole(root, Kind::CAUGHT_UP);
-  if (kind != Kind::STATUS) return appendWhole(root, kind);
-  if (!root.recorded || root.recorded->epoch != root.latest.epoch ||
-      root.recorded->n + 1 != root.latest.n) {
+  const bool isSameEpoch = root.recorded && root.recorded->epoch == root.latest.epoch;
+  const bool isNext = isSameEpoch && root.latest.n == root.recorded->n + 1;
+  // A whole tree ends a gap, and the first one of an epoch follows on nothing.
+  const bool isSkipped = isSameEpoch && root.latest.n > root.recorded->n + 1;
+  if (root.isMissed || isSkipped || (kind == Kind::STATUS && !isNext)) {
     return appendWhole(root, Kind::CAUGHT_UP);
   }
+  if (kind != Kind::STATUS) return appendWhole(root, kind);
   event.SerializeToString(&bytes_);
   Row row;
   packer_.pack(bytes_, row.data);
@@ -312,8 +331,7 @@ void Recorder::Core::forget(const std::string& id) {
   if (store_) {
     attempt([&] {
       begin();
-      load(id, root);
-      if (root.entry.head == 0 || (root.recorded && !root.isThere)) return;
+      if (!load(id, root) || root.entry.head == 0 || (root.recorded && !root.isThere)) return;
       if (root.recorded) root.latest = *root.recorded;
       setTime();
       appendWhole(root, Kind::FORGOTTEN);
@@ -329,7 +347,7 @@ void Recorder::Core::catchUp() {
     missed_.pop_back();
     const auto root = roots_.find(id);
     if (root == roots_.end() || !root->second.isMissed) continue;
-    load(id, root->second);
+    if (!load(id, root->second)) continue;
     const bool isThere = root->second.tree != nullptr;
     const bool isSame =
         root->second.recorded == root->second.latest && root->second.isThere == isThere;
@@ -395,24 +413,21 @@ std::vector<Recorder::Resumed> Recorder::Core::resume() {
   if (!store_) return resumed;
   attempt([&] {
     if (transaction_) commitAll();
-    std::vector<RootEntry> entries;
-    for (std::int64_t after = 0; !(entries = store_->rootsAfter(after, 1000)).empty();) {
-      after = entries.back().number;
-      for (RootEntry& entry : entries) {
-        try {
-          const auto segment = store_->segment(entry, last_);
-          Tree tree = segment ? treeOf(*store_, *segment) : nullptr;
-          if (!tree) continue;
-          resumed.push_back({entry.name, std::move(tree), sequenceOf(*segment)});
-          Root& root = roots_[entry.name];
-          if (root.entry.number != 0) continue;
-          root.latest = resumed.back().sequence;
-          root.tree = resumed.back().tree;
-          prime(root, *segment);
-          root.entry = std::move(entry);
-        } catch (const Damage& damage) {
-          tell(std::string("A tree is not taken from the history: ") + damage.what());
-        }
+    for (std::int64_t number = 0; (number = store_->rootNumberAfter(number)) != 0;) {
+      try {
+        RootEntry entry = store_->root(number);
+        const auto segment = store_->segment(entry, last_);
+        Tree tree = segment ? treeOf(*store_, *segment) : nullptr;
+        if (!tree) continue;
+        resumed.push_back({entry.name, std::move(tree), sequenceOf(*segment)});
+        Root& root = roots_[entry.name];
+        if (root.entry.number != 0) continue;
+        root.latest = resumed.back().sequence;
+        root.tree = resumed.back().tree;
+        prime(root, *segment);
+        root.entry = std::move(entry);
+      } catch (const Damage& damage) {
+        tell(std::string("A tree is not taken from the history: ") + damage.what());
       }
     }
   });

@@ -14,7 +14,8 @@
 namespace orv::history {
 
 struct RecorderOptions {
-  /// What is older is let go; zero keeps everything.
+  /// What is older is let go, once the clock has gone on without a jump for an hour; zero keeps
+  /// everything.
   std::chrono::seconds keepAge{0};
   /// The oldest is let go where the file would become larger; 0 lets it grow. The trees of all
   /// roots, which have to stay, can need more.
@@ -36,6 +37,7 @@ struct RecorderOptions {
 /// the disk is full, the file may not be written, is damaged or of a later version. When it can
 /// record again, it records each tree that has changed meanwhile, and the history says from when to
 /// when nothing was recorded. The trees that steps hand over are kept for that, not copied.
+/// A root whose entry in the file is damaged is left out and told of.
 ///
 /// What is recorded is on disk after the next commit. A process that is killed, and a failure, lose
 /// what came after the last commit, nothing else. A machine that loses its power can lose some

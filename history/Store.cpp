@@ -143,7 +143,10 @@ State Store::state() {
   const bool isRight =
       statement.number(3) == sumOf({state.horizon, state.last, statement.number(2)}, {});
   statement.reset();
-  if (!isRight) damaged("its state");
+  // A file from anywhere can have the right sum as well.
+  const bool isSound = state.last >= 0 && state.last <= largest && state.horizon >= 1 &&
+                       state.horizon <= state.last + 1;
+  if (!isRight || !isSound) damaged("its state");
   return state;
 }
 
@@ -191,7 +194,8 @@ Row Store::read(Statement& statement) const {
   Row row;
   row.id = statement.number(0);
   row.root = statement.number(1);
-  row.previous = statement.number(2) == 0 ? 0 : row.id - statement.number(2);
+  const std::int64_t back = statement.number(2);
+  row.previous = back > 0 && back <= row.id ? row.id - back : -std::int64_t{back != 0};
   row.time = Time(milliseconds(statement.number(3)));
   row.kind = static_cast<Kind>(statement.number(4));
   row.data = statement.bytes(5);
@@ -200,6 +204,16 @@ Row Store::read(Statement& statement) const {
     damaged("row " + std::to_string(row.id));
   }
   return row;
+}
+
+std::int64_t Store::rootNumberAfter(std::int64_t number) {
+  Statement& statement =
+      prepared(rootNumberAfter_, database_, "SELECT min(number) FROM root WHERE number > ?")
+          .with(number);
+  statement.next();
+  const std::int64_t found = statement.number(0);
+  statement.reset();
+  return found;
 }
 
 Row Store::row(std::int64_t id) {
@@ -281,32 +295,66 @@ std::vector<Row> Store::watches() {
   return found;
 }
 
+// The last row at that time or before it from `low` on, which is not later, and before `end`, where
+// no clock was set back in between.
+std::int64_t Store::lastUpTo(Time time, std::int64_t low, std::int64_t end) {
+  for (std::int64_t high = end; high - low > 1;) {
+    const std::int64_t middle = low + (high - low) / 2;
+    const auto found = rowFrom(middle);
+    if (found && found->id < high && found->time <= time) {
+      low = found->id;
+    } else {
+      high = middle;
+    }
+  }
+  // In a damaged file the search may have gone astray.
+  if (low + 1 < end && low >= state().horizon && row(low + 1).time <= time) {
+    damaged("the order of rows");
+  }
+  return low;
+}
+
 std::int64_t Store::placeOf(Time time) {
   const State now = state();
+  const std::vector<Row> found = watches();
+  // Of each, the latest time at which a recorder had been at work before it.
+  std::vector<Time> seen(found.size());
+  Time latest;
+  for (std::size_t i = found.size(); i-- > 0;) {
+    if (found[i].kind == Kind::WATCH) latest = std::max(latest, watchOf(found[i]).seen);
+    seen[i] = latest;
+  }
   std::int64_t end = now.last + 1;
-  // Between two of these no clock was set back.
-  for (const Row& watch : watches()) {
-    if (watch.time > time) {
-      end = watch.id;
+  bool isJump = false;  // so it was at `end`
+  for (std::size_t i = 0; i < found.size(); end = found[i++].id) {
+    if (found[i].time > time) {
+      isJump = false;
       continue;
     }
-    std::int64_t low = watch.id;  // that one is not later
-    for (std::int64_t high = end; high - low > 1;) {
-      const std::int64_t middle = low + (high - low) / 2;
-      const auto found = rowFrom(middle);
-      if (found && found->id < high && found->time <= time) {
-        low = found->id;
-      } else {
-        high = middle;
-      }
+    const std::int64_t place = lastUpTo(time, found[i].id, end);
+    if (seen[i] < time || row(place).time >= seen[i]) return place;
+    if (!isJump || place + 1 < end) {
+      const auto next = rowFrom(place + 1);
+      isJump = (next ? next->time : now.seen) >= seen[i];
     }
-    // In a damaged file the search may have gone astray.
-    if (low + 1 < end && low >= now.horizon && row(low + 1).time <= time) {
-      damaged("the order of rows");
-    }
-    return low;
+    if (!isJump) return place;
   }
   return 0;
+}
+
+std::int64_t Store::placeOfOld(Time time, Time now) {
+  const std::int64_t last = state().last;
+  std::int64_t place = last;
+  std::int64_t end = last + 1;
+  // The oldest stretch counts that has something newer, as later ones can begin with a clock that
+  // is far back. What was recorded in the future would stay until then.
+  for (const Row& watch : watches()) {
+    const std::int64_t low = watch.time > time ? watch.id - 1 : lastUpTo(time, watch.id, end);
+    const auto newer = rowFrom(low + 1);
+    if (newer && newer->id < end && (end > last || newer->time <= now)) place = low;
+    end = watch.id;
+  }
+  return place;
 }
 
 void Store::append(const Row& row) {

@@ -85,6 +85,8 @@ class Store {
  public:
   // The entry that WATCH and CLOCK belong to.
   static constexpr std::int64_t watchRoot = 0;
+  // No recorder comes to a larger number, and what is counted on from here does not overflow.
+  static constexpr std::int64_t largest = std::int64_t{1} << 62;
 
   // Throws Error, as everything does here.
   Store(const std::string& file, Database::Mode mode);
@@ -97,6 +99,8 @@ class Store {
   RootEntry root(std::int64_t number);
   // Those with a higher number than `after`, at most so many, in the order of their numbers.
   std::vector<RootEntry> rootsAfter(std::int64_t after, std::size_t most);
+  // The number of the next one, also of one that is damaged; 0 for none.
+  std::int64_t rootNumberAfter(std::int64_t number);
   Row row(std::int64_t id);
   // The first row from there on, if there is one.
   std::optional<Row> rowFrom(std::int64_t id);
@@ -110,8 +114,11 @@ class Store {
   std::optional<Segment> segment(const RootEntry& root, std::int64_t id);
   // The rows of the watch root, the newest first.
   std::vector<Row> watches();
-  // The last row that was recorded at that time or before it; 0 for none.
+  // The last row that was recorded at that time or before it; 0 for none. What a clock that began
+  // far back jumped over when it was set belongs to what was recorded before.
   std::int64_t placeOf(Time time);
+  // Up to where all was recorded at that time or before it, whatever the clock was set to.
+  std::int64_t placeOfOld(Time time, Time now);
 
   void append(const Row& row);
   void setRoot(const RootEntry& root);
@@ -123,12 +130,13 @@ class Store {
   // A statement that stays within a row would keep its view of the file, and WAL would only grow.
   Row read(Statement& statement) const;
   RootEntry checked(Statement& statement) const;
+  std::int64_t lastUpTo(Time time, std::int64_t low, std::int64_t end);
 
   std::string file_;
   Database database_;
-  std::optional<Statement> state_, rootByName_, rootByNumber_, rootsAfter_, row_, rowFrom_,
-      rowUpTo_, wholeAfter_, wholesUpTo_, append_, appendWhole_, setRoot_, setState_, eraseRow_,
-      eraseWhole_, eraseRoot_;
+  std::optional<Statement> state_, rootByName_, rootByNumber_, rootsAfter_, rootNumberAfter_, row_,
+      rowFrom_, rowUpTo_, wholeAfter_, wholesUpTo_, append_, appendWhole_, setRoot_, setState_,
+      eraseRow_, eraseWhole_, eraseRoot_;
 };
 
 }  // namespace orv::history

@@ -1,5 +1,6 @@
 // What a recorder records is what readers find: random histories, faults of the file, times.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -446,6 +447,130 @@ TEST(History, KeepsItsOrderWhenTheClockIsSetBack) {
     }
   }
   EXPECT_EQ(textsOf(reader.changes({})).back().rfind("|The clock", 0), std::string::npos);
+}
+
+TEST(History, KeepsWhatAWrongClockWouldLetGo) {
+  const Place place;
+  Fleet fleet(8);
+  RecorderOptions options = optionsOf(fleet);
+  options.keepAge = 24h;
+  auto recorder = std::make_unique<Recorder>(place.file(), options);
+  const Time begin = fleet.now;
+  const auto play = [&] {
+    for (int i = 0; i < 50; ++i) fleet.now += 1s, fleet.step(*recorder);
+    ASSERT_TRUE(recorder->commit());
+  };
+  const auto stay = [&](std::chrono::minutes time) {
+    for (const Time end = fleet.now + time; fleet.now < end; fleet.now += 5min) {
+      for (int i = 0; i < 50; ++i) recorder->serve();
+    }
+  };
+  const auto expectAll = [&] {
+    Reader reader(place.file());
+    for (const auto& was : fleet.was()) {
+      if (was.time < begin) continue;
+      const auto moment = reader.treeAt(was.root, was.time);
+      ASSERT_TRUE(moment) << textOf(was.time);
+      ASSERT_EQ(bytesOf(moment->tree), was.bytes) << textOf(was.time);
+    }
+  };
+  play();
+  // The machine starts without knowing the time, is started once more, and learns it.
+  for (int i = 0; i < 2; ++i) {
+    fleet.now = Time(1h);
+    recorder.reset();
+    recorder = std::make_unique<Recorder>(place.file(), options);
+    play();
+  }
+  stay(2h);
+  fleet.now = begin + 1h;
+  play();
+  expectAll();
+  stay(2h);
+  expectAll();
+  const Time right = fleet.now;
+  fleet.now += 1000h;
+  stay(30min);
+  recorder.reset();
+  recorder = std::make_unique<Recorder>(place.file(), options);
+  stay(30min);
+  fleet.now = right;
+  stay(2h);
+  expectAll();
+  // What was recorded in the future does not hold up the rest.
+  play();
+  const Time later = fleet.now;
+  stay(30h);
+  play();
+  stay(10min);
+  EXPECT_FALSE(Reader(place.file()).treeAt("r0", later - 20s));
+}
+
+TEST(History, MarksWhereStepsWereSkipped) {
+  const Place place;
+  Fleet fleet(2);
+  Recorder recorder(place.file(), optionsOf(fleet));
+  Recorder other(place.file() + "-other", optionsOf(fleet));
+  std::map<std::string, bool> isLost;
+  std::vector<std::pair<Sequence, bool>> expected;
+  for (int i = 0; i < 1000; ++i) {
+    const bool isKept = i < 50 || fleet.pick(3) > 0;
+    const std::size_t count = fleet.was().size();
+    fleet.now += 1s;
+    fleet.step(isKept ? recorder : other);
+    if (fleet.was().size() == count) continue;
+    const auto& was = fleet.was().back();
+    if (!isKept) isLost[was.root] = true;
+    if (isKept) expected.emplace_back(was.sequence, std::exchange(isLost[was.root], false));
+  }
+  ASSERT_TRUE(recorder.commit());
+  Question question;
+  question.isNewestFirst = false;
+  question.most = 1000;
+  const auto page = Reader(place.file()).events(question);
+  ASSERT_EQ(page.answers.size(), expected.size());
+  std::map<std::string, Sequence> last;
+  int skips = 0;
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    const Recorded& one = page.answers[i];
+    ASSERT_EQ(one.sequence, expected[i].first);
+    const Sequence before = std::exchange(last[one.root], one.sequence);
+    if (before.epoch != one.sequence.epoch) continue;
+    EXPECT_EQ(one.isCaughtUp, expected[i].second) << one.sequence.text();
+    if (one.isCaughtUp && !orv::reporting::isWholeTree(one.event)) ++skips;  // a removal
+  }
+  EXPECT_GT(skips, 0);
+}
+
+TEST(History, LeavesOutOnlyTheRootWhoseEntryIsDamaged) {
+  const Place place;
+  Fleet fleet(4);
+  {
+    Recorder recorder(place.file(), optionsOf(fleet));
+    for (int i = 0; i < 50; ++i) fleet.now += 1s, fleet.step(recorder);
+  }
+  sqlite3* database = nullptr;
+  ASSERT_EQ(sqlite3_open(place.file().c_str(), &database), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database, "UPDATE root SET head = head + 1 WHERE number = 1", nullptr,
+                         nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(database);
+  std::vector<std::string> problems;
+  Recorder recorder(place.file(), optionsOf(fleet, &problems));
+  EXPECT_EQ(recorder.resume().size(), 3U);
+  for (int i = 0; i < 50; ++i) fleet.now += 1s, fleet.step(recorder);
+  EXPECT_TRUE(recorder.commit());
+  EXPECT_EQ(problems.size(), 2U) << "what is not resumed and what is not recorded";
+  Reader reader(place.file());
+  int refused = 0;
+  for (const std::string id : {"r0", "r1", "r2", "r3"}) {
+    try {
+      EXPECT_EQ(bytesOf(reader.treeAt(id, fleet.now)->tree), bytesOf(fleet.held(id)));
+    } catch (const Error&) {
+      ++refused;
+    }
+  }
+  EXPECT_EQ(refused, 1);
 }
 
 TEST(History, TellsChangesAndValuesOfADevice) {
