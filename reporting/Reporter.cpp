@@ -38,6 +38,7 @@ constexpr std::chrono::minutes inOneGo(10);  // who asks later is somebody else,
 // A step of a reporter with many roots is so long at most: then the program's loop has its turn.
 constexpr std::size_t mostAtOnce = 100;  // events, and lists
 constexpr std::size_t mostBytesAtOnce = 250'000;
+constexpr std::chrono::seconds silence(100);  // as collectors have it
 constexpr const char* endsConnection = "It ends the connection";
 
 }  // namespace
@@ -88,6 +89,7 @@ class Reporter::Core {
 
   // What the broker has kept of another process of this name.
   struct Left {
+    Time since;
     std::set<std::string> roots;
     std::set<unsigned int> parts;
   };
@@ -109,6 +111,7 @@ class Reporter::Core {
   void publishState(bool isOnline);
   void publishLists(std::size_t most);
   void noteGone(std::uint64_t start);
+  void clearSilent(Time now);
   void clearLeft(std::uint64_t start);
   std::size_t publishNext(const std::string& id, Time now);
   void publishAgain(const std::string& id, Root& root);
@@ -409,6 +412,7 @@ Time Reporter::Core::serve(Time now) {
   };
   if (areListsDue()) publishLists(stateDue_ <= now ? Topics::PARTITIONS : mostAtOnce);
   if (stateDue_ <= now && !stateOnItsWay_) {
+    clearSilent(now);
     publishState(true);
     lastState_ = now;
     stateDue_ = now + options_.heartbeat;
@@ -623,10 +627,19 @@ void Reporter::Core::receiveList(unsigned int partition, const Message& message,
   if (list.start() == start_ && list.version() > version_) return beginAnew(now);
   if (!message.isRetained) return;
   if (list.start() == start_ && roster_.foundKept(partition, list.version())) return;
-  Left& left = left_[list.start()];
+  Left& left = left_.try_emplace(list.start(), Left{now, {}, {}}).first->second;
   left.parts.insert(partition);
   for (const auto& root : list.roots()) left.roots.insert(root.root());
   if (list.start() == start_ || list.start() == gone_) clearLeft(list.start());
+}
+
+// A process of this name that was not heard for so long is gone, whether or not its will came.
+void Reporter::Core::clearSilent(Time now) {
+  std::vector<std::uint64_t> silent;
+  for (const auto& [start, left] : left_) {
+    if (start != rival_ && now - left.since > silence) silent.push_back(start);
+  }
+  for (const std::uint64_t start : silent) clearLeft(start);
 }
 
 void Reporter::Core::clearLeft(std::uint64_t start) {

@@ -6,6 +6,7 @@
 #include <random>
 #include <set>
 
+#include "proto/monitoring/reporting.pb.h"
 #include "reporting/Collector.h"
 #include "reporting/Reporter.h"
 #include "reporting/Wire.h"
@@ -138,8 +139,15 @@ class History : Wire {
     start(ends.back());
     calmDown(140s);
     compare();
+    const Topics topics("orv/1");
     for (const auto& [topic, message] : retained) {
-      const auto root = Topics("orv/1").rootOf(topic);
+      const auto root = topics.rootOf(topic);
+      orv::proto::monitoring::RootList list;
+      if (topics.listOf(topic)) list.ParseFromString(message.payload);
+      for (const auto& listed : list.roots()) {
+        if (!live.at(listed.root()) && !hasMissed)
+          fail("The broker still has a list with " + listed.root());
+      }
       if (root && !live.at(*root) && !hasRefused) fail("The broker still has " + *root);
     }
     return fault;
@@ -334,6 +342,7 @@ class History : Wire {
   std::array<std::unique_ptr<Process>, 2> processes;
   std::map<std::string, std::size_t> owners = {{"r0", 0}, {"r1", 0}, {"r2", 1}};
   std::map<std::string, Message> saved;  // by the broker
+  bool hasMissed = false;                // then a list may stay until its reporter connects again
   bool hasRefused =
       false;  // then a tree may stay that nobody has, as its reporter may not clear it
   std::unique_ptr<Collector> collector;
@@ -357,7 +366,11 @@ const std::vector<History::Step> History::steps = {
     {95, "hears any", hasDown, [](History& h, WireEnd& s) { h.takeDown(s, h.any(s.down), false); }},
     {30, "hears first", hasDown,
      [](History& h, WireEnd& s) { h.takeDown(s, h.any(s.down), true); }},
-    {35, "misses", hasDown, [](History& h, WireEnd& s) { h.loseDown(s, h.any(s.down)); }},
+    {35, "misses", hasDown,
+     [](History& h, WireEnd& s) {
+       h.loseDown(s, h.any(s.down));
+       h.hasMissed = true;
+     }},
     {100, "connects", isOff, [](History& h, WireEnd& s) { h.connect(s); }},
     {20, "disconnects", always, [](History& h, WireEnd& s) { h.disconnect(s); }},
     {15, "starts anew", always, [](History& h, WireEnd& s) { h.start(s); }},
