@@ -82,6 +82,7 @@ class Recorder::Core {
   std::vector<Resumed> resume();
   void record(const std::string& id, const Step& step);
   void forget(const std::string& id);
+  void setConnected(bool isConnected);
   void serve();
   bool commit();
   const std::string& failure() const noexcept { return failure_; }
@@ -116,6 +117,7 @@ class Recorder::Core {
   void prime(Root& root, const Segment& segment);
   void append(Root& root, Row row);
   void appendWhole(Root& root, Kind kind);
+  void appendGap(const std::string& reason);
   void write(const std::string& id, Root& root, const Event& event);
   void catchUp();
   void keep();
@@ -131,6 +133,7 @@ class Recorder::Core {
   std::optional<Transaction> transaction_;
   Keeping keeping_;
   bool isKeeping_ = true;
+  bool isConnected_ = true;
   std::unordered_map<std::string, Root> roots_;
   std::vector<Root*> dirty_;
   std::vector<std::string> missed_;
@@ -179,10 +182,7 @@ void Recorder::Core::open() {
   watch_ = {};
   if (last_ > 0) watch_.entry = store_->root(Store::watchRoot);
   lastTime_ = now();
-  Row row;
-  row.kind = Kind::WATCH;
-  row.data = dataOf(Watch{state_.seen, failure_});
-  append(watch_, std::move(row));
+  appendGap(failure_);
   const bool isNew = state_.last == 0;
   for (auto& [id, root] : roots_) {
     root.isMissed = root.isMissed || (isNew && root.tree);
@@ -282,6 +282,14 @@ void Recorder::Core::appendWhole(Root& root, Kind kind) {
   root.isMissed = false;
 }
 
+// Nothing was recorded since the recorder was at work for the last time.
+void Recorder::Core::appendGap(const std::string& reason) {
+  Row row;
+  row.kind = Kind::WATCH;
+  row.data = dataOf(Watch{state_.seen, reason});
+  append(watch_, std::move(row));
+}
+
 // What is recorded from here on is of now.
 void Recorder::Core::setTime() {
   const Time time = now();
@@ -316,7 +324,22 @@ void Recorder::Core::write(const std::string& id, Root& root, const Event& event
   if (root.since > std::max(root.size, leastBytes)) appendWhole(root, Kind::CHECKPOINT);
 }
 
+void Recorder::Core::setConnected(bool isConnected) {
+  if (isConnected == isConnected_) return;
+  if (store_) {
+    attempt([&] {
+      if (!isConnected) return commitAll();
+      if (now() - state_.seen <= watchPause) return;
+      begin();
+      setTime();
+      appendGap("there was no connection to the broker");
+    });
+  }
+  isConnected_ = isConnected;
+}
+
 void Recorder::Core::record(const std::string& id, const Step& step) {
+  setConnected(true);
   Root& root = roots_[id];
   root.latest = step.sequence;
   root.tree = step.after;
@@ -371,7 +394,7 @@ void Recorder::Core::commitAll() {
   state_.horizon = store_->state().horizon;
   state_.last = last_;
   // Until all is caught up on, some trees in the file are older than that.
-  if (missed_.empty()) state_.seen = std::max(lastTime_, now());
+  if (missed_.empty() && isConnected_) state_.seen = std::max(lastTime_, now());
   store_->setState(state_);
   transaction_->commit();
   transaction_.reset();
@@ -446,6 +469,8 @@ void Recorder::record(const std::string& root, const reporting::Step& step) {
 }
 
 void Recorder::forget(const std::string& root) { core_->forget(root); }
+
+void Recorder::setConnected(bool isConnected) { core_->setConnected(isConnected); }
 
 void Recorder::serve() { core_->serve(); }
 

@@ -77,6 +77,11 @@ class ORV_HISTORY_EXPORT Recorder final {
   /// The root is gone, and no step says so.
   void forget(const std::string& root);
 
+  /// Whether steps can come, which is so at first. What happens in between nobody sees: the history
+  /// says from when to when that was, where it was longer than five seconds. A step that is
+  /// recorded shows that they come again.
+  void setConnected(bool isConnected);
+
   /// To be called every half second or more often: commits at most a second after a step what was
   /// recorded, lets go what is too old, tries again after a failure. Mostly it has nothing to do.
   void serve();

@@ -38,7 +38,7 @@ struct FleetHistory::Core {
 FleetHistory::FleetHistory(const HistoryOptions& options,
                            std::function<void(const std::string&)> log)
     : core_(std::make_unique<Core>(options, std::move(log))) {
-  serve();
+  serve(true);
 }
 
 FleetHistory::~FleetHistory() = default;
@@ -59,7 +59,8 @@ void FleetHistory::record(const std::string& root, const orv::reporting::Step& s
 
 void FleetHistory::forget(const std::string& root) { core_->recorder.forget(root); }
 
-void FleetHistory::serve() {
+void FleetHistory::serve(bool isConnected) {
+  core_->recorder.setConnected(isConnected);
   core_->recorder.serve();
   const std::lock_guard<std::mutex> guard(core_->mutex);
   core_->failure = core_->recorder.failure();

@@ -37,8 +37,8 @@ class FleetHistory {
   void resume(Fleet& fleet);
   void record(const std::string& root, const orv::reporting::Step& step);
   void forget(const std::string& root);
-  // To be called twice a second at least.
-  void serve();
+  // To be called twice a second at least. While there is no connection nobody sees what happens.
+  void serve(bool isConnected);
 
   // Why nothing is recorded now; empty when all is well. Any thread may call it.
   std::string failure() const;

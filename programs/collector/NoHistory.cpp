@@ -14,7 +14,7 @@ FleetHistory::~FleetHistory() = default;
 void FleetHistory::resume(Fleet& /*fleet*/) {}
 void FleetHistory::record(const std::string& /*root*/, const orv::reporting::Step& /*step*/) {}
 void FleetHistory::forget(const std::string& /*root*/) {}
-void FleetHistory::serve() {}
+void FleetHistory::serve(bool /*isConnected*/) {}
 std::string FleetHistory::failure() const { return ""; }
 
 std::optional<HttpAnswer> answerHistory(const HistorySource& /*source*/,

@@ -140,7 +140,7 @@ void collect(const Options& options) {
   while (!isOver) {
     connection.serve(std::chrono::milliseconds(200));
     service.alive();
-    if (history) history->serve();
+    if (history) history->serve(fleet.isConnected());
     isOver = signals.arrive(std::chrono::nanoseconds(0)) ||
              (options.count > 0 && events >= options.count);
   }

@@ -542,6 +542,37 @@ TEST(History, MarksWhereStepsWereSkipped) {
   EXPECT_GT(skips, 0);
 }
 
+TEST(History, SaysWhenThereWasNoConnection) {
+  const Place place;
+  Fleet fleet(6);
+  Recorder recorder(place.file(), optionsOf(fleet));
+  const auto play = [&] {
+    for (int i = 0; i < 50; ++i) fleet.now += 1s, fleet.step(recorder);
+    ASSERT_TRUE(recorder.commit());
+  };
+  play();
+  for (const auto& pause : {2s, 60s}) {
+    const Time lost = fleet.now;
+    recorder.setConnected(false);
+    fleet.now += pause;
+    recorder.forget("unknown");  // which commits
+    recorder.commit();
+    EXPECT_EQ(Reader(place.file()).treeAt("r1", fleet.now)->seen, lost);
+    play();
+    const bool isTold = pause > 5s;
+    Reader reader(place.file());
+    EXPECT_EQ(reader.treeAt("r1", fleet.now)->seen, fleet.now);
+    EXPECT_EQ(reader.treeAt("r1", lost + pause)->seen, isTold ? lost : lost + pause);
+    Question question;
+    question.since = lost;
+    const auto texts = textsOf(reader.changes(question));
+    EXPECT_EQ(std::count(texts.begin(), texts.end(),
+                         "|Nothing was recorded since " + textOf(lost) +
+                             ": there was no connection to the broker"),
+              isTold ? 1 : 0);
+  }
+}
+
 TEST(History, LeavesOutOnlyTheRootWhoseEntryIsDamaged) {
   const Place place;
   Fleet fleet(4);
