@@ -455,6 +455,10 @@ std::size_t Reporter::Core::publishNext(const std::string& id, Time now) {
   Root& root = roots_.at(id);
   if (flights_.isOnItsWay(id)) return 0;
   if (root.resendAfter) publishAgain(id, root);
+  if (root.resendAfter) {  // the rest waits for room, and what comes next for the rest
+    queue(id);
+    return 0;
+  }
   const Publication* publication = root.sender.onItsWay();
   std::string refusal;
   if (publication == nullptr) {
@@ -492,6 +496,10 @@ void Reporter::Core::publishAgain(const std::string& id, Root& root) {
   if (!lacked) return root.sender.requestTree();
   const std::vector<std::string>& kept = root.sender.kept();
   for (std::size_t left = *lacked; left > 0; --left) {
+    if (!flights_.hasRoom()) {
+      root.resendAfter = Sequence{root.sender.last().epoch, root.sender.last().n - left};
+      return;
+    }
     Message message = eventOf(id, {root.sender.last().epoch, root.sender.last().n - left + 1});
     message.payload = kept[kept.size() - left];
     flights_.goesBeside(link_->publish(message), message.payload.size());

@@ -219,6 +219,28 @@ TEST_F(ReporterTest, SendsAgainWhatACollectorLacks) {
     askAfter(epoch + n / 9, n);
     talk.after(10s).takeEach({"tree 0"}).after(10s);
   }
+  // What goes out again is limited in bytes, and comes before what is new.
+  ReporterOptions keeping = options();
+  keeping.leastKept = 100'000'000;
+  Reporter large("a", {}, keeping);
+  Conversation other(large);
+  const Tree tree = nodes::node("0");
+  large.report(tree);
+  other.withoutStates().connect().takeEach({"tree 0"});
+  for (const char letter : {'a', 'b', 'c', 'd', 'e'}) {
+    tree->setGlobalStatus({{}, std::string(1'500'000, letter)});
+    large.report(tree);
+    other.takeEach({"change 0"});
+  }
+  orv::proto::monitoring::TreeRequest request;
+  auto& have = *request.add_have();
+  have.set_root("0");
+  have.set_epoch(Sequence::parse(other.last.sequence)->epoch);
+  have.set_n(1);
+  tree->setGlobalStatus({{}, "new"});
+  large.report(tree);
+  other.hear({"orv/1/request/a", request.SerializeAsString(), false, {}, {}});
+  other.takeEach({"change 0, change 0, change 0", "change 0, change 0, change 0"});
   // As many bytes again as the tree has: it goes out in place of the next change.
   int changesInARow = 0;
   for (int trees = 0; trees < 2; talk.take()) {
