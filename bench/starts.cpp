@@ -209,8 +209,8 @@ Json measureStarts(const std::string& settings, bool quick) {
   Json result;
   for (const std::size_t roots : {1000, 10000}) {
     for (const std::size_t reporters : {1, 200}) {
-      result.push_back(measureFleet(settings, quick ? roots / 10 : roots,
-                                    quick ? reporters / 10 + 1 : reporters, quick));
+      result.push_back(
+          measureFleet(settings, quick ? roots / 10 : roots, quick ? 1 : reporters, quick));
     }
   }
   return result;
