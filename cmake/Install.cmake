@@ -42,38 +42,27 @@ install(FILES ${PROJECT_SOURCE_DIR}/examples/receiver.py
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liborv-device-tree-dev/examples
   COMPONENT device_tree_development)
 
-if(ORV_BUILD_REPORTING)
+# What an optional library adds: its targets, and a pkg-config file with the packages that it needs.
+function(install_development_files name)
   # A shared library brings what it needs by itself.
   set(pc_requires_private)
   if(NOT BUILD_SHARED_LIBS)
-    set(pc_requires_private "libmosquitto openssl")
+    list(JOIN ARGN " " pc_requires_private)
   endif()
-  configure_file(${CMAKE_CURRENT_LIST_DIR}/orv-reporting.pc.in orv-reporting.pc @ONLY)
+  configure_file(${CMAKE_CURRENT_FUNCTION_LIST_DIR}/orv-${name}.pc.in orv-${name}.pc @ONLY)
 
-  install(EXPORT reporting
-    FILE ${PROJECT_NAME}-reporting-targets.cmake
+  install(EXPORT ${name}
+    FILE ${PROJECT_NAME}-${name}-targets.cmake
     NAMESPACE orv::
     DESTINATION ${config_install_dir}
-    COMPONENT reporting_development)
-  install(FILES ${PROJECT_BINARY_DIR}/orv-reporting.pc
+    COMPONENT ${name}_development)
+  install(FILES ${PROJECT_BINARY_DIR}/orv-${name}.pc
     DESTINATION ${pc_install_dir}
-    COMPONENT reporting_development)
+    COMPONENT ${name}_development)
+endfunction()
+if(ORV_BUILD_REPORTING)
+  install_development_files(reporting libmosquitto openssl)
 endif()
-
 if(ORV_BUILD_HISTORY)
-  # A shared library brings SQLite and zlib by itself.
-  set(pc_history_private)
-  if(NOT BUILD_SHARED_LIBS)
-    set(pc_history_private "sqlite3 zlib")
-  endif()
-  configure_file(${CMAKE_CURRENT_LIST_DIR}/orv-history.pc.in orv-history.pc @ONLY)
-
-  install(EXPORT history
-    FILE ${PROJECT_NAME}-history-targets.cmake
-    NAMESPACE orv::
-    DESTINATION ${config_install_dir}
-    COMPONENT history_development)
-  install(FILES ${PROJECT_BINARY_DIR}/orv-history.pc
-    DESTINATION ${pc_install_dir}
-    COMPONENT history_development)
+  install_development_files(history sqlite3 zlib)
 endif()
