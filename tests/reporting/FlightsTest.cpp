@@ -103,6 +103,9 @@ TEST_F(FlightsTest, DoubtsWhoStoodAloneAtTheEndUntilTheConnectionHasProvedGood) 
   EXPECT_EQ(goAndCut("a"), "a, a");
   EXPECT_TRUE(flights.isDoubted("a"));
   connect();
+  now += 999ms;
+  cut();
+  connect();  // one that has to prove good by itself
   EXPECT_EQ(flights.retryDue(), now + 1s);
   EXPECT_EQ(retry(999ms), "");
   EXPECT_EQ(retry(1ms), "a");
