@@ -200,7 +200,8 @@ Site::Site(const std::string& address, std::uint16_t port, Fleet& fleet,
       history_(std::move(history)),
       news_(fleet),
       name_(address.find(':') == std::string::npos ? address : "[" + address + "]"),
-      server_(address, port, [this](const HttpRequest& request) { return answer(request); }) {
+      server_(address, port, {"/metrics"},
+              [this](const HttpRequest& request) { return answer(request); }) {
   const auto guard = fleet_.lock();
   fleet_.setListener([this] { server_.wake(); });
 }

@@ -186,7 +186,8 @@ HttpAnswer unchanged(const std::string& tag) { return {304, "", nullptr, tag}; }
 
 class HttpServer::Core {
  public:
-  Core(const std::string& address, std::uint16_t port, Handler handler);
+  Core(const std::string& address, std::uint16_t port, std::set<std::string> urgentPaths,
+       Handler handler);
   Core(const Core&) = delete;
   Core& operator=(const Core&) = delete;
   ~Core();
@@ -201,6 +202,7 @@ class HttpServer::Core {
   void look();
   void tick();
 
+  const std::set<std::string> urgentPaths_;
   const Handler handler_;
   std::atomic<bool> isAwake_ = false;  // somebody looks for news before long
   // What follows is for the thread of the connections alone.
@@ -211,8 +213,9 @@ class HttpServer::Core {
   net::steady_timer nextTick_{context_};
   Clock::time_point lastLook_;
   std::set<std::shared_ptr<Client>> clients_;
-  // News are not to wait for long answers.
+  // Neither news nor what is urgent is to wait for long answers.
   net::thread_pool answers_{3};
+  net::thread_pool urgentAnswers_{1};
   net::thread_pool news_{1};
   std::thread thread_;
 };
@@ -273,6 +276,7 @@ class HttpServer::Core::Client : public std::enable_shared_from_this<Client> {
   bool isKept_ = false;     // the connection, after this answer
   bool isChunked_ = false;  // the body of this answer
   bool isOver_ = false;
+  net::thread_pool* makers_ = nullptr;  // of the answer
   HttpAnswer answer_;
   std::optional<Gzip> gzip_;
   bool hasEnded_ = false;  // the pieces
@@ -316,7 +320,8 @@ void HttpServer::Core::Client::take(const error_code& error) {
 void HttpServer::Core::Client::ask() {
   auto request = requestOf(parser_->get());
   if (!request) return start(refusal(400, "The address is none of this server"));
-  if (textBytes > mostBytes) return start(refusal(503, "Too much waits to be sent"));
+  const bool isUrgent = core_.urgentPaths_.count(request->path) > 0;
+  if (!isUrgent && textBytes > mostBytes) return start(refusal(503, "Too much waits to be sent"));
   const auto answer = [&core = core_, request = std::move(*request)] {
     try {
       return core.handler_(request);
@@ -324,7 +329,8 @@ void HttpServer::Core::Client::ask() {
       return refusal(500, fault.what());
     }
   };
-  have(core_.answers_, answer, [this](HttpAnswer made) { start(std::move(made)); });
+  makers_ = isUrgent ? &core_.urgentAnswers_ : &core_.answers_;
+  have(*makers_, answer, [this](HttpAnswer made) { start(std::move(made)); });
 }
 
 void HttpServer::Core::Client::start(HttpAnswer answer) {
@@ -379,7 +385,7 @@ std::string HttpServer::Core::Client::nextPiece() {
 
 void HttpServer::Core::Client::produce() {
   have(
-      core_.answers_, [this] { return nextPiece(); },
+      *makers_, [this] { return nextPiece(); },
       [this](std::string piece) { take(std::move(piece)); });
 }
 
@@ -489,8 +495,9 @@ void HttpServer::Core::Client::end() {
   core_.clients_.erase(shared_from_this());
 }
 
-HttpServer::Core::Core(const std::string& address, std::uint16_t port, Handler handler)
-    : handler_(std::move(handler)) {
+HttpServer::Core::Core(const std::string& address, std::uint16_t port,
+                       std::set<std::string> urgentPaths, Handler handler)
+    : urgentPaths_(std::move(urgentPaths)), handler_(std::move(handler)) {
   tcp::resolver resolver(context_);
   const auto found = resolver.resolve(address, std::to_string(port),
                                       tcp::resolver::passive | tcp::resolver::numeric_service);
@@ -506,10 +513,12 @@ HttpServer::Core::Core(const std::string& address, std::uint16_t port, Handler h
 
 HttpServer::Core::~Core() {
   answers_.stop();
+  urgentAnswers_.stop();
   news_.stop();
   context_.stop();
   thread_.join();
   answers_.join();
+  urgentAnswers_.join();
   news_.join();
   clients_.clear();
 }
@@ -561,8 +570,9 @@ void HttpServer::Core::tick() {
   });
 }
 
-HttpServer::HttpServer(const std::string& address, std::uint16_t port, Handler handler)
-    : core_(std::make_unique<Core>(address, port, std::move(handler))) {}
+HttpServer::HttpServer(const std::string& address, std::uint16_t port,
+                       std::set<std::string> urgentPaths, Handler handler)
+    : core_(std::make_unique<Core>(address, port, std::move(urgentPaths), std::move(handler))) {}
 
 HttpServer::~HttpServer() = default;
 

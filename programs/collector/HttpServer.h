@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 // Clients may share one. Questions are refused while there are too many bytes of them.
@@ -69,8 +70,11 @@ class HttpServer {
   // Is called on several threads. Only GET and HEAD get there; a HEAD is answered without the body.
   using Handler = std::function<HttpAnswer(const HttpRequest&)>;
 
-  // Port 0 is any that is free. Throws std::runtime_error when it cannot listen there.
-  HttpServer(const std::string& address, std::uint16_t port, Handler handler);
+  // Port 0 is any that is free. The urgent paths have a thread of their own: they wait for no
+  // answers to others and are answered however much waits to be sent. Throws std::runtime_error
+  // when it cannot listen there.
+  HttpServer(const std::string& address, std::uint16_t port, std::set<std::string> urgentPaths,
+             Handler handler);
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
   ~HttpServer();

@@ -4,9 +4,12 @@ or gone: answers.py SOURCES BROKER PORT PROCESS, the process number of the colle
 import contextlib
 import gzip
 import json
+import os
 import pathlib
 import re
+import select
 import socket
+import subprocess
 import sys
 import urllib.request
 
@@ -225,6 +228,33 @@ def check_protocol():
         assert got == status and "error" in json.loads(content), (text[:40], got, content)
 
 
+def check_strangers():
+    """Each bad message is counted, and a flood of them makes no flood of lines."""
+    def strangers():
+        return int(re.search(rb"orv_collector_strangers_total (\d+)", get("/metrics")[2])[1])
+
+    before = strangers()
+    host, port = BROKER.rsplit("/", 1)[1].split(":")
+    subprocess.run(["mosquitto_pub", "-h", host, "-p", port, "-q", "1", "-l", "-t", "orv/1/state/x"],
+                   input=b"bad\n" * 1000, check=True)
+    wait("the strangers", lambda: strangers() == before + 1000)
+    lines = pathlib.Path("collector.log").read_text(encoding="utf-8").count("A state of x cannot be read")
+    assert lines == 20, lines
+
+
+def check_urgent():
+    """The metrics do not wait for questions that do not come to an end."""
+    pathlib.Path("fleet.history").rename("kept")
+    os.mkfifo("fleet.history")  # whoever opens it to read waits for somebody who writes
+    held = [Pipe(b"GET /api/changes HTTP/1.1\r\nHost: localhost\r\n\r\n") for _ in range(3)]
+    late = Pipe(b"GET /page.css HTTP/1.1\r\nHost: localhost\r\n\r\n")
+    assert b"orv_root_up" in get("/metrics")[2]
+    assert not select.select([late.socket], [], [], 0.5)[0], "nobody is held up"
+    with open("fleet.history", "wb"):
+        pathlib.Path("kept").replace("fleet.history")
+    assert [pipe.answer()[0] for pipe in [*held, late]] == [503, 503, 503, 200]
+
+
 def check_clients(plant):
     """Clients that never read, stop in a request or leave cost no thread and hold nobody up."""
     def threads():
@@ -269,5 +299,7 @@ PLANT = report()
 check_interface()
 check_events(PLANT)
 check_protocol()
+check_strangers()
+check_urgent()
 check_clients(PLANT)
 print("Everything is answered as documented")
