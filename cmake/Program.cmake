@@ -14,7 +14,7 @@ function(add_orv_program name)
   string(REPLACE _ - program orv-${name})
   string(REPLACE - _ function ${program})
   add_executable(${name} ${arg_SOURCES}
-    BrokerOptions.cpp CommandLine.cpp Service.cpp)
+    BrokerOptions.cpp CommandLine.cpp ProblemLog.cpp Service.cpp)
   set_target_properties(${name} PROPERTIES
     OUTPUT_NAME ${program}
     INSTALL_RPATH $ORIGIN/../${CMAKE_INSTALL_LIBDIR})

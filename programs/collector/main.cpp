@@ -9,6 +9,7 @@
 
 #include "BrokerOptions.h"
 #include "CommandLine.h"
+#include "ProblemLog.h"
 #include "Service.h"
 #include "Signals.h"
 #include "collector/Fleet.h"
@@ -119,7 +120,8 @@ void collect(const Options& options) {
     if (history && condition == Condition::FORGOTTEN) history->forget(root);
     if (!isOver) show(root + ":", textOf(condition));
   };
-  callbacks.problem = [](const auto& problem) { logLine(problem.text); };
+  ProblemLog problems(logLine);
+  callbacks.problem = [&problems](const auto& problem) { problems.tell(problem); };
   Fleet fleet(callbacks, options.collector);
   auto connectionOptions = connectionOptionsOf(options.broker);
   if (!options.history.session.empty()) {
@@ -140,6 +142,7 @@ void collect(const Options& options) {
   while (!isOver) {
     connection.serve(std::chrono::milliseconds(200));
     service.alive();
+    problems.serve();
     if (history) history->serve(fleet.isConnected());
     isOver = signals.arrive(std::chrono::nanoseconds(0)) ||
              (options.count > 0 && events >= options.count);

@@ -12,6 +12,7 @@
 
 #include "BrokerOptions.h"
 #include "CommandLine.h"
+#include "ProblemLog.h"
 #include "Service.h"
 #include "Signals.h"
 #include "device_tree/Summary.h"
@@ -150,7 +151,8 @@ void publish(const Options& options) {
   callbacks.published = [&monitor](const std::string& /*root*/, const orv::reporting::Step& step) {
     monitor.show(step.event, step.before, step.after);
   };
-  callbacks.problem = [](const auto& problem) { log(problem.text); };
+  ProblemLog problems(log);
+  callbacks.problem = [&problems](const auto& problem) { problems.tell(problem); };
   orv::reporting::Reporter reporter(monitor.live()->getDeviceId(), callbacks);
   orv::reporting::Connection connection(brokerOf(options.broker), reporter, log,
                                         connectionOptionsOf(options.broker));
@@ -164,6 +166,7 @@ void publish(const Options& options) {
           std::min<Clock::duration>(end - Clock::now(), std::chrono::milliseconds(200));
       connection.serve(std::chrono::ceil<std::chrono::milliseconds>(slice));
       service.alive();
+      problems.serve();
       if (signals.arrive(Clock::duration(0)) || (monitor.isLast() && reporter.isSettled())) {
         service.stopping();
         return;
