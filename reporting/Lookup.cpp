@@ -76,6 +76,7 @@ std::vector<std::string> Lookup::addresses() const {
                         NI_NUMERICHOST));
     result.emplace_back(text.data());
   }
+  if (result.empty()) require(EAI_NONAME);
   return result;
 }
 
