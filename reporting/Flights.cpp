@@ -27,7 +27,7 @@ Flights::Rest Flights::disconnected(Time now) {
   Rest rest;
   for (const auto& [number, root] : roots_) rest.roots.push_back(root);
   isWindowSmall_ = !roots_.empty();
-  forget(now);
+  forget();
   // Of several nobody can say which was the reason. A narrow window soon leaves one alone.
   if (rest.roots.size() == 1) {
     const std::string& root = rest.roots.front();
@@ -88,7 +88,7 @@ std::optional<std::string> Flights::taken(std::uint64_t number, Time now) {
     isConnectionGood_ = true;
     // Whoever was only suspected need not wait any longer.
     for (const auto& [other, doubt] : doubts_) {
-      if (doubt.pauses.count() == 0 && other != tried_) retries_.at(other, now);
+      if (doubt.pauses.count() == 0) retries_.at(other, now);
     }
   }
   return root;
@@ -110,12 +110,11 @@ void Flights::rest() {
   if (roots_.empty()) window_ = MOST;
 }
 
-void Flights::forget(Time now) {
+void Flights::forget() {
   roots_.clear();
   numbers_.clear();
   bytes_.clear();
   allBytes_ = 0;
-  if (tried_) retries_.at(*tried_, now);  // it has lost its turn
   tried_.reset();
 }
 
@@ -128,10 +127,7 @@ void Flights::trust(const std::string& root) {
 std::optional<std::string> Flights::retry(Time now) {
   if (tried_) return std::nullopt;
   retries_.advance(now);
-  if (const std::string* const root = retries_.first()) {
-    tried_ = *root;
-    retries_.drop(*tried_);
-  }
+  if (const std::string* const root = retries_.first()) tried_ = *root;
   return tried_;
 }
 

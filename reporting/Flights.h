@@ -79,7 +79,7 @@ class Flights {
 
   // What was on its way is of no concern any more: no answer to it is expected. The caller lets go
   // of the turns that it gave.
-  void forget(Time now);
+  void forget();
 
   bool isDoubted(const std::string& root) const { return doubts_.count(root) > 0; }
   // The root is doubted no longer: it has nothing to say, or is gone.
@@ -108,7 +108,7 @@ class Flights {
   bool isWindowSmall_ = false;     // the last connection ended with events on their way
   bool isConnectionGood_ = false;  // an event went through
   std::map<std::string, Doubt> doubts_;
-  Agenda retries_;                    // doubted roots that wait
+  Agenda retries_;                    // doubted roots; one has its turn until it is settled
   std::optional<std::string> tried_;  // the doubted root that has its turn or is on its way
 };
 

@@ -104,7 +104,7 @@ class Reporter::Core {
   void clear(const std::string& id);
   void erase(const std::string& id);
   void countKept(Root& root);
-  void beginAnew(Time now);
+  void beginAnew();
   void renewTrees(Time now);
   void tellRefusal(const std::string& what, const std::string& reason);
   void relist(const std::string& id);
@@ -602,7 +602,7 @@ void Reporter::Core::receiveState(const Message& message, Time now) {
   // broker had none: it has lost the trees as well, and who asks for them may come too late.
   const bool isFirst = std::exchange(isOwnStateAwaited_, false);
   if (wasSetBack) {
-    beginAnew(now);
+    beginAnew();
   } else if (isFirst && isOwn && state.online() && !message.isRetained && connection_ > 1) {
     renewTrees(now);
   }
@@ -632,7 +632,7 @@ void Reporter::Core::noteGone(std::uint64_t start) {
 void Reporter::Core::receiveList(unsigned int partition, const Message& message, Time now) {
   monitoring::RootList list;
   if (!list.ParseFromString(message.payload)) return;
-  if (list.start() == start_ && list.version() > version_) return beginAnew(now);
+  if (list.start() == start_ && list.version() > version_) return beginAnew();
   if (!message.isRetained) return;
   if (list.start() == start_ && roster_.foundKept(partition, list.version())) return;
   Left& left = left_.try_emplace(list.start(), Left{now, {}, {}}).first->second;
@@ -660,12 +660,12 @@ void Reporter::Core::clearLeft(std::uint64_t start) {
 
 // The process was set back in time, or is the copy of another one. It would use numbers again under
 // which collectors have had other events. So it becomes another process, with new epochs.
-void Reporter::Core::beginAnew(Time now) {
+void Reporter::Core::beginAnew() {
   complain({Problem::Kind::SET_BACK, "", "",
             "This process was set back in time, or copied: all trees are sent anew"});
   random_.seed(drawSeed());
   gone_ = std::exchange(start_, random_());
-  flights_.forget(now);
+  flights_.forget();
   stateOnItsWay_.reset();
   listsOnTheirWay_.clear();
   stateDue_ = Time::min();

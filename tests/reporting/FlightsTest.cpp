@@ -57,7 +57,7 @@ TEST_F(FlightsTest, LetsOutAsManyAsTheWindowAndTheBytesAllow) {
   EXPECT_EQ(go(std::string(1001, 'x')).size(), Flights::MOST);
   EXPECT_EQ(flights.taken(1, now), "x");
   EXPECT_EQ(go("ab"), "a");
-  flights.forget(now);
+  flights.forget();
   EXPECT_EQ(flights.taken(2, now), std::nullopt);
   EXPECT_EQ(go("ab", Flights::MOST_BYTES), "a");
   take("a");
@@ -170,7 +170,7 @@ TEST_F(FlightsTest, TriesOneRefusedRootAtATimeWithPausesThatDouble) {
   EXPECT_EQ(go("b"), "b");
   refuse('b');
   EXPECT_EQ(retry(), "a");
-  flights.forget(now);
+  flights.forget();
   EXPECT_EQ(retry(), "a") << "its turn was lost";
   flights.trust("a");
   for (const auto pause : {10s, 20s, 40s, 80s, 160s, 320s, 600s, 600s}) {
