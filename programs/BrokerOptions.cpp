@@ -14,14 +14,14 @@
 namespace {
 
 // The file that an option names, or else the credential of that name which the service manager has
-// handed over, broker_password for example. An empty one is none.
+// handed over, broker_password for example. An empty one is no good: were it as if there was none,
+// everybody's authorities would be trusted in place of the one that somebody has lost.
 std::string fileOf(const std::string& option, const char* credential) {
   const char* const directory = std::getenv("CREDENTIALS_DIRECTORY");
   if (!option.empty() || directory == nullptr) return option;
   const auto file = std::filesystem::path(directory) / (std::string("broker_") + credential);
-  std::error_code absent;
-  const auto size = std::filesystem::file_size(file, absent);
-  return !absent && size > 0 ? file.string() : "";
+  std::error_code unknown;
+  return std::filesystem::exists(file, unknown) ? file.string() : "";
 }
 
 std::optional<std::string> passwordIn(const std::string& path) {
