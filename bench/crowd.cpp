@@ -191,7 +191,8 @@ class Crowd {
     return due <= now_;
   }
   void serveCollector() {
-    collect([&] { collector_.serve(now_); });
+    Time due = now_;
+    while (due <= now_) collect([&] { due = collector_.serve(now_); });
   }
 
   void exchange() {

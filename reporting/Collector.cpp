@@ -31,6 +31,15 @@ constexpr std::chrono::seconds hearing(40);
 // Brings together what decides each for itself: a Follower for each root keeps its tree, a Peer for
 // each reporter says which of its states counts, Requests says when something is asked for. What is
 // left here is who reports a root, and what follows from all that for its condition.
+//
+// A state or the end of a connection can concern all roots at once. Then their parts line up for a
+// review, and a limited number of roots is reviewed in a call:
+//
+// - Until its review a root keeps the condition that was told last. Whoever asks gets the true one.
+// - What arrives of a root, or of its part, comes after the review of that part. So a state that
+//   agreed with the part speaks of where its roots still are.
+// - A root that was CURRENT before something cast doubt on its part, and is behind, is not CURRENT
+//   after the review.
 class Collector::Core {
  public:
   Core(CollectorCallbacks callbacks, const CollectorOptions& options);
@@ -80,7 +89,12 @@ class Collector::Core {
   void unlist(const std::string& id, const std::string& name, Time now);
   void unclaim(const std::string& id, const Root& root);
   void checkClaims(const std::string& name, Time now);
-  void updateRootsOf(const Peer& peer, Time now);
+  void lineUp(const std::string& name, const Peer& peer);
+  void review(Time now);
+  std::size_t review(const std::string& topic, Time now);
+  std::string partOf(const Root& root) const;
+  bool isLinedUp(const Root& root) const;
+  void updateClaimed(Time now);
   bool reportsAny(const std::string& name, const Peer& peer) const;
   void dropRequests(const std::string& name, const Peer& peer);
   void remark(Root& root);
@@ -91,7 +105,7 @@ class Collector::Core {
   bool isConfirmed(const Root& root, const Peer& peer) const;
   bool canAsk(const Root& root) const;
   Condition conditionOf(const Root& root) const;
-  std::string reasonOf(const std::string& id, const Root& root) const;
+  std::string reasonOf(const std::string& id, const Root& root, Condition condition) const;
   void check(Time now);
   void checkHearing(Time now);
   void ask(Time now);
@@ -120,7 +134,10 @@ class Collector::Core {
   std::map<std::string, Root> roots_;
   std::map<std::string, Peer> peers_;
   std::map<std::string, std::set<std::string>>
-      claims_;       // roots by claimer, while nobody lists them
+      claims_;                      // roots by claimer, while nobody lists them
+  std::set<std::string> unlisted_;  // roots without a reporter that counts
+  Time connectedAt_;
+  Agenda reviews_;   // topics of the lists of parts
   Agenda behind_;    // roots whose reporter is ahead, until patience ends
   Requests trees_;   // by root
   Requests states_;  // by reporter
@@ -168,8 +185,9 @@ std::optional<Collector::View> Collector::Core::view(const std::string& id) cons
   if (entry == roots_.end()) return std::nullopt;
   const Root& root = entry->second;
   if (root.condition == Condition::FORGOTTEN) return std::nullopt;
-  return View{root.condition, root.follower.tree(), root.follower.sequence(),
-              root.reporter.empty() ? root.claimer : root.reporter, reasonOf(id, root)};
+  const Condition condition = isLinedUp(root) ? conditionOf(root) : root.condition;
+  return View{condition, root.follower.tree(), root.follower.sequence(),
+              root.reporter.empty() ? root.claimer : root.reporter, reasonOf(id, root, condition)};
 }
 
 Collector::Census Collector::Core::census() const noexcept {
@@ -185,13 +203,10 @@ void Collector::Core::connected(Link& link, Time now) {
   link_ = &link;
   areStatesHeard_ = areListsHeard_ = areEventsHeard_ = false;
   hearingDue_ = now + hearing;
+  connectedAt_ = now;
   for (auto& [name, peer] : peers_) {
     peer.listen(now);
     needState(name, now);
-  }
-  // While there was no connection nobody could list them.
-  for (auto& [id, root] : roots_) {
-    if (root.reporter.empty()) root.since = now;
   }
   // The states first, then the lists: they tell which of the trees that follow are the right ones.
   link_->subscribe({topics_.allStates(), topics_.allGone()}, Kept::ALWAYS);
@@ -216,8 +231,10 @@ void Collector::Core::disconnected(Time now) {
   for (auto& [name, peer] : peers_) {
     peer.doubt();
     dropRequests(name, peer);
+    lineUp(name, peer);
   }
-  for (auto& [id, root] : roots_) update(id, root, now);
+  updateClaimed(now);
+  review(now);
 }
 
 void Collector::Core::settled(const std::string& refusal) {
@@ -245,14 +262,20 @@ void Collector::Core::received(const Message& message, Time now) {
 }
 
 Time Collector::Core::serve(Time now) {
+  review(now);
+  if (reviews_.first() != nullptr) return now;  // what is asked for follows from the conditions
   if (link_ == nullptr) return Time::max();
   if (nextCheck_ <= now) check(now);
   ask(now);
-  return std::max(now,
-                  std::min({nextCheck_, behind_.due(), trees_.due(), states_.due(), lists_.due()}));
+  return std::max(now, std::min({nextCheck_, reviews_.due(), behind_.due(), trees_.due(),
+                                 states_.due(), lists_.due()}));
 }
 
 void Collector::Core::receiveEvent(const std::string& id, const Message& message, Time now) {
+  if (reviews_.first() != nullptr) {
+    const auto root = roots_.find(id);
+    if (root != roots_.end() && isLinedUp(root->second)) review(partOf(root->second), now);
+  }
   // The broker forgot the tree. Where a reporter lists the root, that is the late end of an earlier
   // life of it, and the tree that is kept is newer.
   if (message.payload.empty()) {
@@ -341,34 +364,17 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
   for (const unsigned int partition : news.announced) need(partition, options_.firstPause);
   for (const unsigned int partition : news.differing) need(partition, options_.gapPause);
   if (news.wasSetBack) distrust(peer);
-  // The reporter and the collector are in the same place with each of these roots.
   for (const unsigned int partition : news.agreed) {
-    lists_.drop(topics_.roots(partition, name));
-    for (const auto& [id, listed] : peer.part(partition)->roots) {
-      Root& root = roots_.at(id);
-      const Sequence& where = root.follower.sequence();
-      if (root.reporter == name && where.n > 0) root.follower.reported(where, true);
-    }
+    const std::string topic = topics_.roots(partition, name);
+    lists_.drop(topic);
+    reviews_.queue(topic);
   }
   if (!peer.isThere()) dropRequests(name, peer);
   if (peer.isOnline() && !peer.isConfirmed()) needState(name, now);
-  if (news.isOther) {
-    for (const auto& [partition, part] : peer.parts()) {
-      for (const auto& [id, listed] : part.roots) {
-        Root& root = roots_.at(id);
-        if (root.reporter != name) noteListed(id, name, false, now);
-        if (!peer.isOnline() && root.reporter == name) chooseAnother(id, root);
-      }
-    }
-    updateRootsOf(peer, now);
-  } else {
-    for (const unsigned int partition : news.agreed) {
-      for (const auto& [id, listed] : peer.part(partition)->roots) update(id, now);
-    }
-  }
+  if (news.isOther) lineUp(name, peer);
+  review(now);
   if (peer.isThere()) checkClaims(name, now);
-  if (!isFirst) return;
-  for (auto& [id, root] : roots_) update(id, root, now);
+  if (isFirst) updateClaimed(now);
 }
 
 void Collector::Core::receiveList(unsigned int partition, const std::string& name,
@@ -381,6 +387,7 @@ void Collector::Core::receiveList(unsigned int partition, const std::string& nam
   const auto entry = peers_.find(name);
   if (entry == peers_.end()) return;
   Peer& peer = entry->second;
+  if (reviews_.contains(message.topic)) review(message.topic, now);
   Peer::Roots unlisted;
   if (!peer.take(partition, list, message.isRetained, now, unlisted)) return;
   if (!message.isRetained) lists_.rest(message.topic);
@@ -446,6 +453,7 @@ Collector::Core::Root& Collector::Core::takeUp(const std::string& id, Time now) 
   const auto [entry, isNew] = roots_.try_emplace(id, id);
   if (isNew) {
     entry->second.since = now;
+    unlisted_.insert(id);
     ++conditions_.at(static_cast<std::size_t>(entry->second.condition));
   }
   return entry->second;
@@ -475,6 +483,7 @@ void Collector::Core::choose(const std::string& id, Root& root, const std::strin
       }
       return;
     }
+    if (root.reporter.empty()) unlisted_.erase(id);
     root.reporter = name;
     trees_.drop(id);  // it was another one that was asked in vain
   }
@@ -510,13 +519,63 @@ void Collector::Core::unlist(const std::string& id, const std::string& name, Tim
   root.rival.clear();
   root.since = now;
   chooseAnother(id, root);
-  if (root.reporter.empty()) root.follower.forget();
+  if (root.reporter.empty()) {
+    unlisted_.insert(id);
+    root.follower.forget();
+  }
   update(id, now);
 }
 
-void Collector::Core::updateRootsOf(const Peer& peer, Time now) {
+void Collector::Core::lineUp(const std::string& name, const Peer& peer) {
   for (const auto& [partition, part] : peer.parts()) {
-    for (const auto& [id, listed] : part.roots) update(id, now);
+    reviews_.queue(topics_.roots(partition, name));
+  }
+}
+
+void Collector::Core::review(Time now) {
+  std::size_t roots = 0;
+  while (roots <= options_.mostReviewed && reviews_.first() != nullptr) {
+    roots += 1 + review(std::string(*reviews_.first()), now);
+  }
+}
+
+// Returns how many roots the part has. It leaves the line last: until then its roots count as
+// doubted.
+std::size_t Collector::Core::review(const std::string& topic, Time now) {
+  const auto [partition, name] = topics_.listOf(topic).value();
+  const auto entry = peers_.find(name);
+  const bool isPart = entry != peers_.end() && entry->second.part(partition) != nullptr;
+  std::size_t count = 0;
+  if (isPart) {
+    Peer& peer = entry->second;
+    const bool isInStep = peer.reviewed(partition);
+    const Peer::Roots& roots = peer.part(partition)->roots;
+    count = roots.size();
+    for (const auto& [id, listed] : roots) {
+      Root& root = roots_.at(id);
+      const Sequence& where = root.follower.sequence();
+      if (isInStep && root.reporter == name && where.n > 0) root.follower.reported(where, true);
+      if (root.reporter != name) noteListed(id, name, false, now);
+      if (!peer.isOnline() && root.reporter == name) chooseAnother(id, root);
+      update(id, root, now);
+    }
+  }
+  reviews_.drop(topic);
+  return count;
+}
+
+std::string Collector::Core::partOf(const Root& root) const {
+  return topics_.roots(partitionOf(root), root.reporter);
+}
+
+bool Collector::Core::isLinedUp(const Root& root) const {
+  return reviews_.first() != nullptr && !root.reporter.empty() && reviews_.contains(partOf(root));
+}
+
+// Roots that nobody lists are in no part.
+void Collector::Core::updateClaimed(Time now) {
+  for (const auto& [name, ids] : claims_) {
+    for (const std::string& id : ids) update(id, now);
   }
 }
 
@@ -601,13 +660,15 @@ Condition Collector::Core::conditionOf(const Root& root) const {
   if (peers_.empty() || (peer == nullptr && root.claimer.empty())) return Condition::OUT_OF_DATE;
   if (peer == nullptr || !peer->isOnline()) return Condition::REPORTER_GONE;
   const bool isClaimed = !root.reporter.empty() || !root.isClaimKept;
-  const bool isInStep = !root.follower.isBehind() || root.condition == Condition::CURRENT;
+  const bool isInStep =
+      !root.follower.isBehind() || (root.condition == Condition::CURRENT && !isLinedUp(root));
   const bool isCurrent = root.follower.isCurrent() && isInStep && isClaimed;
   return isCurrent && root.heldBack.empty() ? Condition::CURRENT : Condition::OUT_OF_DATE;
 }
 
-std::string Collector::Core::reasonOf(const std::string& id, const Root& root) const {
-  if (root.condition == Condition::CURRENT || root.condition == Condition::REPORTER_GONE) return "";
+std::string Collector::Core::reasonOf(const std::string& id, const Root& root,
+                                      Condition condition) const {
+  if (condition == Condition::CURRENT || condition == Condition::REPORTER_GONE) return "";
   if (link_ == nullptr) return "the collector is not connected";
   if (!root.heldBack.empty()) return "its reporter holds it back: " + root.heldBack;
   const Peer* const peer = peerOf(root);
@@ -631,33 +692,39 @@ void Collector::Core::check(Time now) {
     if (peer.isLongGone(now, memory) && !reportsAny(name, peer)) unneeded.push_back(name);
     if (!peer.giveUp(now, options_.silence)) continue;
     dropRequests(name, peer);
-    updateRootsOf(peer, now);
+    lineUp(name, peer);
   }
   for (const std::string& name : unneeded) forgetPeer(name, now);
-  for (auto entry = roots_.begin(); entry != roots_.end();) {
-    const auto next = std::next(entry);
+  for (auto id = unlisted_.begin(); id != unlisted_.end();) {
+    const auto entry = roots_.find(*id);
     Root& root = entry->second;
-    const Time::duration age = now - root.since;
+    // While there was no connection nobody could list it.
+    const Time::duration age = now - std::max(root.since, connectedAt_);
     const bool isForgotten = root.condition == Condition::FORGOTTEN;
     if (root.listers.empty() && isForgotten && age > memory) {
-      unclaim(entry->first, root);
+      unclaim(*id, root);
       --conditions_.at(static_cast<std::size_t>(root.condition));
       roots_.erase(entry);
-    } else if (root.reporter.empty() && !isForgotten && areAllThere && age > options_.silence) {
+      id = unlisted_.erase(id);
+      continue;
+    }
+    if (!isForgotten && areAllThere && age > options_.silence) {
       // While a reporter is gone it may have the root: its will can be older than that.
       root.follower.forget();
-      update(entry->first, root, now);
+      update(*id, root, now);
     }
-    entry = next;
+    ++id;
   }
 }
 
 // A broker grants subscriptions also to those who may not read, and then sends nothing.
 void Collector::Core::checkHearing(Time now) {
   hearingDue_ = now + hearing;
-  const bool areEventsMissed = std::any_of(roots_.begin(), roots_.end(), [](const auto& entry) {
+  const auto isMissed = [](const auto& entry) {
     return entry.second.condition == Condition::AWAITED && entry.second.heldBack.empty();
-  });
+  };
+  const bool areEventsMissed =
+      !areEventsHeard_ && std::any_of(roots_.begin(), roots_.end(), isMissed);
   const std::string states = topics_.allStates();
   const std::string events = topics_.allEvents();
   const bool areListsMissed = std::any_of(peers_.begin(), peers_.end(), [](const auto& entry) {
@@ -702,12 +769,13 @@ void Collector::Core::ask(Time now) {
   behind_.advance(now);
   while (const std::string* const first = behind_.first()) {
     const std::string id = *first;
-    roots_.at(id).follower.miss();
-    update(id, now);
+    Root& root = roots_.at(id);
+    root.follower.miss();
+    update(id, root, now);
   }
   std::map<std::string, monitoring::TreeRequest> requests;
   while (const auto id = trees_.next(now, random_)) {
-    const Root& root = roots_.at(*id);
+    Root& root = roots_.at(*id);
     ++counters_.requests;
     // Where that was in vain more than once, something else is wrong than an answer that was lost.
     if (root.follower.canCatchUp() && trees_.timesAsked(*id) <= 2) {
@@ -719,7 +787,7 @@ void Collector::Core::ask(Time now) {
       ++counters_.treeRequests;
       requests[root.reporter].add_roots(*id);
     }
-    update(*id, now);
+    update(*id, root, now);
   }
   while (const auto name = states_.next(now, random_)) requests[*name];
   while (const auto topic = lists_.next(now, random_)) {

@@ -51,6 +51,10 @@ struct CollectorOptions {
   /// arrives makes room for the next. The answers have to fit into the broker's queue for a client.
   std::size_t mostAwaited = 500;
   std::size_t mostAwaitedBytes = 16'000'000;
+  /// When a reporter or the connection comes or goes, about so many roots are looked at in one
+  /// call. The others follow, as many in each call of `serve`, which returns `now` until all are
+  /// done.
+  std::size_t mostReviewed = 2000;
   /// What all random numbers follow from, for tests; otherwise the system's randomness.
   std::optional<std::uint64_t> seed;
 };
@@ -60,7 +64,9 @@ struct CollectorOptions {
 struct CollectorCallbacks {
   /// An event was applied.
   std::function<void(const std::string& root, const Step& step)> applied;
-  /// What is known about a root has changed. The first news of a root is never FORGOTTEN.
+  /// What is known about a root has changed. The first news of a root is never FORGOTTEN. Where a
+  /// reporter or the connection comes or goes, the news of its roots follow in portions, as
+  /// `CollectorOptions::mostReviewed` says. A state that did not last until then is not told.
   std::function<void(const std::string& root, Condition condition)> changed;
   /// Something is wrong. It is not told again while it stays the same.
   std::function<void(const Problem& problem)> problem;
@@ -90,7 +96,7 @@ class ORV_REPORTING_EXPORT Collector final : public Endpoint {
   /// How a start goes on: it is complete when no reporter is unheard and no root is AWAITED or
   /// OUT_OF_DATE.
   struct Census {
-    std::array<std::size_t, 5> roots{};  ///< how many by Condition; none is FORGOTTEN
+    std::array<std::size_t, 5> roots{};  ///< how many by Condition as told; none is FORGOTTEN
     std::size_t unheard = 0;  ///< reporters that may be there and were not heard on this connection
   };
 
@@ -121,7 +127,8 @@ class ORV_REPORTING_EXPORT Collector final : public Endpoint {
   /// The identifiers of the roots that are not forgotten, in ascending byte order. O(their number).
   std::vector<std::string> roots() const;
 
-  /// Nothing for a root that is unknown or forgotten. O(log of the number of roots).
+  /// Nothing for a root that is unknown or forgotten. The condition is that of now, also where
+  /// `changed` follows later. O(log of the number of roots).
   std::optional<View> view(const std::string& root) const;
 
   const Counters& counters() const noexcept;

@@ -247,7 +247,7 @@ class Connection::Client final : public Link {
     for (;;) {
       const Time now = steady_clock::now();
       if (!client_) attempt(now);
-      if (isConnected_) due_ = endpoint_.serve(now);
+      due_ = endpoint_.serve(now);
       deliver();
       const bool isInterrupted = !wait(std::min(end, due(now)));
       if (client_) exchange();
@@ -262,7 +262,7 @@ class Connection::Client final : public Link {
   Time due(Time now) const noexcept {
     Time next = route_.due(now);
     if (client_) next = isReached_ ? lastUpkeep_ + upkeep : attemptEnd_;
-    if (isConnected_) next = std::min(due_, next);
+    next = std::min(due_, next);
     const bool hasNews = !said_.empty() || !refused_.empty();
     return hasNews ? now : std::max(now, next);
   }
@@ -525,6 +525,7 @@ class Connection::Client final : public Link {
     if (std::exchange(isConnected_, false)) {
       route_.lost(now - connectedAt_ >= stable, now, random_);
       endpoint_.disconnected(now);
+      due_ = Time();
     } else {
       route_.failed(now, random_);
     }

@@ -75,7 +75,7 @@ class ORV_REPORTING_EXPORT Endpoint {
 
   /// Does what is due and returns when it must be called again at the latest: not before `now`, and
   /// Time::max() for not until it is told something. Call it after everything else that the
-  /// endpoint was told.
+  /// endpoint was told, also while there is no connection.
   virtual Time serve(Time now) = 0;
 };
 

@@ -72,7 +72,7 @@ Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, boo
     } else if (!part.agrees) {
       news.differing.push_back(told.partition());
     } else if (!part.isConfirmed || part.isAwaited) {
-      part.isConfirmed = true;
+      part.isConfirmed = part.isInStep = true;
       part.isAwaited = false;
       news.agreed.push_back(told.partition());
     }

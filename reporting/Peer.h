@@ -64,6 +64,7 @@ class Peer {
     bool isConfirmed = false;
     bool agrees = false;     // the last state or list of it is in step with the collector
     bool isAwaited = false;  // some root waits for the next word, or the list was needed
+    bool isInStep = false;   // a state has agreed since its roots were reviewed
   };
   // What follows from a message for the parts.
   struct News {
@@ -95,6 +96,11 @@ class Peer {
   // The sum of that part has become greater by so much, modulo 2^64.
   void move(unsigned int partition, std::uint64_t difference) {
     parts_.at(partition).sum += difference;
+  }
+  // The roots of that part are reviewed. Whether a state has agreed with it since they were last:
+  // then the reporter is where the collector is with each of them.
+  bool reviewed(unsigned int partition) {
+    return std::exchange(parts_.at(partition).isInStep, false);
   }
   // A root of that part waits for the next word on it.
   void await(unsigned int partition) { parts_.at(partition).isAwaited = true; }

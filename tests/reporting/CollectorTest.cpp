@@ -126,6 +126,30 @@ TEST_F(CollectorTest, OfAPartHearsOfThatPart) {
   EXPECT_EQ(some.roots(), std::vector<std::string>{"r"});
 }
 
+TEST_F(CollectorTest, TellsOfManyRootsInPortionsAndTheTruthAtOnce) {
+  CollectorOptions options = seeded();
+  options.mostReviewed = 0;
+  Collector portions(callbacks(), options);
+  Conversation other(portions);
+  const Roots roots = {{"r", {1, 1}}, {"s", {2, 1}}, {"t", {3, 1}}};
+  other.connect().hear(state("a", 1, roots));
+  for (const auto& root : roots) other.hear(tree(root.first, root.second));
+  const Time now(std::chrono::hours(1));
+  const auto count = [&](Condition condition) {
+    std::size_t views = 0;
+    for (const auto& root : roots)
+      views += portions.view(root.first)->condition == condition ? 1 : 0;
+    return std::pair(views, portions.census().roots.at(static_cast<std::size_t>(condition)));
+  };
+  EXPECT_EQ(count(Condition::CURRENT), std::pair(std::size_t{3}, std::size_t{3}));
+  portions.received(goodbye("a", 1), now);
+  EXPECT_EQ(count(Condition::REPORTER_GONE), std::pair(std::size_t{3}, std::size_t{1}));
+  portions.disconnected(now);
+  EXPECT_EQ(count(Condition::OUT_OF_DATE).first, 3U);
+  while (portions.serve(now) <= now) continue;
+  EXPECT_EQ(count(Condition::OUT_OF_DATE).second, 3U);
+}
+
 TEST_F(CollectorTest, AppliesEachChangeOnceAndAsksForNothingWhileNoneIsMissing) {
   talk.hear(state("a", 1, {{"r", {1, 1}}}))
       .hear(tree("r", {1, 1}))
