@@ -32,21 +32,25 @@ struct Member {
   bool isTold = true;
 };
 
+bool isDue(const Member& member) {
+  const Time due = member.connection.due();  // before the clock is read: it is never in the past
+  return member.isTold || due <= steady_clock::now();
+}
+
 // For a millisecond at most.
 void serve(std::deque<Member>& members) {
   if (members.size() == 1) return members.front().connection.serve(milliseconds(1));
   std::vector<pollfd> waited;
-  bool isAnyTold = false;
+  bool isAnyDue = false;
   for (const Member& member : members) {
     const int events = POLLIN | (member.connection.wantsToWrite() ? POLLOUT : 0);
     waited.push_back({member.connection.descriptor(), static_cast<short>(events), 0});
-    isAnyTold = isAnyTold || member.isTold;
+    isAnyDue = isAnyDue || isDue(member);
   }
-  poll(waited.data(), waited.size(), isAnyTold ? 0 : 1);
-  const Time now = steady_clock::now();
+  poll(waited.data(), waited.size(), isAnyDue ? 0 : 1);
   for (std::size_t i = 0; i < members.size(); ++i) {
     Member& member = members[i];
-    if (member.isTold || waited[i].revents != 0 || member.connection.due() <= now) {
+    if (waited[i].revents != 0 || isDue(member)) {
       member.isTold = false;
       member.connection.serve(milliseconds(0));
     }

@@ -87,7 +87,8 @@ class ORV_REPORTING_EXPORT Connection {
   /// if `wantsToWrite`, and at the latest until `due`. Then it calls `serve` with zero, as it does
   /// after it told the endpoint something. Ask anew before each wait: the descriptor changes; it is
   /// -1 while there is no connection. `due` is never in the past: when something is to be done, it
-  /// is now. While there is a connection it is at most a second away, as the keep-alive needs it.
+  /// is now, so compare it with the clock as it is afterwards. While there is a connection it is at
+  /// most a second away, as the keep-alive needs it.
   int descriptor() const noexcept;
   bool wantsToWrite() const noexcept;
   Time due() const noexcept;
