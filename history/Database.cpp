@@ -125,6 +125,8 @@ std::int64_t Database::number(const char* query) const {
   return statement.next() ? statement.number(0) : 0;
 }
 
+int Database::changes() const noexcept { return sqlite3_changes(handle()); }
+
 bool Database::isMoved() const noexcept {
   int moved = 0;
   sqlite3_file_control(handle(), nullptr, SQLITE_FCNTL_HAS_MOVED, &moved);

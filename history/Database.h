@@ -64,6 +64,8 @@ class Database {
 
   void run(const char* statements) const;
   std::int64_t number(const char* query) const;
+  // How many rows the last statement changed.
+  int changes() const noexcept;
   // Throws the Error for what SQLite said last.
   [[noreturn]] void fail() const;
   [[noreturn]] void fail(const std::string& reason) const;

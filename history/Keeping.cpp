@@ -11,8 +11,8 @@ namespace {
 
 // At one time: so many rows are let go, and so many roots looked at, and some more. It takes some
 // ten milliseconds. A large row counts as several.
-constexpr std::size_t mostRows = 2000;
-constexpr std::size_t bytesOfRow = 1024;
+constexpr std::size_t mostWork = 2000;
+constexpr std::size_t bytesOfWork = 1024;
 constexpr std::size_t mostRoots = 500;
 constexpr std::size_t mostSegments = 500;
 constexpr std::chrono::seconds pause(10);
@@ -63,13 +63,12 @@ void Keeping::serve(Store& store, Time now) {
   state.horizon = *horizon_;
   store.setState(state);
   const std::vector<RootEntry> roots = store.rootsAfter(root_, mostRoots);
-  std::size_t rows = 0;
-  for (auto root = roots.begin(); root != roots.end() && rows < mostRows; ++root) {
-    const Done done = letGo(store, *root);
-    rows += done.rows;
-    if (!done.isAll) break;
+  Old old;
+  for (auto root = roots.begin(); root != roots.end() && old.work < mostWork; ++root) {
+    if (!letGo(store, *root, old)) break;
     root_ = root->number;
   }
+  store.erase(std::move(old.rows));
   if (roots.empty()) {
     horizon_.reset();
     if (rule_.bytes > 0) next_ = now;  // it may not have been enough
@@ -77,32 +76,43 @@ void Keeping::serve(Store& store, Time now) {
   transaction.commit();
 }
 
-// The segments that end before the horizon.
-Keeping::Done Keeping::letGo(Store& store, const RootEntry& root) {
+void Keeping::Old::add(const Row& row) {
+  rows.push_back(row.id);
+  work += 1 + row.data.size() / bytesOfWork;
+}
+
+// Takes the segments that end before the horizon. Whether that was all.
+bool Keeping::letGo(Store& store, const RootEntry& root, Old& old) {
   const std::vector<std::int64_t> wholes = store.wholesUpTo(root.number, *horizon_, mostSegments);
-  Done done{0, wholes.size() < mostSegments};
-  if (wholes.empty()) return done;
-  try {
-    for (std::size_t i = 0; i + 1 < wholes.size(); ++i) {
-      if (done.rows >= mostRows) return {done.rows, false};
+  for (std::size_t i = 0; i + 1 < wholes.size(); ++i) {
+    if (old.work >= mostWork) return false;
+    store.eraseWhole(root.number, wholes[i]);
+    try {
       const auto segment = store.segment(root, wholes[i + 1] - 1);
       if (!segment) continue;
-      for (const Row& row : segment->rows) {
-        store.eraseRow(row);
-        done.rows += 1 + row.data.size() / bytesOfRow;
-      }
+      for (const Row& row : segment->rows) old.add(row);
+    } catch (const Damage&) {
+      continue;  // what is left of it stays, and nobody asks for it
     }
-    if (root.number == Store::watchRoot || wholes.back() != root.head) return done;
+  }
+  if (wholes.size() == mostSegments) return false;
+  if (!wholes.empty() && root.number != Store::watchRoot && wholes.back() == root.head) {
+    letGoRoot(store, root, old);
+  }
+  return true;
+}
+
+// Where the root was removed.
+void Keeping::letGoRoot(Store& store, const RootEntry& root, Old& old) {
+  try {
     const Row last = store.row(root.head);
-    done.rows += last.data.size() / bytesOfRow;
-    if (!wholeOf(last).tree.empty()) return done;
-    store.eraseRow(last);
+    if (!wholeOf(last).tree.empty()) return;
+    store.eraseWhole(root.number, last.id);
     store.eraseRoot(root);
     gone_(root.name);
-    ++done.rows;
-    return done;
+    old.add(last);
   } catch (const Damage&) {
-    return {done.rows, true};  // it stays as it is
+    return;  // it stays as it is
   }
 }
 

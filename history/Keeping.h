@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "history/Store.h"
 
@@ -33,11 +34,15 @@ class Keeping {
 
  private:
   std::optional<std::int64_t> horizonOf(Store& store, Time now);
-  struct Done {
-    std::size_t rows;
-    bool isAll;
+  // What is let go at one time.
+  struct Old {
+    std::vector<std::int64_t> rows;
+    std::size_t work = 0;
+
+    void add(const Row& row);
   };
-  Done letGo(Store& store, const RootEntry& root);
+  bool letGo(Store& store, const RootEntry& root, Old& old);
+  void letGoRoot(Store& store, const RootEntry& root, Old& old);
 
   KeepingRule rule_;
   Gone gone_;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory_resource>
 #include <new>
 #include <optional>
 #include <unordered_map>
@@ -134,7 +135,9 @@ class Recorder::Core {
   Keeping keeping_;
   bool isKeeping_ = true;
   bool isConnected_ = true;
-  std::unordered_map<std::string, Root> roots_;
+  // Close together: each step is of another root, and what is scattered is slow to get at.
+  std::pmr::unsynchronized_pool_resource memory_;
+  std::pmr::unordered_map<std::string, Root> roots_{&memory_};
   std::vector<Root*> dirty_;
   std::vector<std::string> missed_;
   Root watch_;
@@ -260,8 +263,8 @@ void Recorder::Core::append(Root& root, Row row) {
   row.root = root.entry.number;
   row.previous = root.entry.head;
   row.time = lastTime_;
-  store_->append(row);
   root.entry.head = row.id;
+  store_->append(std::move(row));
   if (!std::exchange(root.isDirty, true)) dirty_.push_back(&root);
 }
 
@@ -387,6 +390,7 @@ void Recorder::Core::catchUp() {
 void Recorder::Core::commitAll() {
   begin();
   if (store_->database().isMoved()) store_->database().fail("it was moved or removed");
+  store_->file();
   for (Root* const root : dirty_) {
     store_->setRoot(root->entry);
     root->isDirty = false;

@@ -14,7 +14,10 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr std::int64_t application = 0x6f727668;  // that a file is a history, and of which form
-constexpr std::int64_t version = 1;
+constexpr std::int64_t version = 2;               // 1 had no blocks
+// So many bytes of rows are a block. A page of the file has eight of these.
+constexpr std::size_t blockSize = 980;
+constexpr std::size_t bytesOfHead = 8;
 
 constexpr const char* schema =
     "CREATE TABLE event(id INTEGER PRIMARY KEY, root INTEGER, back INTEGER, time INTEGER,"
@@ -44,18 +47,6 @@ std::int64_t sumOf(const Row& row) {
                row.data);
 }
 
-void append(std::string& target, std::uint64_t number) {
-  for (unsigned int i = 0; i < 8; ++i) target += static_cast<char>(number >> (8 * i));
-}
-
-std::uint64_t read(std::string_view bytes, std::size_t at) {
-  std::uint64_t number = 0;
-  for (unsigned int i = 0; i < 8; ++i) {
-    number |= static_cast<std::uint64_t>(static_cast<unsigned char>(bytes.at(at + i))) << (8 * i);
-  }
-  return number;
-}
-
 // Brings the schema of a file into one form, so that it can be compared.
 std::string schemaOf(const Database& database) {
   Statement statement(database,
@@ -82,31 +73,8 @@ Statement& preparedRow(std::optional<Statement>& statement, const Database& data
 
 }  // namespace
 
-std::string dataOf(const reporting::Sequence& sequence) {
-  std::string data;
-  append(data, sequence.epoch);
-  append(data, sequence.n);
-  return data;
-}
-
-Whole wholeOf(const Row& row) {
-  if (row.data.size() < 16) return {};
-  return {{read(row.data, 0), read(row.data, 8)}, std::string_view(row.data).substr(16)};
-}
-
-std::string dataOf(const Watch& watch) {
-  std::string data;
-  append(data, static_cast<std::uint64_t>(watch.seen.time_since_epoch().count()));
-  return data + watch.reason;
-}
-
-Watch watchOf(const Row& row) {
-  if (row.data.size() < 8) return {};
-  return {Time(milliseconds(static_cast<std::int64_t>(read(row.data, 0)))), row.data.substr(8)};
-}
-
 Store::Store(const std::string& file, Database::Mode mode)
-    : file_(file), database_(file, mode, milliseconds(mode == Database::Mode::READ ? 2000 : 200)) {
+    : database_(file, mode, milliseconds(mode == Database::Mode::READ ? 2000 : 200)) {
   const bool isReader = mode == Database::Mode::READ;
   const std::int64_t foundVersion = database_.number("PRAGMA user_version");
   const std::int64_t foundApplication = database_.number("PRAGMA application_id");
@@ -117,18 +85,21 @@ Store::Store(const std::string& file, Database::Mode mode)
   if (foundVersion > version) {
     database_.fail("this history was written by a later version of this program");
   }
-  if (!isNew && (found != schema || foundVersion != version)) damaged("the tables are not its own");
+  if (!isNew && (found != schema || foundVersion < 1)) damaged("the tables are not its own");
   if (isReader) return;
+  // Blocks fill a larger page better.
+  if (isNew) database_.run("PRAGMA page_size = 8192");
   database_.run(
       "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA cache_size = -16000;"
       "PRAGMA journal_size_limit = 16000000");
-  if (!isNew) return;
+  if (foundVersion == version) return;
   Transaction transaction(database_, "BEGIN IMMEDIATE");
-  database_.run(schema);
-  database_.run(("PRAGMA application_id = " + std::to_string(application) +
-                 "; PRAGMA user_version = " + std::to_string(version))
-                    .c_str());
-  setState({});
+  if (isNew) {
+    database_.run(schema);
+    database_.run(("PRAGMA application_id = " + std::to_string(application)).c_str());
+    setState({});
+  }
+  database_.run(("PRAGMA user_version = " + std::to_string(version)).c_str());
   transaction.commit();
 }
 
@@ -194,8 +165,7 @@ Row Store::read(Statement& statement) const {
   Row row;
   row.id = statement.number(0);
   row.root = statement.number(1);
-  const std::int64_t back = statement.number(2);
-  row.previous = back > 0 && back <= row.id ? row.id - back : -std::int64_t{back != 0};
+  row.previous = previousOf(row.id, statement.number(2));
   row.time = Time(milliseconds(statement.number(3)));
   row.kind = static_cast<Kind>(statement.number(4));
   row.data = statement.bytes(5);
@@ -216,30 +186,59 @@ std::int64_t Store::rootNumberAfter(std::int64_t number) {
   return found;
 }
 
-Row Store::row(std::int64_t id) {
-  Statement& statement = preparedRow(row_, database_, "id = ?").with(id);
-  if (!statement.next()) damaged("row " + std::to_string(id) + " is lost");
+std::optional<Row> Store::filed(Statement& statement) const {
+  if (!statement.next()) return std::nullopt;
   Row found = read(statement);
   statement.reset();
-  if (found.id != id) damaged("row " + std::to_string(id));
   return found;
+}
+
+std::optional<Row> Store::filedUpTo(std::int64_t id) {
+  auto found =
+      filed(preparedRow(filedUpTo_, database_, "id <= ? ORDER BY id DESC LIMIT 1").with(id));
+  if (found && found->id > id) damaged("row " + std::to_string(id));
+  return found;
+}
+
+// The first row from `id` on of the block that was read last.
+std::optional<Row> Store::rowInBlock(std::int64_t id) const {
+  for (RowsOfBlock rows(*block_); rows.next();) {
+    if (rows.id() >= id) return rows.row();
+  }
+  return std::nullopt;
+}
+
+// The first row from `id` on of what is filed.
+std::optional<Row> Store::rowIn(Row filed, std::int64_t id) {
+  if (filed.kind != Kind::BLOCK) {
+    return filed.id < id ? std::nullopt : std::optional(std::move(filed));
+  }
+  block_.reset();
+  RowsOfBlock rows(filed);
+  while (rows.next()) blockLast_ = rows.id();
+  if (!rows.isAtEnd()) damaged("row " + std::to_string(filed.id));
+  block_ = std::move(filed);
+  return rowInBlock(id);
+}
+
+Row Store::row(std::int64_t id) {
+  std::optional<Row> found;
+  if (block_ && block_->id <= id && id <= blockLast_) {
+    found = rowInBlock(id);
+  } else if (auto filed = filedUpTo(id)) {
+    found = rowIn(*std::move(filed), id);
+  }
+  if (!found || found->id != id) damaged("row " + std::to_string(id) + " is lost");
+  return *std::move(found);
 }
 
 std::optional<Row> Store::rowFrom(std::int64_t id) {
-  Statement& statement = preparedRow(rowFrom_, database_, "id >= ? ORDER BY id LIMIT 1").with(id);
-  if (!statement.next()) return std::nullopt;
-  Row found = read(statement);
-  statement.reset();
-  return found;
-}
-
-std::optional<Row> Store::rowUpTo(std::int64_t id) {
-  Statement& statement =
-      preparedRow(rowUpTo_, database_, "id <= ? ORDER BY id DESC LIMIT 1").with(id);
-  if (!statement.next()) return std::nullopt;
-  Row found = read(statement);
-  statement.reset();
-  return found;
+  if (block_ && block_->id <= id && id <= blockLast_) return rowInBlock(id);
+  if (auto filed = filedUpTo(id)) {
+    if (auto found = rowIn(*std::move(filed), id)) return found;
+  }
+  auto next = filed(preparedRow(filedAfter_, database_, "id > ? ORDER BY id LIMIT 1").with(id));
+  return next ? rowIn(*std::move(next), id) : std::nullopt;
 }
 
 std::int64_t Store::wholeAfter(std::int64_t root, std::int64_t id) {
@@ -357,22 +356,42 @@ std::int64_t Store::placeOfOld(Time time, Time now) {
   return place;
 }
 
-void Store::append(const Row& row) {
-  prepared(append_, database_, "INSERT INTO event VALUES(?, ?, ?, ?, ?, ?, ?)")
-      .with(row.id, row.root, row.previous == 0 ? std::int64_t{0} : row.id - row.previous,
-            std::int64_t{row.time.time_since_epoch().count()}, static_cast<std::int64_t>(row.kind),
-            std::string_view(row.data), sumOf(row))
+void Store::append(Row row) {
+  const std::size_t size = row.data.size() + bytesOfHead;
+  const bool isLate = !appended_.empty() && row.time < appended_.back().time;
+  if (appendedBytes_ + size > blockSize || isLate) file();
+  if (row.kind != Kind::STATUS) {
+    prepared(fileWhole_, database_, "INSERT INTO whole VALUES(?, ?)").with(row.root, row.id).run();
+  }
+  appendedBytes_ += size;
+  appended_.push_back(std::move(row));
+}
+
+void Store::file() {
+  file(appended_);
+  appended_.clear();
+  appendedBytes_ = 0;
+}
+
+void Store::file(const std::vector<Row>& rows) {
+  if (rows.empty()) return;
+  Row block;
+  if (rows.size() > 1) block = blockOf(rows);
+  const Row& row = rows.size() > 1 ? block : rows.front();
+  prepared(file_, database_, "INSERT INTO event VALUES(?, ?, ?, ?, ?, ?, ?)")
+      .with(row.id, row.root, backOf(row), std::int64_t{row.time.time_since_epoch().count()},
+            static_cast<std::int64_t>(row.kind), std::string_view(row.data), sumOf(row))
       .run();
-  if (row.kind == Kind::STATUS) return;
-  prepared(appendWhole_, database_, "INSERT INTO whole VALUES(?, ?)").with(row.root, row.id).run();
 }
 
 void Store::setRoot(const RootEntry& root) {
-  prepared(setRoot_, database_,
-           "INSERT INTO root VALUES(?, ?, ?, ?) ON CONFLICT(number) DO UPDATE SET "
-           "head = excluded.head, sum = excluded.sum")
-      .with(root.number, std::string_view(root.name), root.head,
-            sumOf({root.number, root.head}, root.name))
+  const std::int64_t sum = sumOf({root.number, root.head}, root.name);
+  prepared(setHead_, database_, "UPDATE root SET head = ?, sum = ? WHERE number = ?")
+      .with(root.head, sum, root.number)
+      .run();
+  if (database_.changes() > 0) return;
+  prepared(addRoot_, database_, "INSERT INTO root VALUES(?, ?, ?, ?)")
+      .with(root.number, std::string_view(root.name), root.head, sum)
       .run();
 }
 
@@ -383,11 +402,29 @@ void Store::setState(const State& state) {
       .run();
 }
 
-void Store::eraseRow(const Row& row) {
-  prepared(eraseRow_, database_, "DELETE FROM event WHERE id = ?").with(row.id).run();
-  if (row.kind == Kind::STATUS) return;
+void Store::erase(std::vector<std::int64_t> rows) {
+  std::sort(rows.begin(), rows.end());
+  block_.reset();
+  for (auto row = rows.begin(); row != rows.end();) {
+    const auto filed = filedUpTo(*row);
+    if (!filed) damaged("row " + std::to_string(*row) + " is lost");
+    std::vector<Row> rest;
+    auto end = std::next(row);
+    if (filed->kind == Kind::BLOCK) {
+      for (RowsOfBlock block(*filed); block.next();
+           end = std::upper_bound(row, rows.end(), block.id())) {
+        if (!std::binary_search(row, rows.end(), block.id())) rest.push_back(block.row());
+      }
+    }
+    prepared(erase_, database_, "DELETE FROM event WHERE id = ?").with(filed->id).run();
+    file(rest);
+    row = end;
+  }
+}
+
+void Store::eraseWhole(std::int64_t root, std::int64_t id) {
   prepared(eraseWhole_, database_, "DELETE FROM whole WHERE root = ? AND id = ?")
-      .with(row.root, row.id)
+      .with(root, id)
       .run();
 }
 

@@ -6,8 +6,9 @@
 // is a way into the middle of the chain. A segment of the chain is a whole tree and the status
 // changes after it, up to the next whole tree.
 //
-// Every row carries a sum of all that it says. A row that was changed does not have its sum, a row
-// that is lost is missed in its chain: either is an Error, and no tree is made of what is left.
+// What is filed is a large row, or a block of small ones. It carries a sum of all that it says.
+// What was changed does not have its sum, a row that is lost is missed in its chain: either is an
+// Error, and no tree is made of what is left.
 //
 // What is older than the horizon is let go segment by segment. Of each root the segment stays that
 // leads up to the horizon.
@@ -16,52 +17,13 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "history/Database.h"
+#include "history/Row.h"
 #include "history/Time.h"
-#include "reporting/Sequence.h"
 
 namespace orv::history {
-
-// The numbers stand in files.
-enum class Kind : std::int64_t {
-  STATUS = 0,      // what follows from the row before it: a status change
-  CHECKPOINT = 1,  // nothing has changed: the tree as it is
-  ADDED = 2,
-  CONFIGURED = 3,
-  REMOVED = 4,
-  CAUGHT_UP = 5,  // the tree after steps that were not recorded
-  FORGOTTEN = 6,  // the root is gone, and no event said so
-  WATCH = 7,      // a recorder began; belongs to no root
-  CLOCK = 8       // the clock was set back; belongs to no root
-};
-
-struct Row {
-  std::int64_t id = 0;
-  std::int64_t root = 0;
-  std::int64_t previous = 0;  // 0: there was none
-  Time time;
-  Kind kind = Kind::STATUS;
-  std::string data;
-};
-
-// What a row holds that begins a segment. The tree is packed; nothing stands for no tree.
-struct Whole {
-  reporting::Sequence sequence;
-  std::string_view tree;
-};
-std::string dataOf(const reporting::Sequence& sequence);  // the tree is appended to it
-Whole wholeOf(const Row& row);
-
-// What a WATCH holds.
-struct Watch {
-  Time seen;  // when the last recorder was at work for the last time
-  std::string reason;
-};
-std::string dataOf(const Watch& watch);
-Watch watchOf(const Row& row);
 
 struct RootEntry {
   std::int64_t number = 0;
@@ -104,7 +66,6 @@ class Store {
   Row row(std::int64_t id);
   // The first row from there on, if there is one.
   std::optional<Row> rowFrom(std::int64_t id);
-  std::optional<Row> rowUpTo(std::int64_t id);
   // The first whole tree of the root after that place; 0 for none.
   std::int64_t wholeAfter(std::int64_t root, std::int64_t id);
   // The whole trees up to that place, at most so many, the oldest first.
@@ -120,23 +81,36 @@ class Store {
   // Up to where all was recorded at that time or before it, whatever the clock was set to.
   std::int64_t placeOfOld(Time time, Time now);
 
-  void append(const Row& row);
+  // Rows are filed when they are as many as a block holds, or are told to. Until then they are not
+  // found.
+  void append(Row row);
+  void file();
   void setRoot(const RootEntry& root);
   void setState(const State& state);
-  void eraseRow(const Row& row);
+  void erase(std::vector<std::int64_t> rows);
+  void eraseWhole(std::int64_t root, std::int64_t id);
   void eraseRoot(const RootEntry& root);
 
  private:
   // A statement that stays within a row would keep its view of the file, and WAL would only grow.
   Row read(Statement& statement) const;
+  std::optional<Row> filed(Statement& statement) const;
+  std::optional<Row> filedUpTo(std::int64_t id);
+  std::optional<Row> rowIn(Row filed, std::int64_t id);
+  std::optional<Row> rowInBlock(std::int64_t id) const;
+  void file(const std::vector<Row>& rows);
   RootEntry checked(Statement& statement) const;
   std::int64_t lastUpTo(Time time, std::int64_t low, std::int64_t end);
 
-  std::string file_;
   Database database_;
-  std::optional<Statement> state_, rootByName_, rootByNumber_, rootsAfter_, rootNumberAfter_, row_,
-      rowFrom_, rowUpTo_, wholeAfter_, wholesUpTo_, append_, appendWhole_, setRoot_, setState_,
-      eraseRow_, eraseWhole_, eraseRoot_;
+  std::vector<Row> appended_;  // and not filed yet
+  std::size_t appendedBytes_ = 0;
+  // The block that was read last. What is filed stays as it is, until some of it is erased.
+  std::optional<Row> block_;
+  std::int64_t blockLast_ = 0;
+  std::optional<Statement> state_, rootByName_, rootByNumber_, rootsAfter_, rootNumberAfter_,
+      filedAfter_, filedUpTo_, wholeAfter_, wholesUpTo_, file_, fileWhole_, addRoot_, setHead_,
+      setState_, erase_, eraseWhole_, eraseRoot_;
 };
 
 }  // namespace orv::history

@@ -295,12 +295,41 @@ TEST(History, SaysWhatIsWrongWithAFile) {
   }
   EXPECT_EQ(fs::status(place.file() + "3").permissions(), fs::perms(0640));
   std::string later = read(place.file() + "3");
-  later[63] = 2;
+  later[63] = 3;
   write(place.file() + "4", later);
   expect(place.file() + "4", "this history was written by a later version of this program");
   EXPECT_EQ(problems.size(), 4U) << "once each";
   EXPECT_THROW(Reader(place.file() + "5"), Error);
   EXPECT_FALSE(fs::exists(place.file() + "5"));
+}
+
+// What version 1.4.0 wrote had a row for each event. A recorder that commits each one writes the
+// same.
+TEST(History, ReadsAndContinuesAFileOfTheFirstForm) {
+  const Place place;
+  Fleet fleet(10);
+  {
+    Recorder recorder(place.file(), optionsOf(fleet));
+    for (int i = 0; i < 100; ++i) fleet.now += 1s, fleet.step(recorder), recorder.commit();
+  }
+  sqlite3* database = nullptr;
+  ASSERT_EQ(sqlite3_open(place.file().c_str(), &database), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database, "PRAGMA user_version = 1", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(database);
+  const auto expectAll = [&] {
+    Reader reader(place.file());
+    for (const auto& was : fleet.was()) {
+      ASSERT_EQ(bytesOf(reader.treeAt(was.root, was.time).value().tree), was.bytes);
+    }
+  };
+  expectAll();
+  {
+    Recorder recorder(place.file(), optionsOf(fleet));
+    for (int i = 0; i < 100; ++i) fleet.now += 1s, fleet.step(recorder);
+  }
+  expectAll();
+  EXPECT_EQ(read(place.file())[63], 2) << "an earlier version must not read blocks";
 }
 
 TEST(History, GoesOnAfterAFullDiskAndSaysWhatItMissed) {
