@@ -142,7 +142,8 @@ HttpAnswer answerRoot(const Fleet& fleet, Untaken& untaken, const std::string& i
   return jsonAnswer(text, tag);
 }
 
-HttpAnswer answerMetrics(const Fleet& fleet, const MetricOptions& options, Scrapes& scrapes,
+HttpAnswer answerMetrics(const Fleet& fleet, const HistorySource& history,
+                         const MetricOptions& options, Scrapes& scrapes,
                          const HttpRequest& request) {
   Partitions partitions;
   try {
@@ -151,7 +152,7 @@ HttpAnswer answerMetrics(const Fleet& fleet, const MetricOptions& options, Scrap
     return refusal(400, std::string("partitions: ") + fault.what());
   }
   HttpAnswer answer{200, "text/plain; version=0.0.4; charset=utf-8", nullptr};
-  answer.pieces = scrapes.add(metricsOf(fleet, partitions, options));
+  answer.pieces = scrapes.add(metricsOf(fleet, history, partitions, options));
   return answer;
 }
 
@@ -226,7 +227,9 @@ HttpAnswer Site::answer(const HttpRequest& request) {
   if (auto answer = answerHistory(history_, request)) return *std::move(answer);
   if (path == "/elements.js") return textAnswer(elements_js, "text/javascript");
   if (path == "/past.js") return textAnswer(past_js, "text/javascript");
-  if (path == "/metrics") return answerMetrics(fleet_, metricOptions_, scrapes_, request);
+  if (path == "/metrics") {
+    return answerMetrics(fleet_, history_, metricOptions_, scrapes_, request);
+  }
   if (path == "/api/roots") return answerRoots(fleet_, untaken_, request);
   if (path == "/api/devices") return answerDevices(fleet_, request);
   if (path == "/api/events") return answerEvents(news_, request);

@@ -243,13 +243,21 @@ void addCollector(const Fleet& fleet, Exposition& metrics) {
   counter("orv_collector_requests_total", "Trees that were asked for.", counters.requests);
 }
 
+void addHistory(const HistorySource& history, Exposition& metrics) {
+  if (history.file.empty()) return;
+  metrics.family("orv_history_recording",
+                 "Whether what happens is recorded in the history.")[""] = {
+      {metrics.addSubject(""), history.failure().empty() ? 1.0 : 0.0}};
+}
+
 }  // namespace
 
-Exposition metricsOf(const Fleet& fleet, const Partitions& partitions,
+Exposition metricsOf(const Fleet& fleet, const HistorySource& history, const Partitions& partitions,
                      const MetricOptions& options) {
   constexpr std::size_t enough = 500;  // devices under one lock, unless one root has more
   std::vector<std::string> ids;
   Exposition metrics;
+  addHistory(history, metrics);
   {
     const auto guard = fleet.lock();
     addCollector(fleet, metrics);

@@ -129,6 +129,7 @@ def check_interface():
     wait("the roots", lambda: len(json.loads(get("/api/roots")[2])["roots"]) == 3)
     tags = {path: get(path)[1]["ETag"] for path in ("/api/roots", "/api/roots/late")}
     wait("the history", lambda: json.loads(get("/api/changes?root=pumps")[2])["changes"])
+    assert b"\norv_history_recording 1\n" in get("/metrics")[2]
     met = set()
     for path, url, fields, status in (
             ("/api/roots", "/api/roots", {}, 200),
