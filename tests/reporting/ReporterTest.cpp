@@ -103,34 +103,6 @@ TEST_F(ReporterTest, GoesOnWithTheRootsThatTheBrokerTakes) {
   talk.expect("change 1-29");
 }
 
-// The network breaks every fifteen seconds, each time while some event is on its way.
-TEST_F(ReporterTest, BlamesNoRootForANetworkThatBreaks) {
-  changeAll(0, 4);
-  talk.withoutStates();
-  for (std::size_t i = 0; i < 40; ++i) {
-    talk.connect().after(1s).take().after(7s).take().after(7s).take();
-    changeAll(i % 5, i % 3 == 0 ? 4 : i % 5);
-    talk.after(0s).cut().after(1s);
-  }
-  talk.connect();
-  for (int i = 0; i < 20; ++i) talk.take().after(100ms);
-  EXPECT_TRUE(reporter.isSettled()) << "within two seconds";
-  EXPECT_EQ(talk.count("refuses"), 0);
-}
-
-TEST_F(ReporterTest, LosesARoundTripForEachRetryOfARefusedRoot) {
-  changeAll(0, 0);
-  talk.withoutStates().connect().refuse("no").expect("tree 0, The broker refuses 0: no");
-  int events = 0;
-  for (std::size_t i = 1; i <= 1800; ++i, talk.after(17ms)) {
-    change(i, "new");
-    talk.after(0s);
-    events += talk.count("tree ") - talk.count("tree 0");
-    talk.forget().refuse("no", "tree 0").take();
-  }
-  EXPECT_GE(events, 1790);
-}
-
 TEST_F(ReporterTest, SaysWhatItHoldsBack) {
   EXPECT_THROW(reporter.report(nullptr), std::invalid_argument);
   changeAll(0, 1);
