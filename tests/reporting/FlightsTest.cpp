@@ -75,6 +75,7 @@ TEST_F(FlightsTest, BeginsWithOneAfterAnEndWithEventsOnTheirWay) {
   connect();
   EXPECT_EQ(go("cab"), "cab");
   EXPECT_EQ(cut(), "cab");
+  EXPECT_FALSE(flights.isOnItsWay("c"));
   for (int i = 0; i < 2; ++i) {
     connect();
     EXPECT_EQ(go("cabdefgh"), "c");
