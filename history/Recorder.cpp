@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory_resource>
 #include <new>
 #include <optional>
+#include <system_error>
 #include <unordered_map>
 #include <utility>
 
@@ -54,11 +56,24 @@ Kind kindOf(const Event& event) {
   }
 }
 
+// What the file is called without symbolic links, which SQLite follows as well. Two hard links
+// would have a -wal and a lock each, and the file would be damaged.
+std::string onlyNameOf(const std::string& file) {
+  std::error_code error;
+  const auto path = std::filesystem::weakly_canonical(file, error);
+  if (error) throw Error(file + ": it cannot be opened: " + error.message());
+  const auto links = std::filesystem::hard_link_count(path, error);
+  if (!error && links > 1 && std::filesystem::is_regular_file(path, error)) {
+    throw Error(file + ": it has several names (hard links), and only one may be left");
+  }
+  return path.string();
+}
+
 // Keeps other recorders from a file. SQLite's own locks would have them take turns.
 class Lock {
  public:
   explicit Lock(const std::string& file) {
-    const std::string name = file + "-lock";
+    const std::string name = onlyNameOf(file) + "-lock";
     descriptor_ = open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);  // NOLINT(*-vararg)
     if (descriptor_ >= 0 && flock(descriptor_, LOCK_EX | LOCK_NB) == 0) return;
     const bool isTaken = errno == EWOULDBLOCK;

@@ -285,6 +285,10 @@ TEST(History, SaysWhatIsWrongWithAFile) {
   expect(place.file(), "another program records in it");
   fleet.step(first);
   EXPECT_TRUE(first.commit());
+  fs::create_symlink(place.file(), place.file() + "-symbolic");
+  expect(place.file() + "-symbolic", "another program records in it");
+  fs::create_hard_link(place.file(), place.file() + "-hard");
+  expect(place.file() + "-hard", "it has several names (hard links), and only one may be left");
   fs::create_directory(place.file() + "1");
   expect(place.file() + "1", "it cannot be opened: Is a directory");
   write(place.file() + "2", std::string(10'000, 'x'));
@@ -298,7 +302,7 @@ TEST(History, SaysWhatIsWrongWithAFile) {
   later[63] = 3;
   write(place.file() + "4", later);
   expect(place.file() + "4", "this history was written by a later version of this program");
-  EXPECT_EQ(problems.size(), 4U) << "once each";
+  EXPECT_EQ(problems.size(), 6U) << "once each";
   EXPECT_THROW(Reader(place.file() + "5"), Error);
   EXPECT_FALSE(fs::exists(place.file() + "5"));
 }
