@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 namespace orv::history {
@@ -126,6 +128,15 @@ std::int64_t Database::number(const char* query) const {
 }
 
 int Database::changes() const noexcept { return sqlite3_changes(handle()); }
+
+std::uint64_t Database::logSize() const {
+  std::error_code error;
+  const char* const name = sqlite3_filename_wal(sqlite3_db_filename(handle(), "main"));
+  const std::uintmax_t size = std::filesystem::file_size(name, error);
+  return error ? 0 : size;
+}
+
+void Database::shortenLog() const { run("PRAGMA wal_checkpoint(TRUNCATE)"); }
 
 bool Database::isMoved() const noexcept {
   int moved = 0;

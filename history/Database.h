@@ -70,6 +70,10 @@ class Database {
   [[noreturn]] void fail() const;
   [[noreturn]] void fail(const std::string& reason) const;
   [[noreturn]] void failDamaged(const std::string& what) const;
+  // How long the log of what is written is.
+  std::uint64_t logSize() const;
+  // Has the log begin anew, once all that is read now has been read. Gives up when its patience ends.
+  void shortenLog() const;
   // Whether the file is no longer where it was opened.
   bool isMoved() const noexcept;
   sqlite3* handle() const noexcept { return connection_.get(); }

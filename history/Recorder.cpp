@@ -32,6 +32,10 @@ namespace {
 
 constexpr std::chrono::milliseconds commitPause(400);
 constexpr std::chrono::seconds watchPause(5);
+// While somebody reads all the time, SQLite's log grows. Longer than that, it has to end; to wait
+// for those who read now is tried now and then.
+constexpr std::uint64_t mostLog = 64 << 20;
+constexpr std::chrono::seconds logPause(5);
 // A clock that is corrected by less stands still for so long.
 constexpr std::chrono::seconds smallStep(1);
 // Fewer bytes of events are no reason to record a tree again.
@@ -163,7 +167,7 @@ class Recorder::Core {
   // Kept, because they reuse their memory.
   orv::proto::monitoring::DeviceNode tree_;
   std::string bytes_;
-  steady_clock::time_point commitDue_, watchDue_, retryDue_;
+  steady_clock::time_point commitDue_, watchDue_, logDue_, retryDue_;
 };
 
 Recorder::Core::Core(std::string file, RecorderOptions options)
@@ -430,6 +434,10 @@ void Recorder::Core::serve() {
   attempt([&] {
     if (!missed_.empty()) catchUp();
     if (transaction_ ? time >= commitDue_ : time >= watchDue_) commitAll();
+    if (!transaction_ && time >= logDue_ && store_->database().logSize() > mostLog) {
+      logDue_ = time + logPause;
+      store_->database().shortenLog();
+    }
     // What is gone in the file could have come back and be missed.
     if (!transaction_ && missed_.empty() && isKeeping_) keep();
   });
