@@ -25,6 +25,9 @@ namespace {
 constexpr std::chrono::hours memory(1);
 // Who may read everything has heard every reporter by then: their heartbeat is shorter.
 constexpr std::chrono::seconds hearing(40);
+// What is behind when a connection begins. Others who lack the same are not many, and of what they
+// ask for one answer serves all.
+constexpr std::chrono::milliseconds noPause(0);
 
 }  // namespace
 
@@ -99,7 +102,10 @@ class Collector::Core {
   void dropRequests(const std::string& name, const Peer& peer);
   void remark(Root& root);
   void update(const std::string& id, Time now) { update(id, roots_.at(id), now); }
-  void update(const std::string& id, Root& root, Time now);
+  void update(const std::string& id, Root& root, Time now) {
+    update(id, root, now, options_.gapPause);
+  }
+  void update(const std::string& id, Root& root, Time now, std::chrono::milliseconds gapPause);
   static unsigned int partitionOf(const Root& root);
   const Peer* peerOf(const Root& root) const;
   bool isConfirmed(const Root& root, const Peer& peer) const;
@@ -362,7 +368,9 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
     lists_.need(topics_.roots(partition, name), now, patience, 0, random_);
   };
   for (const unsigned int partition : news.announced) need(partition, options_.firstPause);
-  for (const unsigned int partition : news.differing) need(partition, options_.gapPause);
+  for (const unsigned int partition : news.differing) {
+    need(partition, peer.part(partition)->isConfirmed ? options_.gapPause : noPause);
+  }
   if (news.wasSetBack) distrust(peer);
   for (const unsigned int partition : news.agreed) {
     const std::string topic = topics_.roots(partition, name);
@@ -388,6 +396,8 @@ void Collector::Core::receiveList(unsigned int partition, const std::string& nam
   if (entry == peers_.end()) return;
   Peer& peer = entry->second;
   if (reviews_.contains(message.topic)) review(message.topic, now);
+  const Peer::Part* const before = peer.part(partition);
+  const bool wasConfirmed = before != nullptr && before->isConfirmed;
   Peer::Roots unlisted;
   if (!peer.take(partition, list, message.isRetained, now, unlisted)) return;
   if (!message.isRetained) lists_.rest(message.topic);
@@ -398,7 +408,9 @@ void Collector::Core::receiveList(unsigned int partition, const std::string& nam
   }
   peer.move(partition, sum);
   for (const auto& [id, listed] : unlisted) unlist(id, name, now);
-  for (const auto& [id, listed] : peer.part(partition)->roots) update(id, now);
+  for (const auto& [id, listed] : peer.part(partition)->roots) {
+    update(id, roots_.at(id), now, wasConfirmed ? options_.gapPause : noPause);
+  }
 }
 
 void Collector::Core::forgetPeer(const std::string& name, Time now) {
@@ -590,7 +602,8 @@ void Collector::Core::remark(Root& root) {
 }
 
 // Follows up whatever has changed about the root: what its condition is, and what is asked for.
-void Collector::Core::update(const std::string& id, Root& root, Time now) {
+void Collector::Core::update(const std::string& id, Root& root, Time now,
+                             std::chrono::milliseconds gapPause) {
   remark(root);
   const Condition condition = conditionOf(root);
   if (condition != root.condition) {
@@ -615,7 +628,7 @@ void Collector::Core::update(const std::string& id, Root& root, Time now) {
   }
   if (canBeAsked && isMissing) {
     // A whole tree costs everybody, and one that the broker has kept may still be on its way.
-    const auto patience = root.follower.canCatchUp() ? options_.gapPause : options_.firstPause;
+    const auto patience = root.follower.canCatchUp() ? gapPause : options_.firstPause;
     trees_.need(id, now, patience, root.treeBytes, random_);
   } else {
     trees_.drop(id);
@@ -623,7 +636,7 @@ void Collector::Core::update(const std::string& id, Root& root, Time now) {
 }
 
 void Collector::Core::needState(const std::string& name, Time now) {
-  states_.need(name, now, options_.gapPause, 0, random_);
+  states_.need(name, now, noPause, 0, random_);
 }
 
 // The reporter has been heard of the root, since the connection began.

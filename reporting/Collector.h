@@ -40,7 +40,8 @@ struct CollectorOptions {
   std::chrono::milliseconds silence = std::chrono::seconds(100);
   /// How long a reporter may be ahead of a tree before the events count as lost.
   std::chrono::milliseconds patience = std::chrono::seconds(5);
-  /// Events that were missed are asked for within this time, spread at random.
+  /// Events that were missed are asked for within this time, spread at random. What is behind when
+  /// a connection begins is asked for at once.
   std::chrono::milliseconds gapPause = std::chrono::milliseconds(100);
   /// A whole tree is asked for within this time, spread at random. The pauses after the first
   /// request, for events too, double from this one up to `longestPause`: where answers do not help,

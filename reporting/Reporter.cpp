@@ -27,8 +27,9 @@ namespace {
 // Were a state and its lists sent for each root that comes, those of many roots that come one by
 // one would cost the square of their number.
 constexpr std::chrono::seconds betweenStates(1);
-// Trees that the broker has lost are sent again at this pace: what changes goes out beside them.
-constexpr std::chrono::milliseconds betweenTrees(2);
+// Trees that the broker has lost are sent again at this pace: what changes goes out beside them,
+// and the broker has to keep for each collector what that has not taken yet.
+constexpr std::chrono::microseconds betweenTrees(500);
 // A process that comes back looks at its own last state before it goes on: it may have been set
 // back. Where it may not read that, it goes on after so long.
 constexpr std::chrono::seconds lookBack(1);
@@ -686,9 +687,9 @@ void Reporter::Core::beginAnew() {
 void Reporter::Core::renewTrees(Time now) {
   for (auto& [id, root] : roots_) {
     if (root.sender.last().n == 0) continue;
-    root.sender.requestTree();
+    root.sender.renewTree();
     if (flights_.isDoubted(id)) continue;
-    agenda_.at(id, std::max(now, root.sender.treeDue().value_or(now)));
+    agenda_.at(id, now);
     now += betweenTrees;
   }
 }

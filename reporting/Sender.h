@@ -66,6 +66,11 @@ class ORV_REPORTING_EXPORT Sender {
   /// Somebody needs the whole tree: the next event is a DEVICE_ADD once the pause is over. Many
   /// requests until then are answered by one, or by any other event with the whole tree.
   void requestTree() noexcept { owesTree_ = true; }
+  /// The broker has lost the tree: the next event is a DEVICE_ADD, without a pause.
+  void renewTree() noexcept {
+    owesTree_ = true;
+    lastTree_.reset();
+  }
   /// When that pause is over; empty when nobody has asked.
   std::optional<Time> treeDue() const noexcept;
 

@@ -178,10 +178,8 @@ TEST_F(CollectorTest, TakesAKeptStateForNoSignOfLife) {
   std::vector<Message> kept = state("a", 1, {{"r", {1, 5}}});
   for (Message& message : kept) message.isRetained = true;
   talk.hear(kept).hear(tree("r", {1, 1}));
-  talk.expect("r is awaited, r is out of date")
-      .after(1s)
-      .expect("ask a");  // for no tree: the reporter may be gone
-  talk.hear(state("a", 1, {{"r", {1, 6}}})).after(1s).expect("ask a r after 1");
+  talk.expect("r is awaited, ask a, r is out of date");  // for no tree: the reporter may be gone
+  talk.hear(state("a", 1, {{"r", {1, 6}}})).after(10ms).expect("ask a r after 1");
 }
 
 // The sum is that of the marks, which every reporter has to compute in the same way.
@@ -286,7 +284,7 @@ TEST_F(CollectorTest, ForgetsATreeThatItsReporterDoesNotHave) {
     return message;
   };
   talk.hear(state("b", 2, {}, false)).hear(of(state("a", 1, {}).front(), true));
-  talk.hear(of(tree("r", {1, 1}), true)).expect("r is out of date");
+  talk.hear(of(tree("r", {1, 1}), true)).expect("ask a, r is out of date");
   talk.hear(state("a", 1, {})).expect("r is forgotten, ask a r");  // so that it is cleared
   // One that has just arrived is listed soon.
   talk.hear(of(tree("new", {2, 1}), false)).expect("new is current");
@@ -313,7 +311,7 @@ TEST_F(CollectorTest, SaysOnceWhatItSeemsToHaveNoRightToRead) {
       .connect()
       .hear(state("a", 1, {{"r", {1, 1}}}))
       .after(50s)
-      .expect("r is current");
+      .expect("ask a, r is current");
   talk.hear(state("a", 1, {{"r", {1, 1}}, {"other", {2, 1}}})).after(90s);
   EXPECT_EQ(talk.count(noEvents), 1);
 }
