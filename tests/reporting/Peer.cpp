@@ -1,6 +1,7 @@
 // A reporter or a collector that faults.py starts, gives orders on standard input, and kills:
 //
-//   reporter URL NAME SEED ROOTS    reports the roots NAME/0, NAME/1 and so on
+//   reporter URL NAME SEED ROOTS [EASE]   reports the roots NAME/0, NAME/1 and so on; one in EASE
+//                                   turns changes something
 //   collector URL [CLIENT]          with the session of that client name, which outlives it
 //   idle URL                        a collector that is served by a loop of its own, without orders
 //   hurry URL                       a collector that says how long it was held up, without orders
@@ -85,7 +86,8 @@ ConnectionOptions connectionOptions() {
   return options;
 }
 
-void report(const Broker& broker, const std::string& name, const std::string& seed, int count) {
+void report(const Broker& broker, const std::string& name, const std::string& seed, int count,
+            unsigned int ease) {
   std::mt19937 random(static_cast<unsigned int>(std::stoul(seed)));
   int changes = 0;
   // No value comes twice: a tree put together from two others never looks right.
@@ -112,7 +114,7 @@ void report(const Broker& broker, const std::string& name, const std::string& se
       trees.front()->setName(std::string(order == "big" ? 100000 : 10, 'x'));
       reporter.report(trees.front());
     }
-    if (state == "go") {
+    if (state == "go" && random() % ease == 0) {
       const Tree& tree = trees[random() % trees.size()];
       change(tree, random, newValue());
       reporter.report(tree);
@@ -226,6 +228,8 @@ int main(int argc, char** argv) {
   } else if (arguments.at(1) == "talker") {
     talk(broker);
   } else {
-    report(broker, arguments.at(3), arguments.at(4), std::stoi(arguments.at(5)));
+    const unsigned long ease = argc > 6 ? std::stoul(arguments.at(6)) : 1;
+    report(broker, arguments.at(3), arguments.at(4), std::stoi(arguments.at(5)),
+           static_cast<unsigned int>(ease));
   }
 }

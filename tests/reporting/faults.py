@@ -55,10 +55,17 @@ class Peer:
         wait(text, lambda: self.count(text) >= times)
 
     def trees(self, order="show"):
+        return self.ask(order)()
+
+    def ask(self, order):
+        """What waits for the answer."""
         answers = self.count("== end\n")
+
+        def answer():
+            self.tells("== end\n", answers + 1)
+            return set(self.path.read_text().split("== end\n")[answers].split("== ")[1:])
         self.order(order)
-        self.tells("== end\n", answers + 1)
-        return set(self.path.read_text().split("== end\n")[answers].split("== ")[1:])
+        return answer
 
     def end(self):
         self.process.stdin.close()
@@ -111,8 +118,8 @@ class Stage:
                                *arguments))
         return self.peers[-1]
 
-    def report(self, name, roots="3"):
-        self.reporters[name] = self.start("reporter", name, str(len(self.peers)), roots)
+    def report(self, name, roots="3", ease="1"):
+        self.reporters[name] = self.start("reporter", name, str(len(self.peers)), roots, ease)
 
     def begin(self, *settings):
         self.start_broker(*settings)
@@ -122,7 +129,8 @@ class Stage:
         self.agree()
 
     def hold(self):
-        return set().union(*(reporter.trees("hold") for reporter in self.reporters.values()))
+        answers = [reporter.ask("hold") for reporter in self.reporters.values()]
+        return set().union(*(answer() for answer in answers))
 
     def agree(self):
         held = self.hold()
@@ -136,6 +144,8 @@ class Stage:
 
     def end(self):
         gone = {tree.replace(" 0\n", " 2\n", 1) for tree in self.hold()}
+        for reporter in self.reporters.values():
+            reporter.process.stdin.close()
         for reporter in self.reporters.values():
             reporter.end()
         wait("the end of the reporters", lambda: self.collector.trees() == gone)
@@ -327,6 +337,17 @@ def peers_killed(stage):
         wait("its end", lambda: name + "/0 2" in heads(stage.collector.trees()))
         stage.report(name, roots="1")
         stage.agree()
+    stage.collector.process.kill()
+    stage.collector = stage.start("collector")
+    stage.agree()
+
+
+def collector_among_many_reporters(stage):
+    """It is killed and starts again while each of 200 has gone on since its last whole tree."""
+    stage.begin()
+    for number in range(200):
+        stage.report(f"one/{number}", roots="1", ease="20")
+    stage.agree()
     stage.collector.process.kill()
     stage.collector = stage.start("collector")
     stage.agree()
@@ -637,7 +658,8 @@ def play(scenario):
 SCENARIOS = [
     broker_back_in_an_earlier_state, broker_that_does_not_answer, addresses_that_do_not_answer,
     brokers_that_stand_in, site_and_centre, sessions_that_go_on, own_event_loop, more_messages_than_numbers,
-    peers_killed, two_reporters_of_one_name, clocks_set_back, event_too_large, event_not_allowed,
+    peers_killed, collector_among_many_reporters, two_reporters_of_one_name, clocks_set_back,
+    event_too_large, event_not_allowed,
     rights_that_are_missing, wrong_password,
     encrypted, example_of_a_broker, strangers, receiver_in_python, events_that_are_lost]
 # Free ports below those that the system gives to clients.
