@@ -99,7 +99,7 @@ void Sender::refused() noexcept {
     letGo();
   }
   // It need not have been a whole tree, and the broker may take what has changed.
-  if (std::exchange(isByChoice_, false)) {
+  if (isByChoice_) {
     sinceTree_ = 0;
     owesTree_ = false;
   }

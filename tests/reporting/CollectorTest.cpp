@@ -314,6 +314,9 @@ TEST_F(CollectorTest, SaysOnceWhatItSeemsToHaveNoRightToRead) {
       .expect("ask a, r is current");
   talk.hear(state("a", 1, {{"r", {1, 1}}, {"other", {2, 1}}})).after(90s);
   EXPECT_EQ(talk.count(noEvents), 1);
+  const std::string noLists = "States arrive and no lists: it seems that this user may not read ";
+  talk.cut().forget().connect().hear(state("a", 1, {{"new", {3, 1}}}).front()).after(90s);
+  EXPECT_EQ(talk.count(noLists + "orv/1/roots/+/+"), 1);
 }
 
 TEST_F(CollectorTest, SaysOnceThatEventsAreTooLarge) {

@@ -61,4 +61,31 @@ TEST(Sender, SendsWhatReceiversCanTakeAndSaysWhatNot) {
   }
 }
 
+TEST(Sender, KeepsNothingThatAReceiverMustNotBuildOn) {
+  std::string refusal;
+  const Tree live = node("r");
+  Sender sender(7, 10s);
+  const auto send = [&](const std::string& text) {
+    live->setGlobalStatus({{}, text});
+    return sender.next(live, Time(1000s), refusal)->event.event_type();
+  };
+  for (const char* const text : {"tree", "a", "b"}) send(text), sender.taken();
+  EXPECT_EQ(sender.lackedAfter({7, 1}), 2U);
+  for (const Sequence& have : {Sequence{7, 0}, Sequence{7, 4}, Sequence{8, 1}}) {
+    EXPECT_EQ(sender.lackedAfter(have), std::nullopt);
+  }
+  // Nobody knows who has the event that was refused after an interruption.
+  send("c");
+  sender.interrupted();
+  sender.refused();
+  EXPECT_EQ(sender.lackedAfter({7, 3}), std::nullopt);
+  EXPECT_EQ(send("d"), Event::DEVICE_ADD);
+  sender.taken();
+  send("e");
+  sender.taken();
+  EXPECT_GT(sender.keptBytes(), 0U);
+  sender.restart(9);
+  EXPECT_TRUE(sender.kept().empty() && sender.keptBytes() == 0);
+}
+
 }  // namespace
