@@ -72,7 +72,7 @@ class Database {
   [[noreturn]] void failDamaged(const std::string& what) const;
   // How long the log of what is written is.
   std::uint64_t logSize() const;
-  // Has the log begin anew, once all that is read now has been read. Gives up when its patience ends.
+  // Has the log begin anew, once all that is read now has been read. Its patience can end before.
   void shortenLog() const;
   // Whether the file is no longer where it was opened.
   bool isMoved() const noexcept;

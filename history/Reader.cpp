@@ -307,13 +307,16 @@ const std::string& Reader::Core::nameOf(std::int64_t root) {
 
 std::vector<Root> Reader::Core::roots() {
   std::vector<Root> roots;
-  std::vector<RootEntry> entries;
-  for (std::int64_t after = 0; !(entries = store_.rootsAfter(after, 1000)).empty();) {
-    after = entries.back().number;
-    for (const RootEntry& entry : entries) {
+  for (std::int64_t number = 0; (number = store_.rootNumberAfter(number)) != 0;) {
+    Root& root = roots.emplace_back();
+    try {
+      RootEntry entry = store_.root(number);
+      root.id = std::move(entry.name);
       const Row row = store_.row(entry.head);
-      const bool isThere = row.kind == Kind::STATUS || !wholeOf(row).tree.empty();
-      roots.push_back({entry.name, isThere, row.time});
+      root.isThere = row.kind == Kind::STATUS || !wholeOf(row).tree.empty();
+      root.changed = row.time;
+    } catch (const Damage& damage) {
+      root.damage = damage.what();
     }
   }
   std::sort(roots.begin(), roots.end(),

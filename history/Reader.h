@@ -19,6 +19,9 @@ struct Root {
   std::string id;
   bool isThere = false;  ///< according to what was recorded last
   Time changed;          ///< when that was
+  /// Empty, or what is damaged: then nothing else is known of the root, and its identifier is empty
+  /// where that is damaged too.
+  std::string damage;
 };
 
 /// The tree of a root at a time.
@@ -106,7 +109,8 @@ class ORV_HISTORY_EXPORT Reader final {
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
 
-  /// In ascending byte order. Costs a look at the last tree of each.
+  /// In ascending byte order, also those of which the last tree is damaged. Costs a look at the
+  /// last tree of each.
   std::vector<Root> roots();
 
   /// The earliest time that can be asked for; nothing while nothing is recorded.

@@ -183,6 +183,7 @@ std::int64_t Store::rootNumberAfter(std::int64_t number) {
   statement.next();
   const std::int64_t found = statement.number(0);
   statement.reset();
+  if (found != 0 && found <= number) damaged("the list of roots");
   return found;
 }
 

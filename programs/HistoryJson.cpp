@@ -44,5 +44,6 @@ Json jsonOf(const Course& course) {
 }
 
 Json jsonOf(const Root& root) {
+  if (!root.damage.empty()) return {{"id", root.id}, {"damage", root.damage}};
   return {{"id", root.id}, {"there", root.isThere}, {"changed", textOf(root.changed)}};
 }

@@ -208,6 +208,8 @@ void tellRoots(Reader& reader, const Options& options) {
     if (!options.part.root.empty() && root.id != options.part.root) continue;
     if (options.isJson) {
       print(dump(jsonOf(root)) + '\n');
+    } else if (!root.damage.empty()) {
+      printLine(root.id + (root.id.empty() ? "" : ": ") + root.damage);
     } else {
       printLine(textOf(root.changed) + ' ' + root.id + (root.isThere ? "" : ": gone"));
     }

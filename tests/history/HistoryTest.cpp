@@ -626,6 +626,10 @@ TEST(History, LeavesOutOnlyTheRootWhoseEntryIsDamaged) {
   EXPECT_TRUE(recorder.commit());
   EXPECT_EQ(problems.size(), 2U) << "what is not resumed and what is not recorded";
   Reader reader(place.file());
+  const auto roots = reader.roots();
+  EXPECT_EQ(roots.size(), 4U);
+  const auto isDamaged = [](const Root& root) { return !root.damage.empty(); };
+  EXPECT_EQ(std::count_if(roots.begin(), roots.end(), isDamaged), 1);
   int refused = 0;
   for (const std::string id : {"r0", "r1", "r2", "r3"}) {
     try {
