@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "reporting/Flights.h"
 
 namespace {
@@ -184,6 +186,20 @@ TEST_F(FlightsTest, TriesOneRefusedRootAtATimeWithPausesThatDouble) {
   EXPECT_EQ(retry(1s), "") << "that others go through does not shorten it";
   flights.trust("b");
   EXPECT_EQ(flights.retryDue(), Time::max());
+}
+
+TEST_F(FlightsTest, TellsTheRefusedFromTheSuspected) {
+  connect();
+  EXPECT_EQ(go("a"), "a");
+  refuse('a');
+  EXPECT_EQ(goAndCut("b"), "b, b");
+  now += 2s;
+  connect();
+  EXPECT_EQ(retry(999ms), "") << "the connection has to prove good, also behind a refused root";
+  EXPECT_EQ(retry(1ms), "b");
+  take(go("b"));
+  EXPECT_EQ(retry(2s), "a");
+  EXPECT_EQ(goAndCut("a"), "a, a-a") << "the broker has said so before";
 }
 
 }  // namespace
