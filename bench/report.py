@@ -174,15 +174,17 @@ def starts(fleets):
     rows = []
     ratios = []
     for run in fleets:
-        bare, collector = map(statistics.median, zip(*run["rounds"]))
-        ratios.append(number(statistics.median(ours / theirs for theirs, ours in run["rounds"])))
+        counted, built, collector = map(statistics.median, zip(*run["rounds"]))
+        ratios.append(number(statistics.median(ours / theirs for _, theirs, ours in run["rounds"])))
         forgotten = ["–", "–"]
         if again := run.get("forgotten"):
-            forgotten = [f"**{number(again[who] / bare)}** {duration(again[who] * 1e6)}"
+            forgotten = [f"**{number(again[who] / built)}** {duration(again[who] * 1e6)}"
                          for who in ("old", "newcomer")]
-        rows.append([f"{run['roots']:,} of {run['devices']}, {run['reporters']}", duration(bare * 1e6),
+        rows.append([f"{run['roots']:,} of {run['devices']}, {run['reporters']}",
+                     duration(counted * 1e6), duration(built * 1e6),
                      f"**{ratios[-1]}** {duration(collector * 1e6)}", *forgotten])
-    heads = ["roots of devices, reporters", "bare client", "collector", "broker forgot: was there", "starts"]
+    heads = ["roots of devices, reporters", "client that counts", "that builds", "collector",
+             "broker forgot: was there", "starts"]
     return markdown(heads, rows), ratios
 
 

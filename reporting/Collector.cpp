@@ -28,6 +28,9 @@ constexpr std::chrono::seconds hearing(40);
 // What is behind when a connection begins. Others who lack the same are not many, and of what they
 // ask for one answer serves all.
 constexpr std::chrono::milliseconds noPause(0);
+// To get memory for a whole tree's message costs twice what reading it does. So it is kept for the
+// next message. It grows with every shape that has come, so after so many bytes it begins anew.
+constexpr std::size_t mostBytesRead = 1'000'000;
 
 }  // namespace
 
@@ -80,6 +83,7 @@ class Collector::Core {
   };
 
   void receiveEvent(const std::string& id, const Message& message, Time now);
+  void take(const std::string& id, const Sequence& sequence, const Message& message, Time now);
   void receiveState(const std::string& name, const Message& message, Time now);
   void receiveList(unsigned int partition, const std::string& name, const Message& message,
                    Time now);
@@ -137,6 +141,8 @@ class Collector::Core {
   bool areEventsHeard_ = false;
   Time hearingDue_;             // when that is looked at
   std::string hearingProblem_;  // that was told last
+  Event event_;                 // whose memory the next one takes
+  std::size_t bytesRead_ = 0;   // into that memory
   std::map<std::string, Root> roots_;
   std::map<std::string, Peer> peers_;
   std::map<std::string, std::set<std::string>>
@@ -292,7 +298,6 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
     return;
   }
   const std::optional<Sequence> sequence = Sequence::parse(message.sequence);
-  Event event;
   if (!sequence && message.sequence.empty()) {
     ++counters_.strangers;  // all that come over such a bridge lack it
     if (const auto root = roots_.find(id); root != roots_.end()) root->second.isUnnumbered = true;
@@ -313,14 +318,20 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
   } else if (const auto known = roots_.find(id);
              known != roots_.end() && known->second.follower.isOld(*sequence)) {
     ++counters_.outcomes.at(static_cast<std::size_t>(Follower::Outcome::OLD));
-  } else if (!event.ParseFromString(message.payload)) {
-    refuse("An event of " + id + " cannot be read", id);
   } else {
+    take(id, *sequence, message, now);
+  }
+}
+
+void Collector::Core::take(const std::string& id, const Sequence& sequence, const Message& message,
+                           Time now) {
+  Step step{sequence, std::move(event_), {}, {}};
+  if (step.event.ParseFromString(message.payload)) {
     Root& root = takeUp(id, now);
     root.isUnnumbered = false;
-    const Tree before = root.follower.tree();
+    step.before = root.follower.tree();
     std::string refusal;
-    const Follower::Outcome outcome = root.follower.take(*sequence, event, refusal);
+    const Follower::Outcome outcome = root.follower.take(sequence, step.event, refusal);
     ++counters_.outcomes.at(static_cast<std::size_t>(outcome));
     if (outcome == Follower::Outcome::REFUSED) {
       const std::string text = "An event of " + id + " is refused: " + refusal;
@@ -331,15 +342,22 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
       root.claimer = Topics::decode(message.reporter).value_or("");
       root.isClaimKept = message.isRetained;
       if (root.reporter.empty() && !root.claimer.empty()) claims_[root.claimer].insert(id);
-      if (isWholeTree(event)) {
+      if (isWholeTree(step.event)) {
         root.isTooLarge = false;
         root.treeBytes = message.payload.size();
       }
-      if (callbacks_.applied) {
-        callbacks_.applied(id, {*sequence, std::move(event), before, root.follower.tree()});
-      }
+      step.after = root.follower.tree();
+      if (callbacks_.applied) callbacks_.applied(id, step);
     }
     update(id, root, now);
+  } else {
+    refuse("An event of " + id + " cannot be read", id);
+  }
+  bytesRead_ += message.payload.size();
+  if (bytesRead_ < mostBytesRead) {
+    event_ = std::move(step.event);
+  } else {
+    bytesRead_ = 0;
   }
 }
 

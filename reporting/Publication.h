@@ -28,7 +28,8 @@ struct Publication {
 
 /// An event that has become part of a root's course: it made the tree `after` of the tree `before`,
 /// each of which is empty for no tree. After a status change both are one object, which stays the
-/// same until an event with a whole tree. Treat the trees as constant: they are their owner's own.
+/// same until an event with a whole tree. Where that says again what was there, both can be one
+/// object too. Treat the trees as constant: they are their owner's own.
 struct Step {
   Sequence sequence;
   Event event;

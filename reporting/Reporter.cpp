@@ -464,7 +464,7 @@ std::size_t Reporter::Core::publishNext(const std::string& id, Time now) {
   std::string refusal;
   if (publication == nullptr) {
     publication = root.sender.next(root.live, now, refusal);
-    root.isChanged = !refusal.empty();
+    root.isChanged = !refusal.empty() || (root.isChanged && root.sender.repeats());
   }
   Message message = eventOf(id, publication != nullptr ? publication->sequence : Sequence());
   if (publication != nullptr) {

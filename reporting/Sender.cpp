@@ -34,23 +34,27 @@ const Publication* Sender::next(const Tree& live, Time now, std::string& errorMe
     return nullptr;
   }
   Publication publication{{last_.epoch, last_.n + 1}, {}};
+  Event& event = publication.event;
+  const bool isChanged = EventHelper::ComputeEvent(snapshot_, live, event);
   const std::optional<Time> due = treeDue();
-  const bool fromNothing = live && due && *due <= now;
-  if (!EventHelper::ComputeEvent(fromNothing ? nullptr : snapshot_, live, publication.event)) {
+  const bool isTreeDue = due && *due <= now;
+  const bool isOutgrown = isChanged && sinceTree_ > std::max(treeBytes_, leastBytes_);
+  // A tree that is sent again is the one that the broker took last. So it need not be built anew,
+  // and what has changed since follows as a small event.
+  repeats_ = snapshot_ && live && !(isChanged && isWholeTree(event)) && (isTreeDue || isOutgrown);
+  if (repeats_) {
+    event.Clear();
+    EventHelper::ComputeEvent(nullptr, snapshot_, event);
+  } else if (!isChanged) {
     return nullptr;
   }
-  const bool isOutgrown = sinceTree_ > std::max(treeBytes_, leastBytes_);
-  isByChoice_ = fromNothing && snapshot_;
-  if (isOutgrown && live && !isWholeTree(publication.event)) {
-    isByChoice_ = true;
-    publication.event.Clear();
-    EventHelper::ComputeEvent(nullptr, live, publication.event);
-  }
+  if (isWholeTree(event)) lastTree_ = now;
   // The next snapshot is built from the message and not copied from the live tree, so that it is
   // what receivers have, and what they cannot build is noticed here.
-  if (isWholeTree(publication.event)) {
-    lastTree_ = now;
-    if (!EventHelper::ApplyEvent(publication.event, published_, errorMessage)) return nullptr;
+  if (repeats_) {
+    published_ = snapshot_;
+  } else if (isWholeTree(event) && !EventHelper::ApplyEvent(event, published_, errorMessage)) {
+    return nullptr;
   }
   return &publication_.emplace(std::move(publication));
 }
@@ -98,8 +102,8 @@ void Sender::refused() noexcept {
     snapshot_.reset();
     letGo();
   }
-  // It need not have been a whole tree, and the broker may take what has changed.
-  if (isByChoice_) {
+  // Nothing needs that tree, and the broker may take what has changed.
+  if (repeats_) {
     sinceTree_ = 0;
     owesTree_ = false;
   }

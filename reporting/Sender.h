@@ -21,9 +21,10 @@ namespace orv::reporting {
 /// no input or output and reads no clock: the caller publishes, and says what became of it.
 ///
 /// It also keeps the events that the broker took since the last whole tree, as bytes, for receivers
-/// that missed some. Once they have more bytes than that tree, and than `leastBytes`, the next
-/// event that is due anyway is a whole tree. So at most as many bytes again are sent, and whoever
-/// starts from the whole tree that the broker has kept can be sent all that came after it.
+/// that missed some. Once they have more bytes than that tree, and than `leastBytes`, the tree goes
+/// out again before the next change, as the broker took it last. So at most as many bytes again are
+/// sent, and whoever starts from the whole tree that the broker has kept can be sent all that came
+/// after it.
 ///
 /// One thread at a time uses a sender and the live tree that it is given. n is the number of
 /// devices.
@@ -48,6 +49,10 @@ class ORV_REPORTING_EXPORT Sender {
   /// The event that is on its way, nullptr for none. After `interrupted` it is published again as
   /// it is.
   const Publication* onItsWay() const noexcept { return publication_ ? &*publication_ : nullptr; }
+
+  /// Whether the event that `next` returned last is the tree that the broker took last, once more.
+  /// What has changed since is still to be said.
+  bool repeats() const noexcept { return repeats_; }
 
   /// The broker took the event that is on its way. Returns what that made of the tree that the
   /// broker had taken before; the trees belong to the sender. O(n).
@@ -99,7 +104,7 @@ class ORV_REPORTING_EXPORT Sender {
   Tree published_;  // of a publication with the whole tree: the next snapshot
   std::optional<Time> lastTree_;
   bool owesTree_ = false;
-  bool isByChoice_ = false;  // what is on its way is a whole tree, and need not be
+  bool repeats_ = false;
   std::size_t leastBytes_;
   std::size_t treeBytes_ = 0;  // of the last whole tree that the broker took
   std::size_t sinceTree_ = 0;  // bytes of the events after it

@@ -43,9 +43,15 @@ TEST(Sender, SendsWhatReceiversCanTakeAndSaysWhatNot) {
   ASSERT_NE(sender.next(live, now + 9s, refusal), nullptr);
   EXPECT_EQ(sender.onItsWay()->event.event_type(), Event::STATUS_CHANGE);
   sender.taken();
+  live->setGlobalStatus({{}, "changed since"});
   ASSERT_NE(sender.next(live, now + 10s, refusal), nullptr);
   EXPECT_EQ(sender.onItsWay()->event.event_type(), Event::DEVICE_ADD);
-  sender.taken();
+  EXPECT_TRUE(sender.repeats());
+  const Step repeated = sender.taken();
+  EXPECT_EQ(repeated.after->getGlobalStatus(), GlobalStatus({}, "changed"));
+  ASSERT_NE(sender.next(live, now + 10s, refusal), nullptr);
+  EXPECT_FALSE(sender.repeats());
+  EXPECT_EQ(sender.taken().event.event_type(), Event::STATUS_CHANGE);
   EXPECT_EQ(sender.next(live, now + 60s, refusal), nullptr);
 
   // Two devices of one identifier: receivers take the change for that of the first one, and refuse.
