@@ -29,9 +29,10 @@ std::string textOf(const Message& message) {
   if (topics.listOf(message.topic)) {
     orv::proto::monitoring::RootList list;
     list.ParseFromString(message.payload);
-    std::string text;
+    std::string text = message.payload.empty() ? "no list" : "list";
     for (const auto& root : list.roots()) {
-      if (root.has_held_back()) text += root.root() + " held back: " + root.held_back();
+      text += " " + root.root();
+      if (root.has_held_back()) text += " held back: " + root.held_back();
     }
     return text;
   }
@@ -115,13 +116,14 @@ std::uint64_t Conversation::publish(const Message& message) {
   if (message.isRetained && (isState || isList)) kept[message.topic] = message;
   const std::string text = textOf(message);
   if (!isList) last = message;
-  if (isList && !text.empty() && !hidesStates_) said_.push_back(text);
-  if (isList || (isState && hidesStates_)) {
+  const bool isHidden = (isList && !showsLists_) || (isState && hidesStates_);
+  const bool isHeldBack = isList && !hidesStates_ && text.find("held back") != std::string::npos;
+  if (!isHidden || isHeldBack) said_.push_back(text);
+  if (isHidden) {
     hidden_.push_back(++number_);
-    return number_;
+  } else {
+    open_.emplace_back(++number_, text);
   }
-  said_.push_back(text);
-  open_.emplace_back(++number_, text);
   return number_;
 }
 

@@ -46,6 +46,13 @@ class Conversation : private Link {
     return *this;
   }
 
+  // From now on lists are told, and wait for an answer. Otherwise they are taken at once, and only
+  // what they say is held back is told.
+  Conversation& withLists() {
+    showsLists_ = true;
+    return *this;
+  }
+
   // Notes what the endpoint tells its user.
   void tell(const std::string& line) { said_.push_back(line); }
 
@@ -82,7 +89,8 @@ class Conversation : private Link {
   Time now_{std::chrono::seconds(1000)};
   std::uint64_t number_ = 0;
   bool hidesStates_ = false;
-  std::deque<std::uint64_t> hidden_;                        // states to be taken
+  bool showsLists_ = false;
+  std::deque<std::uint64_t> hidden_;                        // states and lists to be taken
   std::deque<std::pair<std::uint64_t, std::string>> open_;  // the messages without an answer
   std::vector<std::string> said_;
 };

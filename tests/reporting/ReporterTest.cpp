@@ -27,6 +27,20 @@ class ReporterTest : public ::testing::Test {
     return options;
   }
 
+  static Message request(const std::string& root) {
+    orv::proto::monitoring::TreeRequest request;
+    request.add_roots(root);
+    return {"orv/1/request/a", request.SerializeAsString(), false, {}, {}};
+  }
+  static Message request(const std::string& root, const Sequence& have) {
+    orv::proto::monitoring::TreeRequest request;
+    auto& state = *request.add_have();
+    state.set_root(root);
+    state.set_epoch(have.epoch);
+    state.set_n(have.n);
+    return {"orv/1/request/a", request.SerializeAsString(), false, {}, {}};
+  }
+
   const Message ask{"orv/1/request/a", "", false, {}, {}};  // for the state
 
   Reporter reporter{"a", {{}, [this](const auto& problem) { talk.tell(problem.text); }}, options()};
@@ -115,7 +129,7 @@ TEST_F(ReporterTest, SaysWhatItHoldsBack) {
       .expect("state")
       .take()
       .after(4s)
-      .expect("1 held back: no, tree 1")
+      .expect("list 1 held back: no, tree 1")
       .take()
       .after(1s)
       .expect("state");
@@ -135,7 +149,9 @@ TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
   first.takeEach({"tree r"}).hear(ask).after(1s).expect("state");
   EXPECT_EQ(second.last.sequence, Sequence::parse(second.last.sequence)->text());
   const std::string sequence = second.last.sequence;
-  second.kept = first.kept;
+  EXPECT_TRUE(after.isSettled());
+  after.received(first.kept.at("orv/1/state/a"), {});
+  EXPECT_FALSE(after.isSettled());
   second.cut().connect().expect("state, tree r");
   EXPECT_EQ(Sequence::parse(second.last.sequence)->n, 1U);
   EXPECT_NE(second.last.sequence, sequence);
@@ -146,23 +162,16 @@ TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
 
 TEST_F(ReporterTest, ClearsATreeThatItDoesNotHave) {
   changeAll(0, 1);
-  orv::proto::monitoring::TreeRequest request;
-  request.add_roots("gone");
-  const Message askFor = {"orv/1/request/a", request.SerializeAsString(), false, {}, {}};
-  talk.withoutStates().connect().takeEach({"tree 0-1"}).hear(askFor).takeEach({"no tree gone"});
-  talk.hear(askFor).expect("no tree gone").refuse("not allowed");
+  talk.withoutStates().connect().takeEach({"tree 0-1"});
+  talk.hear(request("gone")).takeEach({"no tree gone"});
+  talk.hear(request("gone")).expect("no tree gone").refuse("not allowed");
   talk.expect("The broker refuses gone: not allowed").after(3600s).expect("");
   EXPECT_TRUE(reporter.isSettled()) << "and leaves it alone";
 }
 
 TEST_F(ReporterTest, SendsAgainWhatACollectorLacks) {
   const auto askAfter = [this](std::uint64_t epoch, std::uint64_t n) {
-    orv::proto::monitoring::TreeRequest request;
-    auto& have = *request.add_have();
-    have.set_root("0");
-    have.set_epoch(epoch);
-    have.set_n(n);
-    talk.hear({"orv/1/request/a", request.SerializeAsString(), false, {}, {}});
+    talk.hear(request("0", {epoch, n}));
   };
   changeAll(0, 0);
   talk.withoutStates().connect().takeEach({"tree 0"});
@@ -198,14 +207,9 @@ TEST_F(ReporterTest, SendsAgainWhatACollectorLacks) {
     large.report(tree);
     other.takeEach({"change 0"});
   }
-  orv::proto::monitoring::TreeRequest request;
-  auto& have = *request.add_have();
-  have.set_root("0");
-  have.set_epoch(Sequence::parse(other.last.sequence)->epoch);
-  have.set_n(1);
   tree->setGlobalStatus({{}, "new"});
   large.report(tree);
-  other.hear({"orv/1/request/a", request.SerializeAsString(), false, {}, {}});
+  other.hear(request("0", {Sequence::parse(other.last.sequence)->epoch, 1}));
   other.takeEach({"change 0, change 0, change 0", "change 0, change 0, change 0"});
   // As many bytes again as the tree has: it goes out in place of the next change.
   int changesInARow = 0;
@@ -218,15 +222,125 @@ TEST_F(ReporterTest, SendsAgainWhatACollectorLacks) {
   EXPECT_EQ(changesInARow, 5);
 }
 
+TEST_F(ReporterTest, KeepsAsManyEventsAsItMay) {
+  ReporterOptions keeping = options();
+  keeping.mostKept = 4 * sizeof(std::string);
+  Reporter two("a", {}, keeping);
+  Conversation other(two);
+  other.withoutStates().connect();
+  const auto send = [&](const std::string& id, const std::string& what) {
+    const Tree tree = nodes::node(id);
+    tree->setGlobalStatus({{}, std::to_string(++changes)});
+    two.report(tree);
+    other.takeEach({what + id});
+    return *Sequence::parse(other.last.sequence);
+  };
+  const Sequence r = send("r", "tree ");
+  const Sequence s = send("s", "tree ");
+  for (const char* const id : {"r", "s", "r"}) send(id, "change ");
+  other.hear(request("r", r)).hear(request("s", s)).expect("change s").take();
+  other.after(10s).takeEach({"tree r"});
+  two.remove("s");
+  other.takeEach({"removal s", "no tree s"});
+  const Sequence later = send("r", "change ");
+  send("r", "change ");
+  other.hear(request("r", later)).expect("change r");
+}
+
 TEST_F(ReporterTest, SendsTheTreesAgainThatTheBrokerHasLost) {
   changeAll(0, 1);
   talk.connect().takeEach({"state, tree 0-1"}).after(60s).cut().connect().takeEach({"state"});
-  talk.after(60s).expect("");
-  talk.kept.clear();
-  talk.cut().connect().takeEach({"state"});
-  Message echo = talk.last;
-  echo.isRetained = false;
-  talk.hear(echo).after(1s).takeEach({"tree 0-1, state"});
+  const auto echo = [this] {
+    Message state = talk.last;
+    state.isRetained = false;
+    return state;
+  };
+  talk.hear(echo()).after(60s).expect("");
+  change(1, "refused");
+  talk.expect("change 1").refuse("no").takeEach({"The broker refuses 1: no, state"});
+  talk.expect("list 1 held back: no").kept.clear();
+  talk.cut().connect().takeEach({"state"}).hear(echo()).after(1s);
+  talk.takeEach({"tree 0, state"}).after(4s).takeEach({"list 1 held back: no, tree 1"});
+}
+
+// A broker may not keep lists, or not take one. Events get out meanwhile.
+TEST_F(ReporterTest, WaitsWithListsThatEndConnections) {
+  changeAll(0, 0);
+  talk.withLists().connect().expect("state, tree 0").take().expect("list 0").refuse("no");
+  talk.expect("The broker refuses a list of the roots of a: no");
+  talk.hear(ask).after(1s).takeEach({"state"}).expect("list 0").cut();
+  talk.connect().takeEach({"state"}).expect("list 0").cut();
+  talk.expect("The broker refuses a list of the roots of a: It ends the connection");
+  for (const auto pause : {5s, 10s}) {
+    changeAll(0, 0);
+    talk.connect().takeEach({"state, change 0"}).after(pause - 1ms).expect("");
+    talk.after(1ms).expect("list 0").cut();
+  }
+}
+
+TEST_F(ReporterTest, SaysWhereItsRootsAre) {
+  const auto parts = [this] {
+    orv::proto::monitoring::ReporterState state;
+    state.ParseFromString(talk.last.payload);
+    state.clear_version();
+    return state.SerializeAsString();
+  };
+  changeAll(0, 0);
+  talk.connect().takeEach({"state, tree 0"}).hear(ask).after(1s).takeEach({"state"});
+  const std::string before = parts();
+  changeAll(0, 0);
+  talk.expect("change 0").hear(ask).after(1s).expect("state");
+  const std::string onItsWay = parts();
+  EXPECT_NE(onItsWay, before) << "collectors have what is on its way before they have the state";
+  talk.take().hear(ask).after(1s).expect("state");
+  EXPECT_EQ(parts(), onItsWay);
+}
+
+TEST_F(ReporterTest, ClearsWhatAnEarlierProcessLeft) {
+  const auto list = [](std::uint64_t start, const std::string& root) {
+    orv::proto::monitoring::RootList roots;
+    roots.set_start(start);
+    roots.add_roots()->set_root(root);
+    return Message{"orv/1/roots/7/a", roots.SerializeAsString(), true, {}, {}};
+  };
+  const auto will = [](std::uint64_t start) {
+    orv::proto::monitoring::ReporterState state;
+    state.set_start(start);
+    return Message{"orv/1/gone/a", state.SerializeAsString(), false, {}, {}};
+  };
+  talk.withLists().connect().takeEach({"state"});
+  talk.hear(list(1, "r")).expect("").hear(will(2)).expect("");
+  talk.hear(will(1)).takeEach({"no tree r"}).after(1s).takeEach({"state", "no list"});
+  talk.hear(list(1, "s")).takeEach({"no tree s"}).after(1s).takeEach({"state", "no list"});
+  // It may end without a word.
+  talk.hear(list(3, "t")).after(90s).hear(ask).after(1s).takeEach({"state"});
+  talk.after(10s).hear(ask).takeEach({"state, no tree t", "no list"});
+}
+
+TEST_F(ReporterTest, AnswersRequestsForTreesButNotWithoutEnd) {
+  changeAll(0, 0);
+  talk.connect().takeEach({"state, tree 0"}).hear(request("0")).after(9s).hear(request("0"));
+  talk.expect("").after(1s).takeEach({"tree 0"}).hear(request("0")).after(10s).takeEach({"tree 0"});
+  EXPECT_EQ(reporter.counters().requests, 3U);
+  talk.after(600s).hear(request("0")).takeEach({"tree 0"}).hear(request("0")).after(10s);
+  talk.takeEach({"tree 0"}).hear(request("0")).after(10s).takeEach({"tree 0"});
+  talk.hear(request("0"))
+      .expect(
+          "The tree of 0 was sent 3 times, and somebody still asks for it: is there a bridge "
+          "without "
+          "MQTT 5?")
+      .after(10s)
+      .takeEach({"tree 0"})
+      .hear(request("0"))
+      .after(10s)
+      .takeEach({"tree 0"});
+  talk.hear({"orv/1/request/a", "?", false, {}, {}}).expect("A request to a cannot be read");
+  // What is refused waits for its time, whoever asks.
+  talk.withoutStates();
+  change(0, "refused");
+  talk.expect("change 0").refuse("no").expect("The broker refuses 0: no");
+  for (const auto pause : {5s, 10s}) talk.after(pause).expect("change 0").refuse("no");
+  talk.hear(request("0")).after(20s - 1ms).expect("").after(1ms).takeEach({"tree 0"});
 }
 
 }  // namespace
