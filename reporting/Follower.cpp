@@ -51,7 +51,6 @@ Follower::Outcome Follower::take(const Sequence& sequence, const Event& event,
   if (isWholeTree(event) || isRemoval) isLost_ = false;
   tree_ = std::move(tree);
   sequence_ = sequence;
-  highest_ = std::max(highest_, sequence.n);
   return Outcome::APPLIED;
 }
 
@@ -64,7 +63,7 @@ void Follower::reported(const Sequence& latest, bool isOfNow) noexcept {
   }
   // Anyone who may publish can send an event with a high n, which nothing will ever follow. And an
   // event that the broker refused leaves its number to another one.
-  if (isOfNow && isOfEpoch(latest)) highest_ = std::max(sequence_.n, std::min(highest_, latest.n));
+  if (isOfNow && isOfEpoch(latest)) highest_ = std::min(highest_, latest.n);
 }
 
 void Follower::miss() noexcept {
@@ -73,7 +72,6 @@ void Follower::miss() noexcept {
 
 void Follower::distrust() noexcept {
   sequence_ = {};
-  highest_ = doubted_ = 0;
   reported_.reset();
 }
 
@@ -81,7 +79,6 @@ void Follower::resume(Tree tree, const Sequence& sequence) {
   leaveEpoch();
   tree_ = std::move(tree);
   sequence_ = sequence;
-  highest_ = sequence.n;
 }
 
 bool Follower::canCatchUp() const noexcept {
@@ -119,7 +116,7 @@ void Follower::leaveEpoch() {
     if (left_.size() > MOST_EPOCHS_LEFT) left_.pop_front();
   }
   sequence_ = {};
-  highest_ = 0;
+  highest_ = doubted_ = 0;
   isLost_ = false;
 }
 

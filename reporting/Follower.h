@@ -98,7 +98,7 @@ class ORV_REPORTING_EXPORT Follower {
   std::string root_;
   Tree tree_;
   Sequence sequence_;
-  std::uint64_t highest_ = 0;  // n of the epoch's events that arrived
+  std::uint64_t highest_ = 0;  // n of the epoch's events that arrived and could not be applied then
   bool isLost_ = false;
   std::uint64_t doubted_ =
       0;  // n of the tree when the reporter's word was behind it; 0: it was not
