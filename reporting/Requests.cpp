@@ -9,7 +9,7 @@ namespace {
 using std::chrono::milliseconds;
 
 // What is due at about the same time is due together, so that the roots of one reporter are asked
-// for by few messages.
+// for by few messages. What has no patience is not held up for that.
 constexpr milliseconds grainAtFirst(10);
 constexpr milliseconds grainAgain(100);
 constexpr milliseconds longestWait = std::chrono::seconds(10);
@@ -36,7 +36,8 @@ void Requests::need(const std::string& id, Time now, milliseconds patience, std:
   }
   needed.patience = patience;
   std::uniform_int_distribution<milliseconds::rep> wait(0, patience.count());
-  agenda_.at(id, roundUp(now + milliseconds(wait(random)), grainAtFirst));
+  const Time due = now + milliseconds(wait(random));
+  agenda_.at(id, patience == milliseconds(0) ? due : roundUp(due, grainAtFirst));
 }
 
 void Requests::drop(const std::string& id) {
