@@ -21,8 +21,9 @@ struct ReporterOptions {
   /// The shortest time between two whole trees of one root that collectors asked for.
   std::chrono::milliseconds treePause = std::chrono::seconds(10);
   /// How much memory the events may take that are kept for collectors which missed some, for all
-  /// roots together, in bytes. A root's are up to the size of its tree, or `leastKept`. A root
-  /// whose event does not fit any more lets go of its own, and is sent whole when somebody asks.
+  /// roots together, in bytes. A root's are up to 1.5 times the size of its tree, or `leastKept`.
+  /// A root whose event does not fit any more lets go of its own, and is sent whole when somebody
+  /// asks.
   std::size_t mostKept = 64'000'000;
   std::size_t leastKept = 4'000;
   /// What all random numbers follow from, for tests; otherwise the system's randomness.

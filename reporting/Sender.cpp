@@ -5,6 +5,7 @@
 
 #include "device_tree/Utils.h"
 #include "device_tree/Walk.h"
+#include "reporting/Mark.h"
 
 namespace orv::reporting {
 
@@ -38,7 +39,7 @@ const Publication* Sender::next(const Tree& live, Time now, std::string& errorMe
   const bool isChanged = EventHelper::ComputeEvent(snapshot_, live, event);
   const std::optional<Time> due = treeDue();
   const bool isTreeDue = due && *due <= now;
-  const bool isOutgrown = isChanged && sinceTree_ > std::max(treeBytes_, leastBytes_);
+  const bool isOutgrown = isChanged && sinceTree_ > outgrownAt_;
   // A tree that is sent again is the one that the broker took last. So it need not be built anew,
   // and what has changed since follows as a small event.
   repeats_ = snapshot_ && live && !(isChanged && isWholeTree(event)) && (isTreeDue || isOutgrown);
@@ -115,7 +116,9 @@ void Sender::refused() noexcept {
 void Sender::keep(const Event& event) {
   if (event.event_type() != Event::STATUS_CHANGE) {
     letGo();
-    treeBytes_ = event.ByteSizeLong();
+    // Roots that change at one pace must not all send their trees at one time.
+    const std::size_t least = std::max(event.ByteSizeLong(), leastBytes_);
+    outgrownAt_ = least + markOf(0, last_) % (least / 2 + 1);
     sinceTree_ = 0;
     return;
   }

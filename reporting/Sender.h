@@ -21,10 +21,10 @@ namespace orv::reporting {
 /// no input or output and reads no clock: the caller publishes, and says what became of it.
 ///
 /// It also keeps the events that the broker took since the last whole tree, as bytes, for receivers
-/// that missed some. Once they have more bytes than that tree, and than `leastBytes`, the tree goes
-/// out again before the next change, as the broker took it last. So at most as many bytes again are
-/// sent, and whoever starts from the whole tree that the broker has kept can be sent all that came
-/// after it.
+/// that missed some. Once they have more bytes than that tree, and than `leastBytes`, or up to half
+/// as many again, drawn at random, the tree goes out again before the next change, as the broker
+/// took it last. So at most as many bytes again are sent, and whoever starts from the whole tree
+/// that the broker has kept can be sent all that came after it.
 ///
 /// One thread at a time uses a sender and the live tree that it is given. n is the number of
 /// devices.
@@ -106,8 +106,8 @@ class ORV_REPORTING_EXPORT Sender {
   bool owesTree_ = false;
   bool repeats_ = false;
   std::size_t leastBytes_;
-  std::size_t treeBytes_ = 0;  // of the last whole tree that the broker took
-  std::size_t sinceTree_ = 0;  // bytes of the events after it
+  std::size_t sinceTree_ = 0;   // bytes of the events after the last whole tree
+  std::size_t outgrownAt_ = 0;  // as many are too many
   std::vector<std::string> kept_;
   std::size_t keptBytes_ = 0;
 };

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "reporting/Sender.h"
 #include "tests/Nodes.h"
 
@@ -92,6 +94,25 @@ TEST(Sender, KeepsNothingThatAReceiverMustNotBuildOn) {
   EXPECT_GT(sender.keptBytes(), 0U);
   sender.restart(9);
   EXPECT_TRUE(sender.kept().empty() && sender.keptBytes() == 0);
+}
+
+// As many bytes again as the tree has, or as are kept at least.
+TEST(Sender, SendsTheTreeAgainAfterManyEventsAndNotThoseOfAllRootsAtOnce) {
+  std::string refusal;
+  std::map<int, int> roots;  // by the number of events of a kilobyte
+  for (std::uint64_t epoch = 1; epoch <= 100; ++epoch) {
+    const Tree live = node("r");
+    Sender sender(epoch, 10s, 4'000);
+    int events = -1;  // the first one is the tree
+    do {
+      live->setGlobalStatus({{}, std::string(1'000, static_cast<char>('a' + ++events))});
+      ASSERT_NE(sender.next(live, Time(1000s), refusal), nullptr);
+    } while (!isWholeTree(sender.taken().event) || events == 0);
+    ++roots[events];
+  }
+  EXPECT_EQ(roots.begin()->first, 5);
+  EXPECT_EQ(roots.rbegin()->first, 7);
+  for (const auto& [events, count] : roots) EXPECT_LT(count, 80);
 }
 
 }  // namespace
