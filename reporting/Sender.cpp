@@ -44,7 +44,6 @@ const Publication* Sender::next(const Tree& live, Time now, std::string& errorMe
   // and what has changed since follows as a small event.
   repeats_ = snapshot_ && live && !(isChanged && isWholeTree(event)) && (isTreeDue || isOutgrown);
   if (repeats_) {
-    event.Clear();
     EventHelper::ComputeEvent(nullptr, snapshot_, event);
   } else if (!isChanged) {
     return nullptr;

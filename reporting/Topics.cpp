@@ -132,9 +132,8 @@ std::string Topics::rootsOf(unsigned int partition) const {
 std::string Topics::rootsOf(const std::string& name) const { return roots_ + "+/" + encode(name); }
 
 std::optional<std::string> Topics::rootOf(const std::string& topic) const {
-  const std::size_t slash = topic.rfind('/');
-  if (!startsWith(topic, events_) || slash < events_.size()) return std::nullopt;
-  std::optional<std::string> root = decode(topic.substr(slash + 1));
+  if (!startsWith(topic, events_)) return std::nullopt;
+  std::optional<std::string> root = decode(topic.substr(topic.rfind('/') + 1));
   if (!root || event(*root) != topic) return std::nullopt;
   return root;
 }

@@ -87,13 +87,51 @@ TEST(Sender, KeepsNothingThatAReceiverMustNotBuildOn) {
   sender.interrupted();
   sender.refused();
   EXPECT_EQ(sender.lackedAfter({7, 3}), std::nullopt);
-  EXPECT_EQ(send("d"), Event::DEVICE_ADD);
+  for (int i = 0; i < 2; ++i, sender.refused()) {
+    EXPECT_EQ(send("d"), Event::DEVICE_ADD);
+    EXPECT_EQ(sender.onItsWay()->sequence.n, 5U);
+  }
+  send("d");
   sender.taken();
   send("e");
   sender.taken();
   EXPECT_GT(sender.keptBytes(), 0U);
+  send("f");
+  sender.interrupted();
+  sender.requestTree();
   sender.restart(9);
-  EXPECT_TRUE(sender.kept().empty() && sender.keptBytes() == 0);
+  EXPECT_TRUE(sender.kept().empty() && sender.keptBytes() == 0 && !sender.treeDue());
+  for (int i = 0; i < 2; ++i, sender.refused()) {
+    EXPECT_EQ(send("g"), Event::DEVICE_ADD);
+    EXPECT_EQ(sender.onItsWay()->sequence, (Sequence{9, 1}));
+  }
+}
+
+TEST(Sender, RepeatsNoTreeThatTheBrokerRefuses) {
+  std::string refusal = "an old one";
+  Tree live = node("r");
+  Sender sender(7, 10s);
+  const auto send = [&](const std::string& text, Time now) {
+    live->setGlobalStatus({{}, text});
+    const Publication* const publication = sender.next(live, now, refusal);
+    return publication != nullptr && publication->event.event_type() == Event::DEVICE_ADD;
+  };
+  EXPECT_TRUE(send("a", Time(1s)));
+  EXPECT_EQ(refusal, "");
+  EXPECT_EQ(sender.taken().after->getGlobalStatus(), GlobalStatus({}, "a"));
+  sender.requestTree();
+  EXPECT_TRUE(send("a", Time(11s)));
+  sender.refused();
+  EXPECT_FALSE(sender.treeDue() || sender.next(live, Time(21s), refusal));
+  std::string text(1000, 'x');
+  for (; !send(text, Time(21s)); text.back() ^= 1) sender.taken();
+  sender.refused();
+  EXPECT_FALSE(send(text, Time(21s)));
+  live = nullptr;
+  sender.taken();
+  sender.requestTree();
+  ASSERT_NE(sender.next(live, Time(99s), refusal), nullptr);
+  EXPECT_EQ(sender.taken().event.event_type(), Event::DEVICE_REMOVE);
 }
 
 // As many bytes again as the tree has, or as are kept at least.

@@ -15,7 +15,16 @@ TEST(Topics, CarryEveryRootAndNothingElse) {
   EXPECT_EQ(topics.event("a"), "orv/1/event/140/a");
   const std::string odd = std::string("\x00/+#%\x7f", 6) + "\xc2\x85\xff\xef\xbf\xbf";
   EXPECT_EQ(topics.state(odd), "orv/1/state/%00%2F%2B%23%25%7F%C2%85%FF%EF%BF%BF");
-  EXPECT_EQ(topics.request("pump \xc3\xa4 $"), "orv/1/request/pump \xc3\xa4 $");
+  // Overlong, cut off, a surrogate, a noncharacter and above all characters.
+  EXPECT_EQ(
+      topics.state("\xc1\xbf\xe0\x9f\xbf\xe2\x82\xed\xa0\x80\xef\xb7\x90\xf4\x90\x80\x80\xf5"),
+      "orv/1/state/%C1%BF%E0%9F%BF%E2%82%ED%A0%80%EF%B7%90%F4%90%80%80%F5");
+  // The lowest and the highest of each size.
+  const std::string plain =
+      " !\"$&'()*,-.0123456789:;<=>?@AZ[\\]^_`abcdefghijklmnopqrstuvwxyz{|}~\xc2\xa0\xdf\xbf"
+      "\xe0\xa0\x80\xed\x9f\xbf\xee\x80\x80\xef\xb7\x8f\xef\xb7\xb0\xef\xbf\xbd\xf0\x90\x80\x80"
+      "\xf4\x8f\xbf\xbd";
+  EXPECT_EQ(topics.request(plain), "orv/1/request/" + plain);
   for (const std::string& id : {std::string(), odd, std::string("%"), std::string("a/b")}) {
     EXPECT_EQ(topics.rootOf(topics.event(id)), id);
     EXPECT_EQ(topics.reporterOf(topics.state(id)), id);
@@ -24,8 +33,8 @@ TEST(Topics, CarryEveryRootAndNothingElse) {
   }
   for (const char* topic :
        {"orv/1/event/141/a", "orv/1/event/140/%61", "orv/1/event/a", "orv/1/event/",
-        "orv/1/event/140/a/", "orv/1/state/%2f", "orv/1/state/a%", "x", "orv/1/roots/1024/a",
-        "orv/1/roots/01/a", "orv/1/roots/a", "orv/1/roots//a"}) {
+        "orv/1/event/140/a/", "orv/1/state/%2f", "orv/1/state/a%", "orv/1/state/a%2", "x",
+        "orv/1/roots/1024/a", "orv/1/roots/01/a", "orv/1/roots/a", "orv/1/roots//a"}) {
     EXPECT_FALSE(topics.rootOf(topic) || topics.reporterOf(topic) || topics.listOf(topic)) << topic;
   }
   for (const char* prefix : {"", "a/+", "#", "$SYS", "a\n"}) {
