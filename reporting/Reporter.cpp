@@ -326,9 +326,7 @@ void Reporter::Core::refuse(const std::string& id, const std::string& reason) {
 }
 
 void Reporter::Core::erase(const std::string& id) {
-  Root& root = roots_.at(id);
-  root.sender.letGo();
-  countKept(root);
+  kept_ -= roots_.at(id).kept;
   agenda_.drop(id);
   resends_.drop(id);
   roots_.erase(id);
@@ -673,7 +671,6 @@ void Reporter::Core::beginAnew() {
   roster_.oweAll();
   for (auto& [id, root] : roots_) {
     root.sender.restart(random_());
-    countKept(root);
     resends_.drop(id);
     root.resendAfter.reset();
     root.isChanged = true;

@@ -49,8 +49,7 @@ void Roster::owe(unsigned int partition) {
 
 bool Roster::repeat(unsigned int partition) {
   const auto part = parts_.find(partition);
-  const bool isAnnounced = part != parts_.end() && part->second.version > 0 &&
-                           !part->second.roots.empty() && owed_.count(partition) == 0;
+  const bool isAnnounced = part != parts_.end() && owed_.count(partition) == 0;
   if (!isAnnounced || part->second.isRepeated) return false;
   part->second.isRepeated = true;
   announced_.insert(partition);

@@ -55,7 +55,10 @@ TEST_F(FollowerTest, IsCurrentWhenNothingIsMissing) {
 }
 
 TEST_F(FollowerTest, BelievesItsReporter) {
-  for (const std::uint64_t n : {1U, 2U, 3U, 4U}) takeTree({1, n});
+  takeTree({1, 1});
+  follower.reported({1, 0}, true);
+  EXPECT_TRUE(follower.isCurrent());
+  takeTree({1, 4});
   take({1, 9}, change);
   follower.reported({1, 6}, false);
   follower.reported({1, 9}, true);

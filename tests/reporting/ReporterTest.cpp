@@ -158,6 +158,13 @@ TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
   talk.expect("This process was set back in time, or copied: all trees are sent anew");
   second.take().cut().connect().takeEach({"state"});
   talk.expect("");
+  // Its lists say so as well.
+  orv::proto::monitoring::RootList list;
+  list.ParseFromString(second.kept.at("orv/1/roots/213/a").payload);
+  list.set_version(99);
+  second.hear({"orv/1/roots/213/a", list.SerializeAsString(), false, {}, {}});
+  second.takeEach({"state, tree r"});
+  talk.expect("This process was set back in time, or copied: all trees are sent anew");
 }
 
 TEST_F(ReporterTest, ClearsATreeThatItDoesNotHave) {
@@ -231,8 +238,13 @@ TEST_F(ReporterTest, KeepsAsManyEventsAsItMay) {
   for (const char* const id : {"r", "s", "r"}) send(id, "change ");
   other.hear(request("r", r)).hear(request("s", s)).expect("change s").take();
   other.after(10s).takeEach({"tree r"});
+  // What was kept of a root that is gone takes no room.
+  const Tree tree = nodes::node("s");
+  tree->setGlobalStatus({{}, "refused"});
+  two.report(tree);
+  other.expect("change s").cut().connect().after(1s).expect("change s").refuse("no");
   two.remove("s");
-  other.takeEach({"removal s", "no tree s"});
+  other.after(5s).takeEach({"no tree s"});
   const Sequence later = send("r", "change ");
   send("r", "change ");
   other.hear(request("r", later)).expect("change r");
@@ -247,26 +259,32 @@ TEST_F(ReporterTest, SendsTheTreesAgainThatTheBrokerHasLost) {
     return state;
   };
   talk.hear(echo()).after(60s).expect("");
-  change(1, "refused");
-  talk.expect("change 1").refuse("no").takeEach({"The broker refuses 1: no, state"});
-  talk.expect("list 1 held back: no").kept.clear();
+  change(0, "refused");
+  talk.expect("change 0").refuse("no").takeEach({"The broker refuses 0: no, state"});
+  talk.expect("list 0 held back: no").kept.clear();
   talk.cut().connect().takeEach({"state"}).hear(echo()).after(1s);
-  talk.takeEach({"tree 0, state"}).after(4s).takeEach({"list 1 held back: no, tree 1"});
+  talk.takeEach({"tree 1, state"}).after(4s).takeEach({"list 0 held back: no, tree 0"});
 }
 
 // A broker may not keep lists, or not take one. Events get out meanwhile.
 TEST_F(ReporterTest, WaitsWithListsThatEndConnections) {
-  changeAll(0, 0);
-  talk.withLists().connect().expect("state, tree 0").take().expect("list 0").refuse("no");
-  talk.expect("The broker refuses a list of the roots of a: no");
-  talk.hear(ask).after(1s).takeEach({"state"}).expect("list 0").cut();
-  talk.connect().takeEach({"state"}).expect("list 0").cut();
+  changeAll(0, 1);
+  talk.withLists().connect().expect("state, tree 0-1").take().expect("list 0-1").cut();
+  talk.connect().takeEach({"state"}).expect("list 0-1").take("list 0").cut();
+  changeAll(0, 1);
+  talk.connect().expect("state, change 0-1").take("state").expect("list 1").cut();
+  talk.connect().expect("state, change 0").take().expect("list 1, change 1").take("change 1").cut();
+  talk.connect().takeEach({"state"}).expect("list 1").cut();
   talk.expect("The broker refuses a list of the roots of a: It ends the connection");
   for (const auto pause : {5s, 10s}) {
     changeAll(0, 0);
     talk.connect().takeEach({"state, change 0"}).after(pause - 1ms).expect("");
-    talk.after(1ms).expect("list 0").cut();
+    talk.after(1ms).expect("list 1").cut();
   }
+  talk.connect().after(20s).takeEach({"state"}).expect("list 1").refuse("no");
+  talk.expect("The broker refuses a list of the roots of a: no");
+  talk.hear(ask).takeEach({"state"}).expect("list 1").cut();
+  talk.connect().takeEach({"state"}).expect("list 1");
 }
 
 TEST_F(ReporterTest, SaysWhereItsRootsAre) {
@@ -313,7 +331,7 @@ TEST_F(ReporterTest, AnswersRequestsForTreesButNotWithoutEnd) {
   talk.connect().takeEach({"state, tree 0"}).hear(request("0")).after(9s).hear(request("0"));
   talk.expect("").after(1s).takeEach({"tree 0"}).hear(request("0")).after(10s).takeEach({"tree 0"});
   EXPECT_EQ(reporter.counters().requests, 3U);
-  talk.after(600s).hear(request("0")).takeEach({"tree 0"}).hear(request("0")).after(10s);
+  talk.after(590s).hear(request("0")).takeEach({"tree 0"}).hear(request("0")).after(10s);
   talk.takeEach({"tree 0"}).hear(request("0")).after(10s).takeEach({"tree 0"});
   talk.hear(request("0"))
       .expect(

@@ -83,6 +83,12 @@ TEST_F(RosterTest, RepeatsWhatTheLastStateAnnouncedOnceUntilTheNext) {
   EXPECT_EQ(lists(), "");
   EXPECT_EQ(announced(), "a 1.1 held full, v2");
   EXPECT_TRUE(roster.repeat(ofA));
+  roster.drop("a");
+  version = roster.announce(version);
+  roster.owe(ofA);
+  EXPECT_EQ(lists(), "nothing");
+  EXPECT_EQ(announced(), "nothing") << "somebody has asked for it meanwhile";
+  EXPECT_FALSE(roster.repeat(ofA));
 }
 
 TEST_F(RosterTest, OwesWhatTheBrokerIsNotFoundToKeep) {
