@@ -77,7 +77,6 @@ bool Roster::oweDoubted() {
   for (auto& [partition, part] : parts_) {
     isAny = isAny || part.isDoubted;
     if (part.isDoubted) owed_.insert(partition);
-    part.isDoubted = false;
   }
   return isAny;
 }

@@ -108,12 +108,18 @@ TEST_F(FollowerTest, KnowsTheEpochsThatItHasLeft) {
   follower.forget();
   EXPECT_EQ(takeTree({5, 4}), Outcome::OLD) << "what is late does not bring it back";
   EXPECT_FALSE(follower.tree() || follower.isBehind() || follower.isCurrent());
-  take({6, 1}, change);
+  EXPECT_EQ(take({77, 1}, change), Outcome::GAP);
   follower.resume(node("r"), {7, 3});
   EXPECT_TRUE(follower.isCurrent() && follower.canCatchUp());
   EXPECT_EQ(take({7, 4}, change), Outcome::APPLIED);
   follower.reported({8, 0}, true);
   EXPECT_TRUE(follower.isAwaited() && !follower.canCatchUp());
+  // Two that take turns are two.
+  for (std::uint64_t i = 0; i < 20; ++i) {
+    follower.reported({i % 2, 1}, true);
+    EXPECT_EQ(takeTree({i % 2, 1}), Outcome::APPLIED);
+  }
+  EXPECT_TRUE(follower.isOld({7, 5}));
 }
 
 TEST_F(FollowerTest, TakesOnlyAWholeTreeWhereNumbersAreUsedAgain) {
