@@ -108,7 +108,7 @@ class Reporter::Core {
   void beginAnew();
   void renewTrees(Time now);
   void tellRefusal(const std::string& what, const std::string& reason);
-  void relist(const std::string& id);
+  void relist(const std::string& id, const Root& root);
   void publishState(bool isOnline);
   void publishLists(std::size_t most);
   void noteGone(std::uint64_t start);
@@ -183,9 +183,9 @@ void Reporter::Core::awaitTreeDue(const std::string& id, const Root& root) {
 void Reporter::Core::report(const Tree& live) {
   if (!live) throw std::invalid_argument("A reporter needs a tree; remove() takes one away");
   Root& root = takeUp(live->getDeviceId());
-  root.live = live;
+  const bool isThere = std::exchange(root.live, live) != nullptr;
   root.isChanged = true;
-  relist(live->getDeviceId());
+  if (!isThere) relist(live->getDeviceId(), root);
   queue(live->getDeviceId());
 }
 
@@ -303,7 +303,6 @@ void Reporter::Core::taken(const std::string& id) {
   } else if (!root.live) {  // the broker has forgotten the tree
     return erase(id);
   }
-  relist(id);
   // What has changed since that event was made goes out as one.
   if (root.isChanged || !root.live || root.resendAfter) queue(id);
   awaitTreeDue(id, root);
@@ -315,7 +314,7 @@ void Reporter::Core::refuse(const std::string& id, const std::string& reason) {
   agenda_.drop(id);
   root.sender.refused();
   root.isChanged = true;
-  relist(id);
+  relist(id, root);
   ++counters_.refusals;
   hold(id, root, Problem::Kind::REFUSED, reason);
   // What an earlier process left, and this one may not clear, is left alone.
@@ -330,7 +329,7 @@ void Reporter::Core::erase(const std::string& id) {
   agenda_.drop(id);
   resends_.drop(id);
   roots_.erase(id);
-  relist(id);
+  if (roster_.drop(id)) saySoon();
 }
 
 // Of the root whose event is one too many for all of them, as any other choice would need a look at
@@ -346,7 +345,7 @@ void Reporter::Core::hold(const std::string& id, Root& root, Problem::Kind kind,
                           const std::string& reason) {
   if (reason == root.problem) return;
   root.problem = reason;
-  relist(id);
+  relist(id, root);
   const bool isRefused = kind == Problem::Kind::REFUSED;
   const std::string what = isRefused ? "The broker refuses " : "Cannot report ";
   complain({kind, id, reason, what + id + ": " + reason});
@@ -355,22 +354,17 @@ void Reporter::Core::hold(const std::string& id, Root& root, Problem::Kind kind,
 void Reporter::Core::release(const std::string& id, Root& root) {
   if (root.problem.empty()) return;
   root.problem.clear();
-  relist(id);
+  relist(id, root);
 }
 
 // A root that is there only to be cleared is not listed.
-void Reporter::Core::relist(const std::string& id) {
-  const auto entry = roots_.find(id);
-  const Publication* const onItsWay =
-      entry == roots_.end() ? nullptr : entry->second.sender.onItsWay();
-  bool isOwed = false;
-  if (entry == roots_.end() ||
-      (!entry->second.live && entry->second.sender.last().n == 0 && onItsWay == nullptr)) {
-    isOwed = roster_.drop(id);
-  } else {
-    const Sequence& last = entry->second.sender.last();
-    isOwed = roster_.put(id, onItsWay ? onItsWay->sequence : last, entry->second.problem);
-  }
+void Reporter::Core::relist(const std::string& id, const Root& root) {
+  const Publication* const onItsWay = root.sender.onItsWay();
+  const Sequence& last = root.sender.last();
+  const bool isListed = root.live || last.n > 0 || onItsWay != nullptr;
+  const bool isOwed =
+      isListed ? roster_.put(id, onItsWay != nullptr ? onItsWay->sequence : last, root.problem)
+               : roster_.drop(id);
   if (isOwed) saySoon();
 }
 
@@ -479,7 +473,7 @@ std::size_t Reporter::Core::publishNext(const std::string& id, Time now) {
     flights_.trust(id);
   } else if (publication != nullptr || !root.live) {
     flights_.goes(link_->publish(message), id, message.payload.size());
-    relist(id);
+    relist(id, root);
   } else {
     release(id, root);
     flights_.trust(id);
@@ -675,7 +669,7 @@ void Reporter::Core::beginAnew() {
     root.resendAfter.reset();
     root.isChanged = true;
     agenda_.drop(id);
-    relist(id);
+    relist(id, root);
     queue(id);
   }
   clearLeft(*gone_);
