@@ -113,7 +113,7 @@ void Follower::leaveEpoch() {
   if (sequence_.n > 0) {
     left_.erase(std::remove(left_.begin(), left_.end(), sequence_.epoch), left_.end());
     left_.push_back(sequence_.epoch);
-    if (left_.size() > MOST_EPOCHS_LEFT) left_.pop_front();
+    if (left_.size() > MOST_EPOCHS_LEFT) left_.erase(left_.begin());
   }
   sequence_ = {};
   highest_ = doubted_ = 0;

@@ -2,9 +2,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "reporting/Export.h"
 #include "reporting/Publication.h"
@@ -103,7 +103,7 @@ class ORV_REPORTING_EXPORT Follower {
   std::uint64_t doubted_ =
       0;  // n of the tree when the reporter's word was behind it; 0: it was not
   std::optional<Sequence> reported_;
-  std::deque<std::uint64_t> left_;
+  std::vector<std::uint64_t> left_;
 };
 
 }  // namespace orv::reporting
