@@ -83,7 +83,8 @@ class Collector::Core {
   };
 
   void receiveEvent(const std::string& id, const Message& message, Time now);
-  void take(const std::string& id, const Sequence& sequence, const Message& message, Time now);
+  void take(const std::string& id, Root* known, const Sequence& sequence, const Message& message,
+            Time now);
   void receiveState(const std::string& name, const Message& message, Time now);
   void receiveList(unsigned int partition, const std::string& name, const Message& message,
                    Time now);
@@ -284,23 +285,21 @@ Time Collector::Core::serve(Time now) {
 }
 
 void Collector::Core::receiveEvent(const std::string& id, const Message& message, Time now) {
-  if (reviews_.first() != nullptr) {
-    const auto root = roots_.find(id);
-    if (root != roots_.end() && isLinedUp(root->second)) review(partOf(root->second), now);
-  }
+  const auto entry = roots_.find(id);
+  Root* const known = entry == roots_.end() ? nullptr : &entry->second;
+  if (known != nullptr && isLinedUp(*known)) review(partOf(*known), now);
   // The broker forgot the tree. Where a reporter lists the root, that is the late end of an earlier
   // life of it, and the tree that is kept is newer.
   if (message.payload.empty()) {
-    const auto known = roots_.find(id);
-    if (known == roots_.end() || !known->second.reporter.empty()) return;
-    known->second.follower.forget();
-    update(id, now);
+    if (known == nullptr || !known->reporter.empty()) return;
+    known->follower.forget();
+    update(id, *known, now);
     return;
   }
   const std::optional<Sequence> sequence = Sequence::parse(message.sequence);
   if (!sequence && message.sequence.empty()) {
     ++counters_.strangers;  // all that come over such a bridge lack it
-    if (const auto root = roots_.find(id); root != roots_.end()) root->second.isUnnumbered = true;
+    if (known != nullptr) known->isUnnumbered = true;
     if (!std::exchange(isSequenceMissed_, true)) {
       complain({Problem::Kind::UNUSABLE, id, "it has no sequence",
                 "An event of " + id + " has no sequence: is there a bridge without MQTT 5?"});
@@ -315,19 +314,18 @@ void Collector::Core::receiveEvent(const std::string& id, const Message& message
       complain(
           {Problem::Kind::UNUSABLE, id, reason, "An event of " + id + " is refused: " + reason});
     }
-  } else if (const auto known = roots_.find(id);
-             known != roots_.end() && known->second.follower.isOld(*sequence)) {
+  } else if (known != nullptr && known->follower.isOld(*sequence)) {
     ++counters_.outcomes.at(static_cast<std::size_t>(Follower::Outcome::OLD));
   } else {
-    take(id, *sequence, message, now);
+    take(id, known, *sequence, message, now);
   }
 }
 
-void Collector::Core::take(const std::string& id, const Sequence& sequence, const Message& message,
-                           Time now) {
+void Collector::Core::take(const std::string& id, Root* known, const Sequence& sequence,
+                           const Message& message, Time now) {
   Step step{sequence, std::move(event_), {}, {}};
   if (step.event.ParseFromString(message.payload)) {
-    Root& root = takeUp(id, now);
+    Root& root = known != nullptr ? *known : takeUp(id, now);
     root.isUnnumbered = false;
     step.before = root.follower.tree();
     std::string refusal;

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstdint>
 #include <stdexcept>
+#include <string_view>
 
 #include "reporting/Mark.h"
 
@@ -66,11 +67,12 @@ Topics::Topics(const std::string& prefix)
 
 std::string Topics::encode(const std::string& text) {
   constexpr const char* digits = "0123456789ABCDEF";
+  constexpr std::string_view special = "/+#%";
   if (text.empty()) return "%";
   std::string level;
   for (std::size_t at = 0; at < text.size();) {
     const std::size_t size = sizeOfCharacter(text, at);
-    const bool isSpecial = std::string("/+#%").find(text[at]) != std::string::npos;
+    const bool isSpecial = special.find(text[at]) != std::string_view::npos;
     if (!isSpecial && size > 0) {
       level.append(text, at, size);
       at += size;
@@ -133,14 +135,17 @@ std::string Topics::rootsOf(const std::string& name) const { return roots_ + "+/
 
 std::optional<std::string> Topics::rootOf(const std::string& topic) const {
   if (!startsWith(topic, events_)) return std::nullopt;
-  std::optional<std::string> root = decode(topic.substr(topic.rfind('/') + 1));
-  if (!root || event(*root) != topic) return std::nullopt;
+  const std::string level = topic.substr(topic.rfind('/') + 1);
+  std::optional<std::string> root = decode(level);
+  if (!root) return std::nullopt;
+  const std::string rest = std::to_string(partitionOf(*root)) + "/" + level;
+  if (topic.compare(events_.size(), std::string::npos, rest) != 0) return std::nullopt;
   return root;
 }
 
 std::optional<std::string> Topics::reporterOf(const std::string& topic) const {
-  for (const std::string& start : {states_, gone_}) {
-    if (startsWith(topic, start)) return decode(topic.substr(start.size()));
+  for (const std::string* const start : {&states_, &gone_}) {
+    if (startsWith(topic, *start)) return decode(topic.substr(start->size()));
   }
   return std::nullopt;
 }
