@@ -41,7 +41,8 @@ constexpr std::size_t mostBytesRead = 1'000'000;
 // A state or the end of a connection can concern all roots at once. Then their parts line up for a
 // review, and a limited number of roots is reviewed in a call:
 //
-// - Until its review a root keeps the condition that was told last. Whoever asks gets the true one.
+// - Until its review a root keeps the condition that was told last. Whoever asks gets the true one,
+//   or OUT_OF_DATE for one that is going to be forgotten.
 // - What arrives of a root, or of its part, comes after the review of that part. So a state that
 //   agreed with the part speaks of where its roots still are.
 // - A root that was CURRENT before something cast doubt on its part, and is behind, is not CURRENT
@@ -93,7 +94,6 @@ class Collector::Core {
   void noteListed(const std::string& id, const std::string& name, bool isOfNow, Time now);
   void choose(const std::string& id, Root& root, const std::string& name, bool isOfNow);
   void chooseAnother(const std::string& id, Root& root);
-  void distrust(const Peer& peer);
   void unlist(const std::string& id, const std::string& name, Time now);
   void unclaim(const std::string& id, const Root& root);
   void checkClaims(const std::string& name, Time now);
@@ -149,6 +149,7 @@ class Collector::Core {
   std::map<std::string, std::set<std::string>>
       claims_;                      // roots by claimer, while nobody lists them
   std::set<std::string> unlisted_;  // roots without a reporter that counts
+  std::string nextUnlisted_;        // to be looked at
   Time connectedAt_;
   Agenda reviews_;   // topics of the lists of parts
   Agenda behind_;    // roots whose reporter is ahead, until patience ends
@@ -378,8 +379,11 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
   }
   if (verdict != Peer::Verdict::TAKEN) return;
   if (peer.isThere()) states_.drop(name);
-  for (const unsigned int partition : news.gone) lists_.drop(topics_.roots(partition, name));
-  for (const auto& [id, listed] : news.unlisted) unlist(id, name, now);
+  for (const unsigned int partition : news.gone) {
+    const std::string topic = topics_.roots(partition, name);
+    lists_.drop(topic);
+    reviews_.queue(topic);
+  }
   const auto need = [&](unsigned int partition, std::chrono::milliseconds patience) {
     lists_.need(topics_.roots(partition, name), now, patience, 0, random_);
   };
@@ -387,7 +391,6 @@ void Collector::Core::receiveState(const std::string& name, const Message& messa
   for (const unsigned int partition : news.differing) {
     need(partition, peer.part(partition)->isConfirmed ? options_.gapPause : noPause);
   }
-  if (news.wasSetBack) distrust(peer);
   for (const unsigned int partition : news.agreed) {
     const std::string topic = topics_.roots(partition, name);
     lists_.drop(topic);
@@ -408,10 +411,10 @@ void Collector::Core::receiveList(unsigned int partition, const std::string& nam
   if (message.payload.size() > options_.mostBytes || !list.ParseFromString(message.payload)) {
     return refuse("A list of the roots of " + name + " cannot be read");
   }
+  if (reviews_.contains(message.topic)) review(message.topic, now);
   const auto entry = peers_.find(name);
   if (entry == peers_.end()) return;
   Peer& peer = entry->second;
-  if (reviews_.contains(message.topic)) review(message.topic, now);
   const Peer::Part* const before = peer.part(partition);
   const bool wasConfirmed = before != nullptr && before->isConfirmed;
   Peer::Roots unlisted;
@@ -430,12 +433,13 @@ void Collector::Core::receiveList(unsigned int partition, const std::string& nam
 }
 
 void Collector::Core::forgetPeer(const std::string& name, Time now) {
-  auto peer = peers_.extract(name);
-  if (peer.empty()) return;
-  dropRequests(name, peer.mapped());
-  for (const auto& [partition, part] : peer.mapped().parts()) {
-    for (const auto& [id, listed] : part.roots) unlist(id, name, now);
-  }
+  const auto entry = peers_.find(name);
+  if (entry == peers_.end()) return;
+  dropRequests(name, entry->second);
+  entry->second.forget(now);
+  lineUp(name, entry->second);
+  if (entry->second.isForgotten()) peers_.erase(entry);
+  review(now);
 }
 
 // So claims do not outnumber the roots, whatever names events may hold.
@@ -527,14 +531,6 @@ void Collector::Core::chooseAnother(const std::string& id, Root& root) {
   }
 }
 
-// The reporter goes on with numbers that it had given to other events. So nothing that it says of
-// them tells whether a tree is right, and each has to come whole.
-void Collector::Core::distrust(const Peer& peer) {
-  for (const auto& [partition, part] : peer.parts()) {
-    for (const auto& [id, listed] : part.roots) roots_.at(id).follower.distrust();
-  }
-}
-
 void Collector::Core::unlist(const std::string& id, const std::string& name, Time now) {
   const auto entry = roots_.find(id);
   if (entry == roots_.end()) return;
@@ -572,20 +568,32 @@ void Collector::Core::review(Time now) {
 std::size_t Collector::Core::review(const std::string& topic, Time now) {
   const auto [partition, name] = topics_.listOf(topic).value();
   const auto entry = peers_.find(name);
-  const bool isPart = entry != peers_.end() && entry->second.part(partition) != nullptr;
+  const Peer::Part* const part = entry == peers_.end() ? nullptr : entry->second.part(partition);
   std::size_t count = 0;
-  if (isPart) {
+  if (part != nullptr) {
     Peer& peer = entry->second;
-    const bool isInStep = peer.reviewed(partition);
-    const Peer::Roots& roots = peer.part(partition)->roots;
-    count = roots.size();
-    for (const auto& [id, listed] : roots) {
+    count = part->roots.size();
+    for (const auto& [id, listed] : part->roots) {
+      if (part->isGone) {
+        unlist(id, name, now);
+        continue;
+      }
       Root& root = roots_.at(id);
+      // The reporter gives numbers to other events than before. So nothing that it says of them
+      // tells whether a tree is right, and each has to come whole.
+      if (part->wasSetBack) root.follower.distrust();
       const Sequence& where = root.follower.sequence();
-      if (isInStep && root.reporter == name && where.n > 0) root.follower.reported(where, true);
+      if (part->isInStep && root.reporter == name && where.n > 0) {
+        root.follower.reported(where, true);
+      }
       if (root.reporter != name) noteListed(id, name, false, now);
       if (!peer.isOnline() && root.reporter == name) chooseAnother(id, root);
       update(id, root, now);
+    }
+    peer.reviewed(partition);
+    if (peer.isForgotten()) {
+      dropRequests(name, peer);
+      peers_.erase(entry);
     }
   }
   reviews_.drop(topic);
@@ -710,7 +718,8 @@ std::string Collector::Core::reasonOf(const std::string& id, const Root& root,
   return times > 2 ? "asked for " + std::to_string(times) + " times in vain" : "";
 }
 
-// Once a second: who was silent for too long, and which roots nobody lists.
+// Once a second: who was silent for too long, and which roots nobody lists. Of many of these a
+// portion each time, in turn.
 void Collector::Core::check(Time now) {
   nextCheck_ = now + std::chrono::seconds(1);
   if (hearingDue_ <= now) checkHearing(now);
@@ -724,7 +733,8 @@ void Collector::Core::check(Time now) {
     lineUp(name, peer);
   }
   for (const std::string& name : unneeded) forgetPeer(name, now);
-  for (auto id = unlisted_.begin(); id != unlisted_.end();) {
+  auto id = unlisted_.lower_bound(nextUnlisted_);
+  for (std::size_t count = 0; count <= options_.mostReviewed && id != unlisted_.end(); ++count) {
     const auto entry = roots_.find(*id);
     Root& root = entry->second;
     // While there was no connection nobody could list it.
@@ -744,6 +754,7 @@ void Collector::Core::check(Time now) {
     }
     ++id;
   }
+  nextUnlisted_ = id == unlisted_.end() ? "" : *id;
 }
 
 // A broker grants subscriptions also to those who may not read, and then sends nothing.
@@ -752,8 +763,9 @@ void Collector::Core::checkHearing(Time now) {
   const auto isMissed = [](const auto& entry) {
     return entry.second.condition == Condition::AWAITED && entry.second.heldBack.empty();
   };
-  const bool areEventsMissed =
-      !areEventsHeard_ && std::any_of(roots_.begin(), roots_.end(), isMissed);
+  const bool areEventsMissed = !areEventsHeard_ &&
+                               conditions_.at(static_cast<std::size_t>(Condition::AWAITED)) > 0 &&
+                               std::any_of(roots_.begin(), roots_.end(), isMissed);
   const std::string states = topics_.allStates();
   const std::string events = topics_.allEvents();
   const bool areListsMissed = std::any_of(peers_.begin(), peers_.end(), [](const auto& entry) {

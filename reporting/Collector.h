@@ -129,7 +129,8 @@ class ORV_REPORTING_EXPORT Collector final : public Endpoint {
   std::vector<std::string> roots() const;
 
   /// Nothing for a root that is unknown or forgotten. The condition is that of now, also where
-  /// `changed` follows later. O(log of the number of roots).
+  /// `changed` follows later; OUT_OF_DATE where what follows is FORGOTTEN. O(log of the number of
+  /// roots).
   std::optional<View> view(const std::string& root) const;
 
   const Counters& counters() const noexcept;

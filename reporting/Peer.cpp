@@ -18,14 +18,16 @@ Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, boo
                          Time now, News& news) {
   const bool isOnline = state.online();
   const auto before = std::tuple(start_, isOnline_, isConfirmed_);
+  bool wasSetBack = false;
   if (isKnown_ && state.start() == start_) {
     // The will of a connection that is over can come after the first state of the next one.
     if (state.connection() < connection_) return Verdict::OLD;
     // A will has the version of the moment when its connection began.
     if (isOnline && state.version() < version_) {
       if (state.connection() == connection_) return Verdict::OLD;
-      news.wasSetBack = true;
+      wasSetBack = true;
       forgetVersions();
+      for (auto& [partition, part] : parts_) part.wasSetBack = true;
     }
   } else if (isKnown_) {
     if (!isOnline) return Verdict::OLD;
@@ -47,7 +49,7 @@ Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, boo
   isOnline_ = isOnline;
   isConfirmed_ = !isOnline || !isRetained;
   heard_ = now;
-  news.isOther = news.wasSetBack || before != std::tuple(start_, isOnline_, isConfirmed_);
+  news.isOther = wasSetBack || before != std::tuple(start_, isOnline_, isConfirmed_);
   spokenOf_.clear();
   for (const auto& told : state.parts()) {
     if (told.partition() >= first_ && told.partition() <= last_) spokenOf_.insert(told.partition());
@@ -55,13 +57,10 @@ Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, boo
   // A will tells nothing of the parts: it is as old as its connection.
   if (!isOnline) return Verdict::TAKEN;
 
-  std::map<unsigned int, Part> gone = std::move(parts_);
-  parts_.clear();
   for (const auto& told : state.parts()) {
     if (told.partition() < first_ || told.partition() > last_) continue;
-    auto known = gone.extract(told.partition());
-    Part& part =
-        known.empty() ? parts_[told.partition()] : parts_.insert(std::move(known)).position->second;
+    Part& part = parts_[told.partition()];
+    part.isGone = false;
     if (part.version > told.version()) continue;  // its list is later than this state
     part.agrees = part.version == told.version() && part.roots.size() == told.roots() &&
                   part.sum == told.sum();
@@ -77,13 +76,12 @@ Peer::Verdict Peer::take(const orv::proto::monitoring::ReporterState& state, boo
       news.agreed.push_back(told.partition());
     }
   }
-  for (auto& [partition, part] : gone) {
-    if (part.version > state.version()) {
-      parts_.emplace(partition, std::move(part));  // it is later than this state
-    } else {
-      news.gone.push_back(partition);
-      news.unlisted.merge(part.roots);
-    }
+  for (auto& [partition, part] : parts_) {
+    const bool isLater = part.version > state.version();
+    if (isLater || part.isGone || spokenOf_.count(partition) > 0) continue;
+    part.isGone = true;
+    part.isConfirmed = part.agrees = false;
+    news.gone.push_back(partition);
   }
   return Verdict::TAKEN;
 }
@@ -128,6 +126,21 @@ const Peer::Listed* Peer::find(unsigned int partition, const std::string& root) 
   if (listing == nullptr) return nullptr;
   const auto entry = listing->roots.find(root);
   return entry == listing->roots.end() ? nullptr : &entry->second;
+}
+
+void Peer::reviewed(unsigned int partition) {
+  const auto entry = parts_.find(partition);
+  Part& part = entry->second;
+  part.isInStep = part.wasSetBack = false;
+  if (part.isGone) parts_.erase(entry);
+}
+
+void Peer::forget(Time now) {
+  std::map<unsigned int, Part> parts = std::move(parts_);
+  *this = Peer(now, first_, last_);
+  parts_ = std::move(parts);
+  forgetVersions();
+  for (auto& [partition, part] : parts_) part.isGone = true;
 }
 
 void Peer::doubt() {

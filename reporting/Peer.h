@@ -20,7 +20,11 @@
 // A state that the broker had kept is no sign of life: whoever sent it may be gone since. Until the
 // reporter itself is heard it is not confirmed. Nor is a part, which is what the reporter has in
 // one partition, until the reporter is heard of it: a list that has just arrived, or a state that
-// agrees with what the collector has. A part that no state speaks of is gone.
+// agrees with what the collector has. A part that the state does not speak of is gone.
+//
+// What follows for the roots of a part, the caller does when it reviews the part, which can be
+// later: it unlists the roots of one that is gone, and distrusts those of one that goes on from an
+// earlier moment.
 //
 // A state agrees with a part when it names the version of its list and the sum of the marks of
 // where the collector is with its roots (see Mark.h). Where it does not, the list has to be asked
@@ -64,7 +68,10 @@ class Peer {
     bool isConfirmed = false;
     bool agrees = false;     // the last state or list of it is in step with the collector
     bool isAwaited = false;  // some root waits for the next word, or the list was needed
-    bool isInStep = false;   // a state has agreed since its roots were reviewed
+    // Since its roots were reviewed:
+    bool isInStep = false;    // a state has agreed
+    bool wasSetBack = false;  // the process went on from an earlier moment
+    bool isGone = false;
   };
   // What follows from a message for the parts.
   struct News {
@@ -72,15 +79,13 @@ class Peer {
     std::vector<unsigned int> differing;  // their lists have to be asked for
     std::vector<unsigned int> agreed;     // that were not confirmed, or awaited
     std::vector<unsigned int> gone;
-    Roots unlisted;           // roots that were listed and are no longer
-    bool isOther = false;     // whether it is there, or which process it is, has changed
-    bool wasSetBack = false;  // it goes on from an earlier moment of the same process
+    bool isOther = false;  // whether it is there, or which process it is, has changed
   };
 
   // It tells of the partitions from the first to the last.
   Peer(Time now, unsigned int first, unsigned int last) : first_(first), last_(last), heard_(now) {}
 
-  // A state arrived. O(partitions), and what is unlisted.
+  // A state arrived. O(partitions).
   Verdict take(const orv::proto::monitoring::ReporterState& state, bool isRetained, Time now,
                News& news);
   // A list arrived. Returns whether it counts; the caller then says where it is with its roots.
@@ -97,11 +102,8 @@ class Peer {
   void move(unsigned int partition, std::uint64_t difference) {
     parts_.at(partition).sum += difference;
   }
-  // The roots of that part are reviewed. Whether a state has agreed with it since they were last:
-  // then the reporter is where the collector is with each of them.
-  bool reviewed(unsigned int partition) {
-    return std::exchange(parts_.at(partition).isInStep, false);
-  }
+  // The roots of that part are reviewed. One that is gone is known no longer.
+  void reviewed(unsigned int partition);
   // A root of that part waits for the next word on it.
   void await(unsigned int partition) { parts_.at(partition).isAwaited = true; }
 
@@ -117,6 +119,11 @@ class Peer {
   bool giveUp(Time now, Time::duration silence);
   // It has been gone for so long, or for so long since this was true last.
   bool isLongGone(Time now, Time::duration age);
+
+  // Nothing of it counts any more, and all parts are gone. Until they are reviewed it is not
+  // forgotten.
+  void forget(Time now);
+  bool isForgotten() const { return !isKnown_ && parts_.empty(); }
 
  private:
   void forgetVersions();

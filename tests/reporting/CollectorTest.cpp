@@ -148,6 +148,17 @@ TEST_F(CollectorTest, TellsOfManyRootsInPortionsAndTheTruthAtOnce) {
   EXPECT_EQ(count(Condition::OUT_OF_DATE).first, 3U);
   while (portions.serve(now) <= now) continue;
   EXPECT_EQ(count(Condition::OUT_OF_DATE).second, 3U);
+  std::uint64_t start = 1;
+  for (const Message& dropped :
+       {state("a", 2, {}).front(), Message{topics.state("a"), "", true, {}, {}}}) {
+    other.connect().hear(state("a", start, roots));
+    start = 3;
+    portions.received(dropped, now);
+    EXPECT_EQ(portions.roots().size(), 2U);
+    while (portions.serve(now) <= now) continue;
+    EXPECT_EQ(portions.roots().size(), 0U);
+    EXPECT_EQ(count(Condition::CURRENT).second, 0U);
+  }
 }
 
 TEST_F(CollectorTest, AppliesEachChangeOnceAndAsksForNothingWhileNoneIsMissing) {

@@ -12,7 +12,7 @@ using namespace orv::proto::monitoring;
 
 class PeerTest : public ::testing::Test {
  protected:
-  // What follows from a state: "taken: other, announced 140, gone 213 r".
+  // What follows from a state: "taken, other, announced 140, gone 213".
   std::string take(const std::string& state, bool isRetained = false) {
     Peer::News news;
     const auto verdict = peer.take(nodes::parse<ReporterState>(state), isRetained, now, news);
@@ -20,7 +20,6 @@ class PeerTest : public ::testing::Test {
     if (verdict == Peer::Verdict::RIVAL) return "rival";
     std::string text = "taken";
     if (news.isOther) text += ", other";
-    if (news.wasSetBack) text += ", set back";
     for (const auto& [name, parts] : {std::pair(", announced", news.announced),
                                       {", differing", news.differing},
                                       {", agreed", news.agreed},
@@ -28,18 +27,15 @@ class PeerTest : public ::testing::Test {
       if (!parts.empty()) text += name;
       for (const unsigned int part : parts) text += " " + std::to_string(part);
     }
-    return text + names(news.unlisted);
+    return text;
   }
   // What follows from a list.
   std::string takeList(unsigned int partition, const std::string& list, bool isRetained = false) {
     Peer::Roots unlisted;
     const auto message = nodes::parse<RootList>(list);
     if (!peer.take(partition, message, isRetained, now, unlisted)) return "old";
-    return "taken" + names(unlisted);
-  }
-  static std::string names(const Peer::Roots& roots) {
-    std::string text;
-    for (const auto& root : roots) text += " without " + root.first;
+    std::string text = "taken";
+    for (const auto& root : unlisted) text += " without " + root.first;
     return text;
   }
   // "140 confirmed", "213 awaited": what is so of each part.
@@ -50,6 +46,8 @@ class PeerTest : public ::testing::Test {
       if (part.isConfirmed) text += " confirmed";
       if (part.agrees) text += " agrees";
       if (part.isAwaited) text += " awaited";
+      if (part.wasSetBack) text += " set back";
+      if (part.isGone) text += " gone";
     }
     return text;
   }
@@ -82,8 +80,11 @@ TEST_F(PeerTest, TakesTheLaterStateOfAProcess) {
   takeList(213, listOfR);
   EXPECT_EQ(parts(), "140 confirmed agrees awaited, 213 confirmed agrees awaited");
   EXPECT_EQ(take("start: 1 connection: 5 version: 4 online: true " + ofA),
-            "taken, other, set back, announced 140, gone 213 without r");
-  EXPECT_EQ(parts(), "140 awaited") << "numbers are used again";
+            "taken, other, announced 140, gone 213");
+  EXPECT_EQ(parts(), "140 awaited set back, 213 awaited set back gone") << "numbers are used again";
+  peer.reviewed(140);
+  peer.reviewed(213);
+  EXPECT_EQ(parts(), "140 awaited");
   EXPECT_EQ(takeList(140, "start: 1 version: 1 roots {root: 'b'}"), "taken without a");
 }
 
@@ -97,8 +98,7 @@ TEST_F(PeerTest, TakesTheLaterProcess) {
   EXPECT_EQ(take("start: 1 connection: 9 version: 10 online: true"), "rival");
   EXPECT_EQ(take("start: 1 connection: 9 version: 11 online: true"), "old");
   EXPECT_EQ(take("start: 2 connection: 1 version: 1 online: false"), "taken, other");
-  EXPECT_EQ(take("start: 1 connection: 1 version: 1 online: true"),
-            "taken, other, gone 140 without a");
+  EXPECT_EQ(take("start: 1 connection: 1 version: 1 online: true"), "taken, other, gone 140");
   for (std::uint64_t start = 3; start <= 19; ++start) {
     EXPECT_EQ(take("online: true start: " + std::to_string(start)), "taken, other");
   }
@@ -126,12 +126,16 @@ TEST_F(PeerTest, SaysWhichListsAreNeeded) {
   // A list that overtook its state.
   EXPECT_EQ(take(online + "5 " + ofA + ofR), "taken, agreed 213");
   EXPECT_EQ(parts(), "140 confirmed agrees awaited, 213 confirmed agrees");
-  EXPECT_TRUE(peer.reviewed(213) && !peer.reviewed(213));
+  EXPECT_TRUE(peer.part(213)->isInStep);
+  peer.reviewed(213);
+  EXPECT_FALSE(peer.part(213)->isInStep);
   EXPECT_EQ(take(online + "5 " + ofR + ofA), "taken");
   EXPECT_EQ(takeList(141, "start: 1 version: 7 roots {root: 'later'}"), "taken");
-  EXPECT_EQ(take(online + "6 " + ofR), "taken, gone 140 without a") << "but not what came later";
-  EXPECT_EQ(parts(), "141 confirmed agrees, 213 confirmed agrees");
+  EXPECT_EQ(take(online + "6 " + ofR), "taken, gone 140") << "but not what came later";
+  EXPECT_EQ(parts(), "140 awaited gone, 141 confirmed agrees, 213 confirmed agrees");
+  peer.reviewed(140);
   EXPECT_EQ(take(online + "7 " + ofR), "taken, gone 141");
+  peer.reviewed(141);
   // What differs is asked for until a state agrees.
   peer.move(213, 1);
   EXPECT_EQ(take(online + "8 " + ofR, true), "taken, other") << "that one is no sign of it";
@@ -171,6 +175,26 @@ TEST_F(PeerTest, TellsWhoIsGone) {
   EXPECT_FALSE(peer.isLongGone(now, 101s));
   take(online);
   EXPECT_FALSE(peer.isLongGone(now += 1h, 101s));
+}
+
+TEST_F(PeerTest, KeepsAPartThatIsGoneUntilItIsReviewed) {
+  take("start: 1 version: 4 online: true " + ofA + ofR);
+  takeList(140, listOfA);
+  EXPECT_EQ(take("start: 1 version: 5 online: true " + ofR), "taken, announced 213, gone 140");
+  EXPECT_EQ(take("start: 1 version: 6 online: true " + ofR), "taken, announced 213");
+  EXPECT_TRUE(peer.find(140, "a"));
+  EXPECT_EQ(take("start: 1 version: 7 online: true " + ofA), "taken, agreed 140, gone 213");
+  EXPECT_EQ(parts(), "140 confirmed agrees, 213 awaited gone") << "it came back";
+  peer.reviewed(140);
+  peer.reviewed(213);
+  peer.forget(now);
+  EXPECT_EQ(condition() + ", " + parts(), "gone?, 140 gone");
+  EXPECT_EQ(takeList(140, listOfA), "old");
+  EXPECT_FALSE(peer.isForgotten());
+  EXPECT_EQ(take("start: 1 version: 1 online: true " + ofA), "taken, other, announced 140");
+  peer.forget(now);
+  peer.reviewed(140);
+  EXPECT_TRUE(peer.isForgotten());
 }
 
 }  // namespace
