@@ -295,11 +295,16 @@ void Reporter::Core::taken(const std::string& id) {
   Root& root = roots_.at(id);
   release(id, root);
   if (root.sender.onItsWay() != nullptr) {
-    const Step step = root.sender.taken();
-    countKept(root);
     ++counters_.events;
-    if (isWholeTree(step.event)) ++counters_.trees;
-    if (callbacks_.published) callbacks_.published(id, step);
+    if (isWholeTree(root.sender.onItsWay()->event)) ++counters_.trees;
+    std::optional<Step> step;  // its trees are made for those who listen only
+    if (callbacks_.published) {
+      step = root.sender.taken();
+    } else {
+      root.sender.settle();
+    }
+    countKept(root);
+    if (step) callbacks_.published(id, *step);
   } else if (!root.live) {  // the broker has forgotten the tree
     return erase(id);
   }

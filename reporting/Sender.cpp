@@ -6,6 +6,7 @@
 #include "device_tree/Utils.h"
 #include "device_tree/Walk.h"
 #include "reporting/Mark.h"
+#include "reporting/Snapshot.h"
 
 namespace orv::reporting {
 
@@ -22,6 +23,10 @@ bool hasMoreLevelsThan(unsigned int most, const DeviceNode& root) {
   return false;
 }
 
+Tree treeOf(const std::shared_ptr<Snapshot>& snapshot) {
+  return snapshot ? snapshot->tree() : nullptr;
+}
+
 }  // namespace
 
 Sender::Sender(std::uint64_t epoch, std::chrono::milliseconds treePause, std::size_t leastBytes)
@@ -30,13 +35,15 @@ Sender::Sender(std::uint64_t epoch, std::chrono::milliseconds treePause, std::si
 const Publication* Sender::next(const Tree& live, Time now, std::string& errorMessage) {
   errorMessage.clear();
   if (publication_) return nullptr;  // two on their way could arrive in either order
-  if (live && hasMoreLevelsThan(MOST_LEVELS, *live)) {
+  Publication publication{{last_.epoch, last_.n + 1}, {}};
+  Event& event = publication.event;
+  const bool isInStep = live && snapshot_ && snapshot_->isInStep(*live, event);
+  if (live && !isInStep && hasMoreLevelsThan(MOST_LEVELS, *live)) {
     errorMessage = "The tree has more than " + std::to_string(MOST_LEVELS) + " levels";
     return nullptr;
   }
-  Publication publication{{last_.epoch, last_.n + 1}, {}};
-  Event& event = publication.event;
-  const bool isChanged = EventHelper::ComputeEvent(snapshot_, live, event);
+  const bool isChanged =
+      isInStep ? event.has_event_type() : EventHelper::ComputeEvent(treeOf(snapshot_), live, event);
   const std::optional<Time> due = treeDue();
   const bool isTreeDue = due && *due <= now;
   const bool isOutgrown = isChanged && sinceTree_ > outgrownAt_;
@@ -44,7 +51,7 @@ const Publication* Sender::next(const Tree& live, Time now, std::string& errorMe
   // and what has changed since follows as a small event.
   repeats_ = snapshot_ && live && !(isChanged && isWholeTree(event)) && (isTreeDue || isOutgrown);
   if (repeats_) {
-    EventHelper::ComputeEvent(nullptr, snapshot_, event);
+    EventHelper::ComputeEvent(nullptr, snapshot_->build(), event);
   } else if (!isChanged) {
     return nullptr;
   }
@@ -53,8 +60,10 @@ const Publication* Sender::next(const Tree& live, Time now, std::string& errorMe
   // what receivers have, and what they cannot build is noticed here.
   if (repeats_) {
     published_ = snapshot_;
-  } else if (isWholeTree(event) && !EventHelper::ApplyEvent(event, published_, errorMessage)) {
-    return nullptr;
+  } else if (isWholeTree(event)) {
+    Tree built;
+    if (!EventHelper::ApplyEvent(event, built, errorMessage)) return nullptr;
+    published_ = std::make_shared<Snapshot>(std::move(built));
   }
   return &publication_.emplace(std::move(publication));
 }
@@ -65,24 +74,29 @@ std::optional<Time> Sender::treeDue() const noexcept {
 }
 
 Step Sender::taken() {
+  Step step{publication_->sequence, {}, treeOf(snapshot_), {}};
+  step.event = settle();
+  step.after = treeOf(snapshot_);
+  return step;
+}
+
+Event Sender::settle() {
   last_ = publication_->sequence;
-  keep(publication_->event);
-  Step step{last_, std::move(publication_->event), snapshot_, {}};
-  std::string refusal;
-  if (isWholeTree(step.event)) {
+  Event event = std::move(publication_->event);
+  keep(event);
+  if (isWholeTree(event)) {
     snapshot_ = std::move(published_);
-    step.after = snapshot_;
     owesTree_ = false;
-  } else if (EventHelper::ApplyEvent(step.event, snapshot_, refusal)) {
-    step.after = snapshot_;
-  } else {
+  } else if (event.event_type() == Event::DEVICE_REMOVE) {
+    snapshot_.reset();
+  } else if (!snapshot_->apply(event)) {
     // Only where identifiers repeat. Receivers refuse it as well: the next event is a whole tree.
     letGo();
-    step.after = std::exchange(snapshot_, nullptr);
+    snapshot_.reset();
   }
   mayHaveArrived_ = false;
   publication_.reset();
-  return step;
+  return event;
 }
 
 void Sender::restart(std::uint64_t epoch) noexcept {

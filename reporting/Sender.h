@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,6 +14,8 @@
 #include "reporting/Sequence.h"
 
 namespace orv::reporting {
+
+class Snapshot;
 
 /// Decides which event of one root is published next.
 ///
@@ -57,6 +60,10 @@ class ORV_REPORTING_EXPORT Sender {
   /// The broker took the event that is on its way. Returns what that made of the tree that the
   /// broker had taken before; the trees belong to the sender. O(n).
   Step taken();
+  /// The same for who wants no trees: returns the event. A sender whose caller never asks for trees
+  /// keeps its own in less than half of the memory, and compares faster with it. O(size of the
+  /// event).
+  Event settle();
 
   /// The connection ended: the event that is on its way, if there is one, may have arrived.
   void interrupted() noexcept { mayHaveArrived_ = publication_.has_value(); }
@@ -98,10 +105,10 @@ class ORV_REPORTING_EXPORT Sender {
 
   Sequence last_;
   std::chrono::milliseconds treePause_;
-  Tree snapshot_;  // what the broker took last
+  std::shared_ptr<Snapshot> snapshot_;  // empty for no tree
   std::optional<Publication> publication_;
   bool mayHaveArrived_ = false;
-  Tree published_;  // of a publication with the whole tree: the next snapshot
+  std::shared_ptr<Snapshot> published_;  // of a publication with the whole tree: the next snapshot
   std::optional<Time> lastTree_;
   bool owesTree_ = false;
   bool repeats_ = false;
