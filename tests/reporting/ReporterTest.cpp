@@ -91,6 +91,9 @@ TEST_F(ReporterTest, BlamesNoRootWhenTheConnectionEndsForOtherReasons) {
     talk.hear(ask).after(1s).expect("state");
     talk.cut().connect().takeEach({"state"}).after(1s);
   }
+  changeAll(0, 1);
+  talk.hear(ask).expect("state, change 0-1").cut().connect().expect("state, change 0").cut();
+  talk.connect().takeEach({"state, change 1"}).after(1s).takeEach({"change 0"});
   talk.hear(ask).expect("state").cut().connect().expect("state");
   talk.cut().expect("The broker refuses the state of a: It ends the connection");
   talk.connect().expect("state").cut().expect("");
@@ -113,6 +116,7 @@ TEST_F(ReporterTest, GoesOnWithTheRootsThatTheBrokerTakes) {
   talk.expect("change 0").refuse("no").expect("The broker refuses 0: no");
   change(0, std::to_string(changes));
   talk.after(5s).expect("");
+  EXPECT_EQ(reporter.view("0")->reason, "");
   changeAll(1, 29);
   talk.expect("change 1-29");
 }
@@ -165,6 +169,17 @@ TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
   second.hear({"orv/1/roots/213/a", list.SerializeAsString(), false, {}, {}});
   second.takeEach({"state, tree r"});
   talk.expect("This process was set back in time, or copied: all trees are sent anew");
+  // A root that is doubted waits for the others then.
+  changeAll(0, 2);
+  talk.connect().expect("state, tree 0-2").take("state").take("tree 1").take("tree 2").refuse("no");
+  talk.expect("The broker refuses 0: no").after(4s).forget();
+  changeAll(1, 1);
+  talk.expect("change 1").after(1s);
+  orv::proto::monitoring::ReporterState state;
+  state.ParseFromString(talk.kept.at("orv/1/state/a").payload);
+  state.set_version(99);
+  talk.hear({"orv/1/state/a", state.SerializeAsString(), false, {}, {}}).forget();
+  talk.after(1s).takeEach({"", "list 0 held back: no, tree 0"});
 }
 
 TEST_F(ReporterTest, ClearsATreeThatItDoesNotHave) {
@@ -312,15 +327,17 @@ TEST_F(ReporterTest, ClearsWhatAnEarlierProcessLeft) {
     roots.add_roots()->set_root(root);
     return Message{"orv/1/roots/7/a", roots.SerializeAsString(), true, {}, {}};
   };
-  const auto will = [](std::uint64_t start) {
+  const auto will = [](std::uint64_t start, const std::string& topic = "orv/1/gone/a") {
     orv::proto::monitoring::ReporterState state;
     state.set_start(start);
-    return Message{"orv/1/gone/a", state.SerializeAsString(), false, {}, {}};
+    return Message{topic, state.SerializeAsString(), false, {}, {}};
   };
   talk.withLists().connect().takeEach({"state"});
   talk.hear(list(1, "r")).expect("").hear(will(2)).expect("");
   talk.hear(will(1)).takeEach({"no tree r"}).after(1s).takeEach({"state", "no list"});
   talk.hear(list(1, "s")).takeEach({"no tree s"}).after(1s).takeEach({"state", "no list"});
+  talk.hear(will(4, "orv/1/state/a")).hear(list(4, "u")).takeEach({"no tree u"});
+  talk.after(1s).takeEach({"state", "no list"});
   // It may end without a word.
   talk.hear(list(3, "t")).after(90s).hear(ask).after(1s).takeEach({"state"});
   talk.after(10s).hear(ask).takeEach({"state, no tree t", "no list"});
@@ -329,6 +346,7 @@ TEST_F(ReporterTest, ClearsWhatAnEarlierProcessLeft) {
 TEST_F(ReporterTest, AnswersRequestsForTreesButNotWithoutEnd) {
   changeAll(0, 0);
   talk.connect().takeEach({"state, tree 0"}).hear(request("0")).after(9s).hear(request("0"));
+  reporter.report(live[0]);  // nothing has changed
   talk.expect("").after(1s).takeEach({"tree 0"}).hear(request("0")).after(10s).takeEach({"tree 0"});
   EXPECT_EQ(reporter.counters().requests, 3U);
   talk.after(590s).hear(request("0")).takeEach({"tree 0"}).hear(request("0")).after(10s);
