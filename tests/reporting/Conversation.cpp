@@ -84,6 +84,11 @@ Conversation& Conversation::cut() {
   return after({});
 }
 
+Conversation& Conversation::leave() {
+  EXPECT_TRUE(endpoint_->ending(now_));
+  return *this;
+}
+
 Conversation& Conversation::after(std::chrono::milliseconds duration) {
   const Time end = now_ + duration;
   for (Time due = endpoint_->serve(now_); due <= now_ || now_ < end; due = endpoint_->serve(now_)) {

@@ -28,6 +28,9 @@ class Conversation : private Link {
   Conversation& cut();
   // Meanwhile the endpoint is served when it wants to be.
   Conversation& after(std::chrono::milliseconds duration);
+  // How long the endpoint need not be served.
+  Time::duration pause() { return endpoint_->serve(now_) - now_; }
+  Conversation& leave();  // in order, and without waiting for an answer
   Conversation& hear(const Message& message) { return hear(std::vector<Message>{message}); }
   Conversation& hear(const std::vector<Message>& messages);  // all at once
 

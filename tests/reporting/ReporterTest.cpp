@@ -302,6 +302,46 @@ TEST_F(ReporterTest, WaitsWithListsThatEndConnections) {
   talk.connect().takeEach({"state"}).expect("list 1");
 }
 
+TEST_F(ReporterTest, ComesAndGoesInOrder) {
+  EXPECT_FALSE(reporter.ending({}));
+  talk.withLists().connect().takeEach({"state"}).after(1s);
+  EXPECT_EQ(talk.pause(), 24h - 1s);
+  changeAll(0, 1);
+  EXPECT_EQ(talk.expect("state, tree 0-1").pause(), Time::max() - Time(1001s)) << "for an answer";
+  talk.take().expect("list 0-1").take();
+  EXPECT_EQ(talk.hear(ask).pause(), 1s);
+  talk.after(1s).takeEach({"state"});
+  reporter.remove("0");
+  reporter.remove("unknown");
+  EXPECT_FALSE(reporter.isSettled());
+  talk.takeEach({"removal 0", "no tree 0"}).after(1s).takeEach({"state", "no list"});
+  EXPECT_TRUE(reporter.isSettled() && !reporter.view("0"));
+  changeAll(0, 0);
+  talk.expect("tree 0").leave().expect("farewell, list 0").cut();
+  EXPECT_EQ(talk.pause(), Time::max() - Time(1003s));
+}
+
+TEST_F(ReporterTest, TellsOfWhatCannotBe) {
+  EXPECT_THROW(Reporter("", {}), std::invalid_argument);
+  Tree tree = nodes::node("99");
+  for (int level = 98; level > 0; --level) tree = nodes::node(std::to_string(level), {tree});
+  reporter.report(tree);
+  const std::string reason = "The tree has more than 98 levels";
+  talk.connect().expect("state, Cannot report 1: " + reason).take().after(24h);
+  EXPECT_TRUE(!reporter.isSettled() && reporter.view("1")->reason == reason);
+  talk.expect("list 1 held back: " + reason + ", state").take();
+  reporter.report(nodes::node("1"));
+  talk.takeEach({"list 1 held back: " + reason + ", tree 1"}).after(1s).takeEach({"state"});
+  talk.hear({"orv/1/state/a", "?", false, {}, {}}).takeEach({"A state of a cannot be read, state"});
+  orv::proto::monitoring::ReporterState other;
+  other.set_start(1);
+  other.set_online(true);
+  Message state{"orv/1/state/a", other.SerializeAsString(), true, {}, {}};
+  talk.hear(state).expect("");
+  state.isRetained = false;
+  talk.hear(state).expect("Another process reports under the name a").hear(state).expect("");
+}
+
 TEST_F(ReporterTest, SaysWhereItsRootsAre) {
   const auto parts = [this] {
     orv::proto::monitoring::ReporterState state;
