@@ -248,7 +248,6 @@ void Collector::Core::disconnected(Time now) {
     lineUp(name, peer);
   }
   updateClaimed(now);
-  review(now);
 }
 
 void Collector::Core::settled(const std::string& refusal) {
@@ -464,10 +463,8 @@ void Collector::Core::checkClaims(const std::string& name, Time now) {
   if (claims.empty()) return;
   monitoring::TreeRequest request;
   for (const std::string& id : claims.mapped()) {
-    const auto entry = roots_.find(id);
-    if (entry == roots_.end()) continue;
-    Root& root = entry->second;
-    if (!root.reporter.empty() || root.claimer != name || !root.follower.tree()) continue;
+    Root& root = roots_.at(id);
+    if (!root.reporter.empty() || !root.follower.tree()) continue;
     const Peer::Part* const part = peers_.at(name).part(partitionOf(root));
     const bool isOpen = part != nullptr && !part->agrees;
     if (isOpen || !std::exchange(root.isClaimKept, true)) {

@@ -671,7 +671,6 @@ void Reporter::Core::beginAnew() {
   for (auto& [id, root] : roots_) {
     root.sender.restart(random_());
     resends_.drop(id);
-    root.resendAfter.reset();
     root.isChanged = true;
     agenda_.drop(id);
     relist(id, root);

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "proto/monitoring/reporting.pb.h"
+#include "reporting/Mark.h"
 #include "reporting/Reporter.h"
 #include "tests/Nodes.h"
 #include "tests/reporting/Conversation.h"
@@ -160,6 +161,9 @@ TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
   EXPECT_EQ(Sequence::parse(second.last.sequence)->n, 1U);
   EXPECT_NE(second.last.sequence, sequence);
   talk.expect("This process was set back in time, or copied: all trees are sent anew");
+  orv::proto::monitoring::ReporterState state;
+  state.ParseFromString(second.kept.at("orv/1/state/a").payload);
+  EXPECT_EQ(state.parts(0).sum(), markOf(hashOf("r"), {}));
   second.take().cut().connect().takeEach({"state"});
   talk.expect("");
   // Its lists say so as well.
@@ -175,7 +179,6 @@ TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
   talk.expect("The broker refuses 0: no").after(4s).forget();
   changeAll(1, 1);
   talk.expect("change 1").after(1s);
-  orv::proto::monitoring::ReporterState state;
   state.ParseFromString(talk.kept.at("orv/1/state/a").payload);
   state.set_version(99);
   talk.hear({"orv/1/state/a", state.SerializeAsString(), false, {}, {}}).forget();
@@ -266,8 +269,8 @@ TEST_F(ReporterTest, KeepsAsManyEventsAsItMay) {
 }
 
 TEST_F(ReporterTest, SendsTheTreesAgainThatTheBrokerHasLost) {
-  changeAll(0, 1);
-  talk.connect().takeEach({"state, tree 0-1"}).after(60s).cut().connect().takeEach({"state"});
+  changeAll(0, 2);
+  talk.connect().takeEach({"state, tree 0-2"}).after(60s).cut().connect().takeEach({"state"});
   const auto echo = [this] {
     Message state = talk.last;
     state.isRetained = false;
@@ -277,8 +280,9 @@ TEST_F(ReporterTest, SendsTheTreesAgainThatTheBrokerHasLost) {
   change(0, "refused");
   talk.expect("change 0").refuse("no").takeEach({"The broker refuses 0: no, state"});
   talk.expect("list 0 held back: no").kept.clear();
-  talk.cut().connect().takeEach({"state"}).hear(echo()).after(1s);
-  talk.takeEach({"tree 1, state"}).after(4s).takeEach({"list 0 held back: no, tree 0"});
+  talk.cut().connect().takeEach({"state"}).hear(echo()).expect("tree 1");
+  EXPECT_EQ(talk.pause(), 500us) << "what changes goes out beside them";
+  talk.after(1s).takeEach({"tree 2, state"}).after(4s).takeEach({"list 0 held back: no, tree 0"});
 }
 
 // A broker may not keep lists, or not take one. Events get out meanwhile.
@@ -299,7 +303,9 @@ TEST_F(ReporterTest, WaitsWithListsThatEndConnections) {
   talk.connect().after(20s).takeEach({"state"}).expect("list 1").refuse("no");
   talk.expect("The broker refuses a list of the roots of a: no");
   talk.hear(ask).takeEach({"state"}).expect("list 1").cut();
-  talk.connect().takeEach({"state"}).expect("list 1");
+  talk.connect().takeEach({"state"}).expect("list 1").cut().forget();
+  talk.connect().takeEach({"state"}).after(1s);
+  EXPECT_EQ(talk.pause(), 4s) << "it was answered meanwhile";
 }
 
 TEST_F(ReporterTest, ComesAndGoesInOrder) {
@@ -317,8 +323,15 @@ TEST_F(ReporterTest, ComesAndGoesInOrder) {
   talk.takeEach({"removal 0", "no tree 0"}).after(1s).takeEach({"state", "no list"});
   EXPECT_TRUE(reporter.isSettled() && !reporter.view("0"));
   changeAll(0, 0);
-  talk.expect("tree 0").leave().expect("farewell, list 0").cut();
-  EXPECT_EQ(talk.pause(), Time::max() - Time(1003s));
+  talk.expect("tree 0")
+      .connect()
+      .after(1s)
+      .expect("state, tree 0")
+      .take("tree 0")
+      .leave()
+      .expect("farewell, list 0")
+      .cut();
+  EXPECT_EQ(talk.pause(), Time::max() - Time(1004s));
 }
 
 TEST_F(ReporterTest, TellsOfWhatCannotBe) {
@@ -340,6 +353,11 @@ TEST_F(ReporterTest, TellsOfWhatCannotBe) {
   talk.hear(state).expect("");
   state.isRetained = false;
   talk.hear(state).expect("Another process reports under the name a").hear(state).expect("");
+  orv::proto::monitoring::RootList list;
+  list.set_start(1);
+  list.add_roots()->set_root("x");
+  talk.hear({"orv/1/roots/7/a", list.SerializeAsString(), true, {}, {}}).after(24h).take();
+  EXPECT_EQ(talk.count("no tree"), 0) << "that is not its own";
 }
 
 TEST_F(ReporterTest, SaysWhereItsRootsAre) {
@@ -375,7 +393,11 @@ TEST_F(ReporterTest, ClearsWhatAnEarlierProcessLeft) {
   talk.withLists().connect().takeEach({"state"});
   talk.hear(list(1, "r")).expect("").hear(will(2)).expect("");
   talk.hear(will(1)).takeEach({"no tree r"}).after(1s).takeEach({"state", "no list"});
-  talk.hear(list(1, "s")).takeEach({"no tree s"}).after(1s).takeEach({"state", "no list"});
+  talk.hear(*talk.will)
+      .hear(list(1, "s"))
+      .takeEach({"no tree s"})
+      .after(1s)
+      .takeEach({"state", "no list"});
   talk.hear(will(4, "orv/1/state/a")).hear(list(4, "u")).takeEach({"no tree u"});
   talk.after(1s).takeEach({"state", "no list"});
   // It may end without a word.
@@ -390,7 +412,7 @@ TEST_F(ReporterTest, AnswersRequestsForTreesButNotWithoutEnd) {
   talk.expect("").after(1s).takeEach({"tree 0"}).hear(request("0")).after(10s).takeEach({"tree 0"});
   EXPECT_EQ(reporter.counters().requests, 3U);
   talk.after(590s).hear(request("0")).takeEach({"tree 0"}).hear(request("0")).after(10s);
-  talk.takeEach({"tree 0"}).hear(request("0")).after(10s).takeEach({"tree 0"});
+  talk.takeEach({"tree 0"}).hear(request("0", {1, 1})).after(10s).takeEach({"tree 0"});
   talk.hear(request("0"))
       .expect(
           "The tree of 0 was sent 3 times, and somebody still asks for it: is there a bridge "
@@ -402,6 +424,8 @@ TEST_F(ReporterTest, AnswersRequestsForTreesButNotWithoutEnd) {
       .after(10s)
       .takeEach({"tree 0"});
   talk.hear({"orv/1/request/a", "?", false, {}, {}}).expect("A request to a cannot be read");
+  changeAll(0, 0);
+  talk.expect("change 0").hear(request("0")).after(10s).expect("").take().takeEach({"tree 0"});
   // What is refused waits for its time, whoever asks.
   talk.withoutStates();
   change(0, "refused");
