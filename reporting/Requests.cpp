@@ -74,7 +74,6 @@ std::optional<std::string> Requests::next(Time now, std::mt19937_64& random) {
   if (first == nullptr || isFull()) return std::nullopt;
   std::string id = *first;
   agenda_.drop(id);
-  makeRoom(id);
   Needed& needed = needed_.at(id);
   const milliseconds pause = needed.pauses.next(random);
   agenda_.at(id, roundUp(now + pause, grainAgain));

@@ -62,7 +62,7 @@ void Roster::oweEvenIfEmpty(unsigned int partition) {
 }
 
 void Roster::doubtKept() {
-  for (auto& [partition, part] : parts_) part.isDoubted = part.version > 0;
+  for (auto& [partition, part] : parts_) part.isDoubted = true;
 }
 
 bool Roster::foundKept(unsigned int partition, std::uint64_t version) {

@@ -55,6 +55,7 @@ Message agreeing(const Message& said, const Roots& roots) {
   state.set_version(state.version() + 1);
   for (auto& part : *state.mutable_parts()) {
     part.set_roots(0);
+    part.set_sum(0);
     for (const auto& [id, latest] : roots) {
       if (Topics::partitionOf(id) != part.partition()) continue;
       part.set_roots(part.roots() + 1);
@@ -226,20 +227,46 @@ TEST_F(CollectorTest, AsksNobodyWhoIsGone) {
   talk.hear(state("a", 1, {{"r", {1, 1}}}).front()).hear(goodbye("a", 1)).after(60s).expect("");
 }
 
-TEST_F(CollectorTest, TakesOnlyAWholeTreeFromAProcessThatWasSetBack) {
-  talk.hear(state("a", 1, {{"r", {1, 5}}})).hear(tree("r", {1, 5})).forget();
-  std::vector<Message> said = state("a", 1, {{"r", {1, 5}}});
+TEST_F(CollectorTest, TakesOnlyWholeTreesFromAProcessThatWasSetBack) {
+  CollectorOptions options = seeded();
+  options.mostReviewed = 0;  // of two parts one is reviewed when the lists arrive
+  Collector portions(callbacks(), options);
+  Conversation other(portions);
+  const Roots roots = {{"a", {1, 5}}, {"r", {1, 5}}};
+  other.connect().hear(state("a", 1, roots)).hear(tree("a", {1, 5})).hear(tree("r", {1, 5}));
+  talk.forget();
+  std::vector<Message> said = state("a", 1, roots);
   orv::proto::monitoring::ReporterState state;
   state.ParseFromString(said.front().payload);
   state.set_connection(1);
   state.set_version(2);
-  state.mutable_parts(0)->set_version(1);
-  orv::proto::monitoring::RootList list;
-  list.ParseFromString(said.back().payload);
-  list.set_version(1);
+  for (auto& part : *state.mutable_parts()) part.set_version(1);
   said.front().payload = state.SerializeAsString();
-  said.back().payload = list.SerializeAsString();
-  talk.hear(said).after(1s).expect("r is out of date, ask a r");
+  for (auto message = said.begin() + 1; message != said.end(); ++message) {
+    orv::proto::monitoring::RootList list;
+    list.ParseFromString(message->payload);
+    list.set_version(1);
+    message->payload = list.SerializeAsString();
+  }
+  other.hear(said).after(1s);
+  talk.expect("a is out of date, r is out of date");
+  EXPECT_TRUE(other.count("ask a a") == 1 && other.count("ask a r") == 1);
+}
+
+// The event that is missed is none of what the state speaks of.
+TEST_F(CollectorTest, TakesAnEventForLaterThanTheStateBeforeIt) {
+  CollectorOptions options = seeded();
+  options.mostReviewed = 0;
+  Collector portions(callbacks(), options);
+  Conversation other(portions);
+  const Roots roots = {{"a", {1, 5}}, {"r", {1, 5}}};
+  const std::vector<Message> said = state("a", 1, roots);
+  std::vector<Message> next = {agreeing(said.front(), roots), change("r", {1, 9})};
+  for (const auto& root : roots) other.hear(tree(root.first, root.second));
+  other.connect().hear(said).cut().connect();
+  talk.forget();
+  other.hear(next);
+  talk.expect("a is current, r is current, r is out of date");
 }
 
 TEST_F(CollectorTest, KeepsTheTreesOfAReporterThatIsGone) {
@@ -324,7 +351,7 @@ TEST_F(CollectorTest, TakesAKeptStateForNoSignOfLife) {
 TEST_F(CollectorTest, AsksForNoListWhileAStateAgrees) {
   std::vector<Message> said = state("a", 1, {{"r", {1, 1}}});
   talk.hear(said).hear(tree("r", {1, 1})).expect("r is awaited, r is current");
-  for (const std::uint64_t n : {1U, 2U}) {
+  for (const std::uint64_t n : {1U, 2U, 1U}) {
     said.front() = agreeing(said.front(), {{"r", {1, n}}});
     talk.hear(said.front()).after(90s);
     EXPECT_EQ(talk.count("ask a part 213") > 0, n == 2);
@@ -461,7 +488,8 @@ TEST_F(CollectorTest, SaysOnceWhatItSeemsToHaveNoRightToRead) {
 
 TEST_F(CollectorTest, SaysOnceThatEventsAreTooLarge) {
   CollectorOptions options;
-  options.mostBytes = 80;
+  const Message most = tree("r", {1, 1}, std::string(50, 'x'));
+  options.mostBytes = most.payload.size();
   Collector small(callbacks(), options);
   Conversation other(small);
   const std::string large(100, 'x');
@@ -470,6 +498,8 @@ TEST_F(CollectorTest, SaysOnceThatEventsAreTooLarge) {
   other.hear(tree("r", {1, 2}, large));
   talk.expect("");
   EXPECT_EQ(small.view("r")->reason, "its events are larger than this collector takes");
+  other.hear(most);
+  talk.expect("An event of r is refused: The event holds the tree of another root");
 }
 
 }  // namespace

@@ -334,6 +334,26 @@ TEST_F(ReporterTest, ComesAndGoesInOrder) {
   EXPECT_EQ(talk.pause(), Time::max() - Time(1004s));
 }
 
+TEST_F(ReporterTest, HandsOverTheTreesOfAnEvent) {
+  ReporterCallbacks told;
+  told.published = [this](const std::string& id, const Step& step) {
+    talk.tell(id + " " + std::to_string(step.sequence.n) + (step.before ? " before" : "") +
+              (step.after ? " after" : ""));
+  };
+  Reporter telling("a", told, options());
+  Conversation other(telling);
+  const Tree tree = nodes::node("r");
+  telling.report(tree);
+  other.withoutStates().connect().takeEach({"tree r"});
+  tree->setGlobalStatus({{}, "changed"});
+  telling.report(tree);
+  other.takeEach({"change r"});
+  telling.remove("r");
+  other.takeEach({"removal r", "no tree r"});
+  talk.expect("r 1 after, r 2 before after, r 3 before");
+  EXPECT_TRUE(telling.counters().events == 3 && telling.counters().trees == 1);
+}
+
 TEST_F(ReporterTest, TellsOfWhatCannotBe) {
   EXPECT_THROW(Reporter("", {}), std::invalid_argument);
   Tree tree = nodes::node("99");

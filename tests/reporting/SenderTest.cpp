@@ -126,9 +126,11 @@ TEST(Sender, RepeatsNoTreeThatTheBrokerRefuses) {
   std::string text(1000, 'x');
   for (; !send(text, Time(21s)); text.back() ^= 1) sender.taken();
   sender.refused();
+  refusal = "an old one";
   EXPECT_FALSE(send(text, Time(21s)));
+  EXPECT_EQ(refusal, "");
+  EXPECT_EQ(sender.taken().after->getGlobalStatus(), live->getGlobalStatus());
   live = nullptr;
-  sender.taken();
   sender.requestTree();
   ASSERT_NE(sender.next(live, Time(99s), refusal), nullptr);
   EXPECT_EQ(sender.taken().event.event_type(), Event::DEVICE_REMOVE);
