@@ -670,7 +670,6 @@ void Reporter::Core::beginAnew() {
   roster_.oweAll();
   for (auto& [id, root] : roots_) {
     root.sender.restart(random_());
-    resends_.drop(id);
     root.isChanged = true;
     agenda_.drop(id);
     relist(id, root);

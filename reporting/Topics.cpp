@@ -151,11 +151,11 @@ std::optional<std::string> Topics::reporterOf(const std::string& topic) const {
 }
 
 std::optional<std::pair<unsigned int, std::string>> Topics::listOf(const std::string& topic) const {
-  const std::size_t slash = topic.rfind('/');
-  if (!startsWith(topic, roots_) || slash < roots_.size()) return std::nullopt;
+  if (!startsWith(topic, roots_)) return std::nullopt;
+  const std::string rest = topic.substr(roots_.size());
   unsigned int partition = PARTITIONS;
-  std::from_chars(&topic[roots_.size()], &topic[slash], partition);
-  const std::optional<std::string> name = decode(topic.substr(slash + 1));
+  std::from_chars(rest.data(), rest.data() + rest.size(), partition);
+  const std::optional<std::string> name = decode(rest.substr(rest.find('/') + 1));
   if (!name || partition >= PARTITIONS || roots(partition, *name) != topic) return std::nullopt;
   return std::pair(partition, *name);
 }

@@ -156,6 +156,10 @@ TEST_F(CollectorTest, OfAPartHearsOfThatPart) {
                                                     lists.substr(0, lists.size() - 1) + "+",
                                                     events.substr(0, events.size() - 1) + "+"}));
   EXPECT_EQ(some.roots(), std::vector<std::string>{"r"});
+  options.firstPartition = 0;
+  options.lastPartition = 1;
+  Collector first(callbacks(), options);
+  EXPECT_EQ(Conversation(first).connect().topics.back(), "orv/1/event/1/+");
   EXPECT_EQ(talk.topics, (std::vector<std::string>{"orv/1/state/+", "orv/1/gone/+",
                                                    "orv/1/roots/+/+", "orv/1/event/+/+"}));
 }
@@ -224,7 +228,17 @@ TEST_F(CollectorTest, AsksNobodyWhoIsGone) {
   kept.isRetained = true;
   talk.hear(kept).expect("ask a").after(60s).forget().cut().connect().expect("ask a");
   talk.connect().expect("ask a").hear({topics.state("a"), "", true, {}, {}}).after(60s).expect("");
-  talk.hear(state("a", 1, {{"r", {1, 1}}}).front()).hear(goodbye("a", 1)).after(60s).expect("");
+  for (const Message& end : {goodbye("a", 1), Message{topics.state("a"), "", true, {}, {}}}) {
+    talk.hear(state("a", 1, {{"r", {1, 1}}}).front()).hear(end).after(60s).expect("");
+  }
+  // Also while it is forgotten in portions.
+  CollectorOptions options = seeded();
+  options.mostReviewed = 0;
+  Collector portions({}, options);
+  Conversation other(portions);
+  other.connect().hear(state("a", 1, {{"a", {1, 1}}, {"r", {1, 1}}}));
+  portions.received({topics.state("a"), "", true, {}, {}}, Time(1000s));
+  other.connect().forget().after(60s).expect("");
 }
 
 TEST_F(CollectorTest, TakesOnlyWholeTreesFromAProcessThatWasSetBack) {
@@ -338,6 +352,8 @@ TEST_F(CollectorTest, MakesGoodWhatIsWrongOrLost) {
   // One that may be on its way.
   talk.hear(state("a", 1, {{"r", {1, 2}}})).after(4s).expect("").after(2s);
   talk.expect("r is out of date, ask a r after 1");
+  talk.hear(goodbye("a", 1)).hear(state("a", 1, {{"r", {1, 2}}}).front());
+  talk.expect("r has no reporter, r is out of date");
 }
 
 TEST_F(CollectorTest, TakesAKeptStateForNoSignOfLife) {
@@ -346,6 +362,10 @@ TEST_F(CollectorTest, TakesAKeptStateForNoSignOfLife) {
   talk.hear(kept).hear(tree("r", {1, 1}));
   talk.expect("r is awaited, ask a, r is out of date");  // for no tree: the reporter may be gone
   talk.hear(state("a", 1, {{"r", {1, 6}}})).after(10ms).expect("ask a r after 1");
+  // Nor is a list that may be of a process before.
+  std::vector<Message> said = state("b", 2, {{"s", {2, 1}}});
+  said.front().isRetained = true;
+  talk.hear(said).hear(tree("s", {2, 1})).expect("s is awaited, ask b, s is out of date");
 }
 
 TEST_F(CollectorTest, AsksForNoListWhileAStateAgrees) {
@@ -500,6 +520,8 @@ TEST_F(CollectorTest, SaysOnceThatEventsAreTooLarge) {
   EXPECT_EQ(small.view("r")->reason, "its events are larger than this collector takes");
   other.hear(most);
   talk.expect("An event of r is refused: The event holds the tree of another root");
+  other.after(61min).hear(tree("s", {1, 1}, large)).after(5s).hear(tree("s", {1, 2}, large));
+  talk.expect("An event of s is refused: it has 227 bytes");
 }
 
 }  // namespace

@@ -138,6 +138,27 @@ TEST_F(ReporterTest, SaysWhatItHoldsBack) {
       .take()
       .after(1s)
       .expect("state");
+  reporter.remove("0");
+  talk.take().expect("removal 0").refuse("no").takeEach({"The broker refuses 0: no, state"});
+  talk.expect("list 0 held back: no");
+}
+
+TEST_F(ReporterTest, LeavesTheProgramsLoopItsTurn) {
+  talk.connect();
+  changeAll(0, 149);
+  for (const int most : {100, 150}) {
+    talk.pause();
+    EXPECT_EQ(talk.count("tree"), most);
+  }
+  talk.forget().take();
+  for (const std::size_t root : {0U, 1U, 2U, 3U}) change(root, std::string(100'000, 'x'));
+  EXPECT_EQ(talk.pause(), 0s);
+  EXPECT_EQ(talk.count("change"), 3);
+  // Lists too, also before the process knows whether it was set back.
+  talk.withLists().after(0s).take().after(24h).take("state").forget().kept.clear();
+  talk.cut().connect().after(1s).take("state").forget();
+  talk.cut().connect().take("state");
+  EXPECT_GT(talk.count("list"), 100);
 }
 
 TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
@@ -155,11 +176,17 @@ TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
   EXPECT_EQ(second.last.sequence, Sequence::parse(second.last.sequence)->text());
   const std::string sequence = second.last.sequence;
   EXPECT_TRUE(after.isSettled());
+  Reporter copy("a", {}, seeded);
+  Conversation third(copy);
+  copy.report(nodes::node("r"));
+  third.connect().takeEach({"state, tree r"}).hear(first.kept.at("orv/1/state/a"));
+  EXPECT_EQ(third.count("tree r"), 1);
   after.received(first.kept.at("orv/1/state/a"), {});
   EXPECT_FALSE(after.isSettled());
   second.cut().connect().expect("state, tree r");
   EXPECT_EQ(Sequence::parse(second.last.sequence)->n, 1U);
   EXPECT_NE(second.last.sequence, sequence);
+  EXPECT_NE(second.last.sequence, third.last.sequence) << "of two copies each has its own";
   talk.expect("This process was set back in time, or copied: all trees are sent anew");
   orv::proto::monitoring::ReporterState state;
   state.ParseFromString(second.kept.at("orv/1/state/a").payload);
@@ -269,13 +296,14 @@ TEST_F(ReporterTest, KeepsAsManyEventsAsItMay) {
 }
 
 TEST_F(ReporterTest, SendsTheTreesAgainThatTheBrokerHasLost) {
-  changeAll(0, 2);
-  talk.connect().takeEach({"state, tree 0-2"}).after(60s).cut().connect().takeEach({"state"});
   const auto echo = [this] {
-    Message state = talk.last;
+    Message state = talk.kept.at("orv/1/state/a");
     state.isRetained = false;
     return state;
   };
+  changeAll(0, 2);
+  talk.connect().takeEach({"state, tree 0-2"}).after(60s);
+  talk.hear(echo()).expect("").cut().connect().takeEach({"state"});
   talk.hear(echo()).after(60s).expect("");
   change(0, "refused");
   talk.expect("change 0").refuse("no").takeEach({"The broker refuses 0: no, state"});
@@ -421,8 +449,10 @@ TEST_F(ReporterTest, ClearsWhatAnEarlierProcessLeft) {
   talk.hear(will(4, "orv/1/state/a")).hear(list(4, "u")).takeEach({"no tree u"});
   talk.after(1s).takeEach({"state", "no list"});
   // It may end without a word.
-  talk.hear(list(3, "t")).after(90s).hear(ask).after(1s).takeEach({"state"});
-  talk.after(10s).hear(ask).takeEach({"state, no tree t", "no list"});
+  Message other = list(3, "v");
+  other.topic = "orv/1/roots/8/a";
+  talk.hear(other).hear(list(3, "t")).after(90s).hear(ask).after(1s).takeEach({"state"});
+  talk.after(10s).hear(ask).takeEach({"state, no tree t, no tree v", "no list, no list"});
 }
 
 TEST_F(ReporterTest, AnswersRequestsForTreesButNotWithoutEnd) {

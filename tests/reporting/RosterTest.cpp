@@ -108,4 +108,15 @@ TEST_F(RosterTest, OwesWhatTheBrokerIsNotFoundToKeep) {
   EXPECT_FALSE(roster.oweDoubted()) << "it has just gone out";
 }
 
+TEST_F(RosterTest, DescribesThePartsThatHaveRoots) {
+  const std::vector<std::string> roots = {"a", "b", "c"};
+  for (const std::string& root : roots) roster.put(root, {1, 1}, "");
+  announced();
+  for (const std::string& root : roots) {
+    roster.drop(root);
+    EXPECT_EQ(state().parts_size(), 2);
+    roster.put(root, {1, 1}, "");
+  }
+}
+
 }  // namespace

@@ -65,6 +65,7 @@ TEST(Sender, SendsWhatReceiversCanTakeAndSaysWhatNot) {
     ASSERT_NE(other.next(live, now, refusal), nullptr);
     EXPECT_EQ(other.onItsWay()->event.event_type(), type);
     other.taken();
+    EXPECT_TRUE(other.kept().empty()) << "nobody could build on it";
     second->getStatus("s")->setValue(2UL);
   }
 }
@@ -77,7 +78,10 @@ TEST(Sender, KeepsNothingThatAReceiverMustNotBuildOn) {
     live->setGlobalStatus({{}, text});
     return sender.next(live, Time(1000s), refusal)->event.event_type();
   };
-  for (const char* const text : {"tree", "a", "b"}) send(text), sender.taken();
+  for (const char* const text : {"tree", "a", "b"})
+    send(text), sender.interrupted(), sender.taken();
+  send("c");
+  sender.refused();
   EXPECT_EQ(sender.lackedAfter({7, 1}), 2U);
   for (const Sequence& have : {Sequence{7, 0}, Sequence{7, 4}, Sequence{8, 1}}) {
     EXPECT_EQ(sender.lackedAfter(have), std::nullopt);
