@@ -193,7 +193,6 @@ void Reporter::Core::remove(const std::string& id) {
   const auto root = roots_.find(id);
   if (root == roots_.end()) return;
   root->second.live.reset();
-  root->second.isChanged = true;
   queue(id);
 }
 
@@ -665,7 +664,6 @@ void Reporter::Core::beginAnew() {
   gone_ = std::exchange(start_, random_());
   flights_.forget();
   stateOnItsWay_.reset();
-  listsOnTheirWay_.clear();
   stateDue_ = Time::min();
   roster_.oweAll();
   for (auto& [id, root] : roots_) {
@@ -675,7 +673,6 @@ void Reporter::Core::beginAnew() {
     relist(id, root);
     queue(id);
   }
-  clearLeft(*gone_);
 }
 
 void Reporter::Core::renewTrees(Time now) {

@@ -125,7 +125,7 @@ TEST_F(CollectorTest, OfTwoReportersOfOneRootFollowsTheFirst) {
   for (const std::uint64_t epoch : {1U, 2U}) {
     talk.hear(state("a", 1, {{"r", {epoch, 0}}})).hear(state("b", 2, {{"r", {9, 0}}}));
     talk.expect("r is awaited, The root r is reported by a and by b");
-    talk.hear(state("a", 1, {})).hear(state("b", 2, {})).expect("r is forgotten");
+    talk.hear(state("a", 1, {})).expect("").hear(state("b", 2, {})).expect("r is forgotten");
   }
 }
 
@@ -159,6 +159,7 @@ TEST_F(CollectorTest, OfAPartHearsOfThatPart) {
   options.firstPartition = 0;
   options.lastPartition = 1;
   Collector first(callbacks(), options);
+  EXPECT_THROW(first.resume("r", nodes::node("r"), {1, 1}), std::invalid_argument);
   EXPECT_EQ(Conversation(first).connect().topics.back(), "orv/1/event/1/+");
   EXPECT_EQ(talk.topics, (std::vector<std::string>{"orv/1/state/+", "orv/1/gone/+",
                                                    "orv/1/roots/+/+", "orv/1/event/+/+"}));
@@ -231,6 +232,7 @@ TEST_F(CollectorTest, AsksNobodyWhoIsGone) {
   for (const Message& end : {goodbye("a", 1), Message{topics.state("a"), "", true, {}, {}}}) {
     talk.hear(state("a", 1, {{"r", {1, 1}}}).front()).hear(end).after(60s).expect("");
   }
+  talk.hear(state("a", 1, {{"r", {1, 1}}}).front()).after(101s).forget().after(2h).expect("");
   // Also while it is forgotten in portions.
   CollectorOptions options = seeded();
   options.mostReviewed = 0;
@@ -288,7 +290,9 @@ TEST_F(CollectorTest, KeepsTheTreesOfAReporterThatIsGone) {
   talk.hear(state("b", 2, {}, false)).hear(state("a", 1, {{"r", {1, 1}}}).front());
   talk.hear(goodbye("a", 1)).after(3h).expect("r has no reporter");
   talk.hear(state("a", 1, {{"r", {1, 1}}})).cut().expect("r is current, r is out of date");
+  EXPECT_EQ(collector.view("r")->reason, "the collector is not connected");
   talk.after(1h).connect().after(99s);
+  EXPECT_EQ(talk.count("r is current"), 0);
   EXPECT_EQ(talk.count("r has no reporter"), 0) << "nobody could hear it before";
   talk.after(3s);
   EXPECT_EQ(talk.count("r has no reporter"), 1);
@@ -352,6 +356,9 @@ TEST_F(CollectorTest, MakesGoodWhatIsWrongOrLost) {
   // One that may be on its way.
   talk.hear(state("a", 1, {{"r", {1, 2}}})).after(4s).expect("").after(2s);
   talk.expect("r is out of date, ask a r after 1");
+  orv::proto::monitoring::TreeRequest request;
+  request.ParseFromString(talk.last.payload);
+  EXPECT_TRUE(request.have(0).epoch() == 1 && talk.last.expiry == 60s);
   talk.hear(goodbye("a", 1)).hear(state("a", 1, {{"r", {1, 2}}}).front());
   talk.expect("r has no reporter, r is out of date");
 }
@@ -460,6 +467,17 @@ TEST_F(CollectorTest, TellsThatAReporterIsGoneOnceAnyIsThere) {
   Message message = tree("r", {1, 1});
   message.reporter = "b";
   talk.hear(message).expect("r is out of date").hear(state("a", 1, {})).expect("r has no reporter");
+  // The broker has forgotten the tree.
+  const Message nothing{topics.event("r"), "", true, {}, {}};
+  talk.hear(nothing).expect("r is forgotten").after(62min).hear(state("b", 2, {})).expect("");
+  talk.hear(nothing).hear(state("b", 2, {{"r", {1, 1}}})).hear(tree("r", {1, 1})).hear(nothing);
+  talk.expect("r is awaited, r is current");
+  // The list says so without a state.
+  orv::proto::monitoring::RootList list;
+  list.set_start(2);
+  list.set_version(1'000'000);
+  talk.hear({topics.roots(Topics::partitionOf("r"), "b"), list.SerializeAsString(), false, {}, {}});
+  talk.expect("r is forgotten");
 }
 
 TEST_F(CollectorTest, ForgetsATreeThatItsReporterDoesNotHave) {
@@ -502,13 +520,17 @@ TEST_F(CollectorTest, SaysOnceWhatItSeemsToHaveNoRightToRead) {
   const std::string noLists = "States arrive and no lists: it seems that this user may not read ";
   talk.cut().forget().connect().hear(state("a", 1, {}).front()).after(90s);
   EXPECT_EQ(talk.count(noLists), 0) << "it has no roots";
+  std::vector<Message> said = state("a", 1, {{"r", {1, 1}}, {"held", {5, 0}}}, true, "full");
+  said.pop_back();
+  talk.cut().connect().hear(said).after(90s);
+  EXPECT_EQ(talk.count(noLists) + talk.count(noEvents), 0) << "one list is there";
   talk.cut().forget().connect().hear(state("a", 1, {{"new", {3, 1}}}).front()).after(90s);
   EXPECT_EQ(talk.count(noLists + "orv/1/roots/+/+"), 1);
 }
 
 TEST_F(CollectorTest, SaysOnceThatEventsAreTooLarge) {
   CollectorOptions options;
-  const Message most = tree("r", {1, 1}, std::string(50, 'x'));
+  const Message most = tree("r", {1, 10}, std::string(50, 'x'));
   options.mostBytes = most.payload.size();
   Collector small(callbacks(), options);
   Conversation other(small);
@@ -518,9 +540,14 @@ TEST_F(CollectorTest, SaysOnceThatEventsAreTooLarge) {
   other.hear(tree("r", {1, 2}, large));
   talk.expect("");
   EXPECT_EQ(small.view("r")->reason, "its events are larger than this collector takes");
+  other.hear(tree("r", {1, 2})).hear(change("r", {1, 9}));
+  EXPECT_EQ(small.view("r")->reason, "");
+  talk.forget();
   other.hear(most);
   talk.expect("An event of r is refused: The event holds the tree of another root");
-  other.after(61min).hear(tree("s", {1, 1}, large)).after(5s).hear(tree("s", {1, 2}, large));
+  other.after(61min);
+  talk.forget();
+  other.hear(tree("s", {1, 1}, large)).after(5s).hear(tree("s", {1, 2}, large));
   talk.expect("An event of s is refused: it has 227 bytes");
 }
 

@@ -3,6 +3,7 @@
 #include "proto/monitoring/reporting.pb.h"
 #include "reporting/Mark.h"
 #include "reporting/Reporter.h"
+#include "reporting/Topics.h"
 #include "tests/Nodes.h"
 #include "tests/reporting/Conversation.h"
 
@@ -93,9 +94,12 @@ TEST_F(ReporterTest, BlamesNoRootWhenTheConnectionEndsForOtherReasons) {
     talk.cut().connect().takeEach({"state"}).after(1s);
   }
   changeAll(0, 1);
-  talk.hear(ask).expect("state, change 0-1").cut().connect().expect("state, change 0").cut();
-  talk.connect().takeEach({"state, change 1"}).after(1s).takeEach({"change 0"});
-  talk.hear(ask).expect("state").cut().connect().expect("state");
+  talk.hear(ask).expect("state, change 0-1");
+  changeAll(0, 0);
+  talk.cut().connect().expect("state, change 0").cut();
+  talk.connect().takeEach({"state, change 1"}).after(1s).takeEach({"change 0", "change 0"});
+  talk.hear(ask).expect("state").refuse("no").expect("The broker refuses the state of a: no");
+  talk.cut().connect().expect("state").cut().connect().expect("state");
   talk.cut().expect("The broker refuses the state of a: It ends the connection");
   talk.connect().expect("state").cut().expect("");
 }
@@ -191,6 +195,7 @@ TEST_F(ReporterTest, IsAnotherProcessOnceItWasSetBack) {
   orv::proto::monitoring::ReporterState state;
   state.ParseFromString(second.kept.at("orv/1/state/a").payload);
   EXPECT_EQ(state.parts(0).sum(), markOf(hashOf("r"), {}));
+  EXPECT_EQ(state.connection(), 2U);
   second.take().cut().connect().takeEach({"state"});
   talk.expect("");
   // Its lists say so as well.
@@ -262,7 +267,9 @@ TEST_F(ReporterTest, SendsAgainWhatACollectorLacks) {
   tree->setGlobalStatus({{}, "new"});
   large.report(tree);
   other.hear(request("0", {Sequence::parse(other.last.sequence)->epoch, 1}));
-  other.takeEach({"change 0, change 0, change 0", "change 0, change 0, change 0"});
+  other.expect("change 0, change 0, change 0").after(1s);
+  other.hear(request("0", {Sequence::parse(other.last.sequence)->epoch, 5})).take();
+  other.takeEach({"change 0, change 0, change 0"});
 }
 
 TEST_F(ReporterTest, KeepsAsManyEventsAsItMay) {
@@ -292,7 +299,11 @@ TEST_F(ReporterTest, KeepsAsManyEventsAsItMay) {
   other.after(5s).takeEach({"no tree s"});
   const Sequence later = send("r", "change ");
   send("r", "change ");
-  other.hear(request("r", later)).expect("change r");
+  other.hear(request("r", later)).expect("change r").take();
+  // One that goes while somebody waits for its events.
+  other.hear(request("r", {later.epoch, later.n - 1}));
+  two.remove("r");
+  other.takeEach({"removal r", "no tree r"}).after(1s).expect("");
 }
 
 TEST_F(ReporterTest, SendsTheTreesAgainThatTheBrokerHasLost) {
@@ -308,7 +319,9 @@ TEST_F(ReporterTest, SendsTheTreesAgainThatTheBrokerHasLost) {
   change(0, "refused");
   talk.expect("change 0").refuse("no").takeEach({"The broker refuses 0: no, state"});
   talk.expect("list 0 held back: no").kept.clear();
-  talk.cut().connect().takeEach({"state"}).hear(echo()).expect("tree 1");
+  talk.cut();
+  reporter.report(nodes::node("-"));
+  talk.connect().takeEach({"state"}).hear(echo()).expect("tree -, tree 1");
   EXPECT_EQ(talk.pause(), 500us) << "what changes goes out beside them";
   talk.after(1s).takeEach({"tree 2, state"}).after(4s).takeEach({"list 0 held back: no, tree 0"});
 }
@@ -373,11 +386,14 @@ TEST_F(ReporterTest, HandsOverTheTreesOfAnEvent) {
   const Tree tree = nodes::node("r");
   telling.report(tree);
   other.withoutStates().connect().takeEach({"tree r"});
+  EXPECT_TRUE(other.last.isRetained);
   tree->setGlobalStatus({{}, "changed"});
   telling.report(tree);
   other.takeEach({"change r"});
+  EXPECT_FALSE(other.last.isRetained);
   telling.remove("r");
   other.takeEach({"removal r", "no tree r"});
+  EXPECT_TRUE(other.last.isRetained && other.last.sequence.empty());
   talk.expect("r 1 after, r 2 before after, r 3 before");
   EXPECT_TRUE(telling.counters().events == 3 && telling.counters().trees == 1);
 }
@@ -409,21 +425,28 @@ TEST_F(ReporterTest, TellsOfWhatCannotBe) {
 }
 
 TEST_F(ReporterTest, SaysWhereItsRootsAre) {
-  const auto parts = [this] {
+  const auto sum = [this] {
     orv::proto::monitoring::ReporterState state;
-    state.ParseFromString(talk.last.payload);
-    state.clear_version();
-    return state.SerializeAsString();
+    state.ParseFromString(talk.hear(ask).after(1s).forget().kept.at("orv/1/state/a").payload);
+    talk.take("state");
+    return state.parts(0).sum();
   };
   changeAll(0, 0);
-  talk.connect().takeEach({"state, tree 0"}).hear(ask).after(1s).takeEach({"state"});
-  const std::string before = parts();
+  talk.connect().takeEach({"state, tree 0"});
+  const std::uint64_t before = sum();
   changeAll(0, 0);
-  talk.expect("change 0").hear(ask).after(1s).expect("state");
-  const std::string onItsWay = parts();
+  const std::uint64_t onItsWay = talk.expect("change 0").sent() > 0 ? sum() : 0;
   EXPECT_NE(onItsWay, before) << "collectors have what is on its way before they have the state";
-  talk.take().hear(ask).after(1s).expect("state");
-  EXPECT_EQ(parts(), onItsWay);
+  talk.take();
+  EXPECT_EQ(sum(), onItsWay);
+  // What the broker refuses never was.
+  changeAll(0, 0);
+  talk.expect("change 0").refuse("no").after(5s).refuse("no");
+  EXPECT_EQ(sum(), onItsWay);
+  orv::proto::monitoring::TreeRequest request;
+  request.add_parts(Topics::partitionOf("0"));
+  talk.withLists().hear({"orv/1/request/a", request.SerializeAsString(), false, {}, {}});
+  talk.expect("list 0 held back: no, state");
 }
 
 TEST_F(ReporterTest, ClearsWhatAnEarlierProcessLeft) {
@@ -439,7 +462,9 @@ TEST_F(ReporterTest, ClearsWhatAnEarlierProcessLeft) {
     return Message{topic, state.SerializeAsString(), false, {}, {}};
   };
   talk.withLists().connect().takeEach({"state"});
-  talk.hear(list(1, "r")).expect("").hear(will(2)).expect("");
+  Message strange = list(2, "x");
+  strange.topic = "orv/1/roots/7/b";
+  talk.hear(list(1, "r")).hear(strange).expect("").hear(will(2)).expect("");
   talk.hear(will(1)).takeEach({"no tree r"}).after(1s).takeEach({"state", "no list"});
   talk.hear(*talk.will)
       .hear(list(1, "s"))
@@ -448,6 +473,7 @@ TEST_F(ReporterTest, ClearsWhatAnEarlierProcessLeft) {
       .takeEach({"state", "no list"});
   talk.hear(will(4, "orv/1/state/a")).hear(list(4, "u")).takeEach({"no tree u"});
   talk.after(1s).takeEach({"state", "no list"});
+  talk.hear(will(5, "orv/1/state/a")).after(1s).takeEach({"state"});
   // It may end without a word.
   Message other = list(3, "v");
   other.topic = "orv/1/roots/8/a";
@@ -482,6 +508,10 @@ TEST_F(ReporterTest, AnswersRequestsForTreesButNotWithoutEnd) {
   talk.expect("change 0").refuse("no").expect("The broker refuses 0: no");
   for (const auto pause : {5s, 10s}) talk.after(pause).expect("change 0").refuse("no");
   talk.hear(request("0")).after(20s - 1ms).expect("").after(1ms).takeEach({"tree 0"});
+  talk.after(6s);
+  change(0, "refused again");
+  talk.expect("change 0").hear(request("0")).refuse("no").after(5s - 1ms);
+  talk.expect("The broker refuses 0: no").after(1ms).takeEach({"tree 0"});
 }
 
 }  // namespace
