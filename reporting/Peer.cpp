@@ -109,7 +109,6 @@ bool Peer::take(unsigned int partition, const orv::proto::monitoring::RootList& 
 }
 
 void Peer::forgetVersions() {
-  version_ = 0;
   for (auto& [partition, part] : parts_) {
     part.version = 0;
     part.isConfirmed = part.agrees = false;

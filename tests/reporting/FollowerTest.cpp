@@ -39,7 +39,9 @@ TEST_F(FollowerTest, IsCurrentWhenNothingIsMissing) {
   EXPECT_EQ(error, "");
   EXPECT_TRUE(follower.isCurrent());
   EXPECT_EQ(takeTree({1, 1}), Outcome::OLD);
+  error = "an old one";
   EXPECT_EQ(take({1, 5}, change), Outcome::GAP);
+  EXPECT_EQ(error, "");
   EXPECT_EQ(take({1, 4}, change), Outcome::GAP);
   for (const std::uint64_t n : {2U, 3U, 4U, 5U}) {
     EXPECT_TRUE(follower.canCatchUp() && !follower.isCurrent()) << n;
@@ -61,6 +63,8 @@ TEST_F(FollowerTest, BelievesItsReporter) {
   takeTree({1, 4});
   take({1, 9}, change);
   follower.reported({1, 6}, false);
+  follower.reported({1, 3}, false);
+  EXPECT_FALSE(follower.isCurrent()) << "what was kept says nothing of that";
   follower.reported({1, 9}, true);
   EXPECT_FALSE(follower.isCurrent());
   follower.reported({1, 4}, true);

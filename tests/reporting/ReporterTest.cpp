@@ -409,6 +409,15 @@ TEST_F(ReporterTest, TellsOfWhatCannotBe) {
   talk.expect("list 1 held back: " + reason + ", state").take();
   reporter.report(nodes::node("1"));
   talk.takeEach({"list 1 held back: " + reason + ", tree 1"}).after(1s).takeEach({"state"});
+  // What the broker refuses is tried no more where it cannot be sent.
+  const Tree changed = nodes::node("1");
+  changed->setGlobalStatus({{}, "refused"});
+  reporter.report(changed);
+  talk.expect("change 1").refuse("no");
+  reporter.report(tree);
+  talk.after(5s).forget();
+  reporter.report(changed);
+  talk.expect("change 1").take().after(1s).forget().take();
   talk.hear({"orv/1/state/a", "?", false, {}, {}}).takeEach({"A state of a cannot be read, state"});
   orv::proto::monitoring::ReporterState other;
   other.set_start(1);
@@ -446,7 +455,7 @@ TEST_F(ReporterTest, SaysWhereItsRootsAre) {
   orv::proto::monitoring::TreeRequest request;
   request.add_parts(Topics::partitionOf("0"));
   talk.withLists().hear({"orv/1/request/a", request.SerializeAsString(), false, {}, {}});
-  talk.expect("list 0 held back: no, state");
+  talk.expect("list 0 held back: no, state").take().after(1s).expect("");
 }
 
 TEST_F(ReporterTest, ClearsWhatAnEarlierProcessLeft) {
