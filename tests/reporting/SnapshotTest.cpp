@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <random>
 
@@ -21,7 +22,8 @@ class LiveTree {
   void change() {
     const NodePtr device = nodes_.at(pick(nodes_.size()));
     const std::string text = std::to_string(pick(3));
-    const NamedStatus::Value values[] = {long(pick(2)), 5UL, 0.5 * pick(2), -0.0, NAN, text};
+    const std::array<NamedStatus::Value, 6> values = {long(pick(2)), 5UL, 0.5 * pick(2),
+                                                      -0.0,          NAN, text};
     const auto type = static_cast<NamedStatus::Type>(pick(4));
     const auto status = device->getStatus(text);
     const auto property = device->getProperties().find(text);
@@ -48,7 +50,7 @@ class LiveTree {
         return lowerLast(*device);
       default:
         if (kind < 15) return device->setGlobalStatus({GlobalStatus::Level(pick(4)), text});
-        if (status) status->setValue(values[pick(6)]);
+        if (status) status->setValue(values.at(pick(6)));
         if (status && kind == 15) status->unsetValue();
     }
   }
