@@ -38,10 +38,10 @@ class Observer final : public Endpoint, private Link {
       : roots_(roots), collector_(callbacks()), connection_(Broker::parse(broker), *this, log) {}
 
   void serve(milliseconds duration) { connection_.serve(duration); }
-  bool isConnected() const { return connection_.isConnected(); }
+  bool areAllCurrent() const { return current_.size() == roots_; }
 
   void awaitCurrent() {
-    await([this] { return current_.size() == roots_; });
+    await([this] { return areAllCurrent(); });
   }
 
   void await(const std::function<bool()>& isDone) {
@@ -207,7 +207,7 @@ Json measureForgetfulBroker(BrokerProcess& broker, std::size_t roots) {
       send(control, &now, sizeof now, 0);
     };
     tell();
-    while (observer.isConnected()) observer.serve(milliseconds(1));
+    while (observer.areAllCurrent()) observer.serve(milliseconds(1));
     tell();
   });
   old.read();
